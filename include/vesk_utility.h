@@ -1,0 +1,10 @@
+// vesk_utility.h - the one header a firmware module includes for the whole interface of the
+// utility layer (namespace vesk_soft).
+#ifndef VESK_UTILITY_H
+#define VESK_UTILITY_H
+
+#include "vesk_utility_types.h"
+#include "vesk_utility_core.h"
+#include "vesk_utility_memory.h"
+
+#endif  // VESK_UTILITY_H

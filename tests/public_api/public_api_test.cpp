@@ -1,0 +1,103 @@
+// A firmware module's view of the layer: this file sees only vesk_utility.h and links only
+// the shared library. It calls every entry point of the entry, registry, helper and
+// accounting families with their exported signatures and checks what a caller can observe.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "vesk_utility.h"
+
+using namespace vesk_soft;
+
+namespace
+{
+int s_failures = 0;
+void check(bool ok, const char* what)
+{
+    if (!ok) {
+        fprintf(stderr, "FAILED: %s\n", what);
+        s_failures++;
+    }
+}
+} // namespace
+
+#define CHECK(expr) check((expr), #expr)
+
+int main()
+{
+    char root[] = "/tmp/vesk_api.XXXXXX";
+    CHECK(mkdtemp(root) != nullptr);
+    setenv("VESK_UTILITY_ROOT", root, 1);
+
+    CHECK(vesk_utility_malloc(0x40, 1, 16, 1) == nullptr); // refused before init
+    CHECK(vesk_utility_init(VESK_UTILITY_OPS_MAIN_APP) == VESK_OK);
+    CHECK(vesk_utility_init(VESK_UTILITY_OPS_PROXY_SERVER) == VESK_OK);
+
+    void* a = vesk_utility_malloc(0x40, 0x4001, 100, 16);
+    CHECK(a != nullptr && reinterpret_cast<uintptr_t>(a) % 16 == 0);
+    void* c = vesk_utility_calloc(0x40, 0x4002, 10, 10);
+    CHECK(c != nullptr && static_cast<unsigned char*>(c)[99] == 0);
+    a = vesk_utility_realloc(0x40, 0x4001, a, 200, __FILE__, __func__, 16);
+    CHECK(a != nullptr);
+    char* s = vesk_utility_strdup(0x40, 0x4003, "camera", 3);
+    CHECK(s != nullptr && strcmp(s, "cam") == 0);
+    void* r = vesk_utility_av_reader_malloc(0x40, 0x4004, 64);
+    CHECK(r != nullptr);
+    CHECK(vesk_utility_av_reader_free(__FILE__, __func__, r) == VESK_OK);
+    CHECK(vesk_utility_free(__FILE__, __func__, a) == VESK_OK);
+    CHECK(vesk_utility_free(__FILE__, __func__, c) == VESK_OK);
+    CHECK(vesk_utility_free(__FILE__, __func__, s) == VESK_OK);
+
+    CHECK(vesk_utility_note_malloc(0x40, 0x4005, 10) == VESK_OK);
+    CHECK(vesk_utility_note_free(__FILE__, __func__, 0x40, 0x4005, 10) == VESK_OK);
+    CHECK(vesk_utility_note_new(0x40, 0x4006, 10) == VESK_OK);
+    CHECK(vesk_utility_note_delete(__FILE__, __func__, 0x40, 0x4006, 10) == VESK_OK);
+    CHECK(vesk_utility_note_new("api_class") == VESK_OK);
+    CHECK(vesk_utility_note_delete("api_class") == VESK_OK);
+
+    unsigned total = 0, free_kb = 0, buffers = 0, cached = 0;
+    CHECK(vesk_utility_get_system_mem_info(total, free_kb, buffers, cached) == VESK_OK && total > free_kb);
+    vesk_utility_dump_rss(0);
+
+    const int sock = vesk_utility_open_socket(0x40, "api", AF_UNIX, SOCK_STREAM, 0);
+    CHECK(sock >= 0 && vesk_utility_is_valid_socket(sock));
+    CHECK(vesk_utility_close_socket(__FILE__, __func__, sock) == VESK_OK && !vesk_utility_is_valid_socket(sock));
+    const int fd = vesk_utility_open(0x40, "api", "/dev/null", O_RDONLY, 0);
+    CHECK(fd >= 0 && vesk_utility_is_valid_open_fd(fd));
+    CHECK(vesk_utility_close(__FILE__, __func__, fd) == VESK_OK);
+    FILE* fp = vesk_utility_fopen(0x40, "api", "/dev/null", "r");
+    CHECK(fp != nullptr && vesk_utility_is_valid_fopen_fd(fp));
+    CHECK(vesk_utility_fclose(__FILE__, __func__, fp) == VESK_OK);
+
+    CHECK(vesk_utility_min(1, 2) == 1 && vesk_utility_min(1u, 2u) == 1u);
+    CHECK(vesk_utility_max(1, 2) == 2 && vesk_utility_max(1u, 2u) == 2u);
+    CHECK(vesk_utility_middle(5, 0, 3) == 3 && vesk_utility_middle(5u, 0u, 9u) == 5u);
+    CHECK(vesk_utility_cnt_interval(1, 4) == 3u && vesk_utility_cnt_interval(1L, 4L) == 3UL
+        && vesk_utility_cnt_interval(0xFFFFFFFFu, 0u) == 0u);
+    unsigned bits = 0;
+    vesk_utility_set_bit(bits, 3);
+    CHECK(vesk_utility_tst_bit(bits, 3));
+    vesk_utility_clr_bit(bits, 3);
+    CHECK(bits == 0);
+    vesk_utility_sleep_ms(1);
+
+    char pool[8];
+    unsigned wr = 0, rd = 0;
+    CHECK(vesk_utility_add_circle_data(pool, 8, wr, rd, "abc", 3) == VESK_OK);
+    char *p1, *p2;
+    unsigned len1, len2;
+    vesk_utility_fetch_circle_data(pool, 8, wr, rd, p1, len1, p2, len2);
+    CHECK(len1 == 3 && memcmp(p1, "abc", 3) == 0 && p2 == nullptr);
+    CHECK(vesk_utility_del_circle_data(pool, 8, wr, rd, 3) == VESK_OK && rd == 3);
+
+    VESK_BOOL b = 1;
+    CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);
+
+    rmdir(root);
+    fprintf(stderr, "%s\n", s_failures == 0 ? "public API: all checks passed" : "public API: failures");
+    return s_failures == 0 ? 0 : 1;
+}

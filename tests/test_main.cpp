@@ -1,0 +1,19 @@
+// Main of the subsystem test executables: a private root, then the layer initialised as the
+// main application, once per process, never torn down.
+#include <gtest/gtest.h>
+
+#include "test_support.h"
+#include "vesk_utility.h"
+
+int main(int argc, char** argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    // Death tests re-execute the binary, so a child starts from a clean, single-threaded
+    // process even though the timer threads run in the parent.
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    vesk_test::make_private_root();
+    vesk_soft::vesk_utility_init(vesk_soft::VESK_UTILITY_OPS_MAIN_APP);
+    const int result = RUN_ALL_TESTS();
+    vesk_test::remove_private_root();
+    return result;
+}
