@@ -65,7 +65,10 @@ VESK_ERR vesk_utility_init(vesk_utility_ops_type ops)
         return VESK_OK;
     pthread_mutex_lock(&s_init_lock);
     if (vesk_ops_type() == 0) {
-        install_sqlite_allocator();
+        // SQLite refuses a new allocator once it is in use; its heap then stays unaccounted.
+        const int sqlite_ret = install_sqlite_allocator();
+        if (sqlite_ret != 0)
+            VESK_WARN_FN("sqlite3_config ret = %d, sqlite memory is not accounted!\n", sqlite_ret);
         install_protocol_allocators();
         res()->construct_res(ops);
         s_ops_type.store(ops, std::memory_order_release);
