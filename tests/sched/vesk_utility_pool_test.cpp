@@ -270,8 +270,9 @@ TEST(LittlePoolTest, BestFitSplitThresholdAndChunkRelease)
     // Exactly 100: the first 100-byte hole in address order (b[5]'s).
     char* exact = static_cast<char*>(pool->malloc(0x63, 0x6301, 96));
     EXPECT_EQ(exact, b[5]);
-    // 60 (need 64): the smallest hole that fits is b[1]'s 100, within need + NH + 32: used whole.
-    char* whole = static_cast<char*>(pool->malloc(0x63, 0x6302, 60));
+    // The smallest hole that fits is b[1]'s 100 bytes; a need that leaves exactly NH + 32
+    // beside it still takes it whole.
+    char* whole = static_cast<char*>(pool->malloc(0x63, 0x6302, 100 - NH - 32 - 4));
     EXPECT_EQ(whole, b[1]);
     EXPECT_EQ(node_of(whole)->mem_size, 100u);
     // 12 (need 16) into the 204-byte hole: split, the new node at the hole's tail.
