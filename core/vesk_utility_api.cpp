@@ -12,6 +12,7 @@
 #include "vesk_utility_hooks.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
+#include "vesk_utility_pool.h"
 #include "vesk_utility_resource.h"
 
 namespace vesk_utility {
@@ -246,16 +247,7 @@ char* vesk_utility_strdup(vesk_user_id usr_id, vesk_memmory_purpose purpose, con
         VESK_ERR_FN("not init");
         return nullptr;
     }
-    if (s == nullptr)
-        return nullptr;
-    // Until the string pool takes strings over, copies come from the accounted heap.
-    const size_t n = strnlen(s, len);
-    char* copy = static_cast<char*>(vesk_malloc(usr_id, purpose, static_cast<unsigned>(n + 1), 1));
-    if (copy != nullptr) {
-        memcpy(copy, s, n);
-        copy[n] = '\0';
-    }
-    return copy;
+    return res()->get_string_pool()->strdup(usr_id, purpose, s, len, nullptr);
 }
 
 VESK_ERR vesk_utility_free(const char* file, const char* func, const void* p)
@@ -273,7 +265,7 @@ void* vesk_utility_av_reader_malloc(vesk_user_id usr_id, vesk_memmory_purpose pu
         VESK_ERR_FN("not init");
         return nullptr;
     }
-    return vesk_malloc(usr_id, purpose, size, 1);
+    return res()->get_av_reader_pool()->malloc(usr_id, purpose, size);
 }
 
 VESK_ERR vesk_utility_av_reader_free(const char* file, const char* func, const void* p)
@@ -282,6 +274,9 @@ VESK_ERR vesk_utility_av_reader_free(const char* file, const char* func, const v
         VESK_ERR_FN("not init");
         return VESK_ERR_NOT_INIT;
     }
+    // Requests too large for the pool's chunks came from the heap.
+    if (p == nullptr || res()->get_av_reader_pool()->try_free(file, func, p) == VESK_OK)
+        return VESK_OK;
     return vesk_free(file, func, p);
 }
 

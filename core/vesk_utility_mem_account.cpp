@@ -7,6 +7,7 @@
 
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_layout.h"
+#include "vesk_utility_pool.h"
 #include "vesk_utility_resource.h"
 
 namespace vesk_utility {
@@ -33,6 +34,9 @@ uint32_t s_av_refuse_cnt = 0;                  // GUARDED_BY(s_av_lock); wraps a
 void (*s_rotate_waker)() = nullptr;            // GUARDED_BY(s_av_lock)
 
 constexpr uint32_t k_av_refuse_period = 1000;
+
+// The largest request the little-memory pool serves.
+constexpr unsigned k_little_block_max = 4096;
 
 }  // namespace
 
@@ -361,6 +365,13 @@ void* vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned si
         }
         return p;
     }
+    // Small blocks stay out of the system heap; SQLite's are excluded, since it sizes and
+    // frees them through the heap's own size query.
+    if (size <= k_little_block_max && align <= 4 && usr_id != VESK_USER_SQLITE) {
+        utility_little_mem_pool* pool = vesk_utility_res_manage::instance()->little_mem_pool_if_built();
+        if (pool != nullptr)
+            return pool->malloc(usr_id, purpose, size);
+    }
     return account.proc_vesk_malloc(usr_id, purpose, size, align);
 }
 
@@ -373,9 +384,33 @@ VESK_ERR vesk_free(const char* file, const char* func, const void* p)
 {
     if (p == nullptr)
         return VESK_OK;
-    vesk_utility_res_manage::instance()->mem_account().proc_vesk_free(file, func, p);
+    vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
+    utility_string_pool* strings = res->string_pool_if_built();
+    if (strings != nullptr && strings->try_free(file, func, p) == VESK_OK)
+        return VESK_OK;
+    utility_little_mem_pool* little = res->little_mem_pool_if_built();
+    if (little != nullptr && little->try_free(file, func, p) == VESK_OK)
+        return VESK_OK;
+    res->mem_account().proc_vesk_free(file, func, p);
     return VESK_OK;
 }
+
+namespace {
+
+// The caller's size of any block the general free takes: pooled ones from their pool.
+VESK_ERR block_size(const char* file, const char* func, const void* p, unsigned& size)
+{
+    vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
+    utility_little_mem_pool* little = res->little_mem_pool_if_built();
+    if (little != nullptr && little->get_mem_size(file, func, p, size) == VESK_OK)
+        return VESK_OK;
+    utility_string_pool* strings = res->string_pool_if_built();
+    if (strings != nullptr && strings->get_mem_size(file, func, p, size) == VESK_OK)
+        return VESK_OK;
+    return vesk_get_mem_size(file, func, p, size);
+}
+
+}  // namespace
 
 void* vesk_realloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, void* p, unsigned size, const char* file,
                    const char* func, unsigned align)
@@ -390,7 +425,7 @@ void* vesk_realloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, void* p, u
         return nullptr;
     }
     unsigned old_size = 0;
-    if (vesk_get_mem_size(file, func, p, old_size) != VESK_OK) {
+    if (block_size(file, func, p, old_size) != VESK_OK) {
         VESK_ERR_FN("caller_id = 0x%x, purpose = 0x%x, memory = %p, fetch size fail!\n", usr_id, purpose, p);
         vesk_free(file, func, p);
         return nullptr;

@@ -5,10 +5,12 @@
 #include <curl/curl.h>
 
 #include <mutex>
+#include <new>
 
 #include "vesk_utility_core.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
+#include "vesk_utility_pool.h"
 
 namespace vesk_utility {
 
@@ -20,6 +22,16 @@ std::atomic<vesk_utility_res_manage*> s_res_manage{nullptr};
 std::mutex s_res_manage_lock;
 
 constexpr unsigned k_endless_dump_period_ms = 15000;
+
+// A service object in an accounted block (user 0x13): it lives as long as the process.
+template <class T, class... Args>
+T* new_accounted(vesk_memmory_purpose purpose, Args... args)
+{
+    void* mem = vesk_utility_res_manage::instance()->mem_account().proc_vesk_malloc(VESK_USER_UTILITY, purpose,
+                                                                                    sizeof(T), alignof(T));
+    VESK_ASSERT(mem != NULL);
+    return new (mem) T(args...);
+}
 
 struct titled_list {
     vesk_handle_list list;
@@ -61,8 +73,17 @@ vesk_utility_res_manage::~vesk_utility_res_manage()
 void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
 {
     m_registry.init_node_pool();
-    // The A/V-reader pool, little-memory pool, string pool and thread pool come next, then
-    // the role's system-command client and diagnose agent.
+    // Published one by one: from here on small blocks and strings are routed into them.
+    __atomic_store_n(&m_av_reader_pool,
+                     new_accounted<utility_little_mem_pool>(k_purpose_av_reader_pool, k_av_reader_pool_chunk_size,
+                                                            k_purpose_av_reader_pool),
+                     __ATOMIC_RELEASE);
+    __atomic_store_n(&m_little_mem_pool,
+                     new_accounted<utility_little_mem_pool>(k_purpose_little_mem_pool, k_little_mem_pool_chunk_size,
+                                                            k_purpose_little_mem_pool),
+                     __ATOMIC_RELEASE);
+    __atomic_store_n(&m_string_pool, new_accounted<utility_string_pool>(k_purpose_string_pool), __ATOMIC_RELEASE);
+    // The thread pool comes next, then the role's system-command client and diagnose agent.
     switch (ops) {
     case VESK_UTILITY_OPS_MAIN_APP:
     case VESK_UTILITY_OPS_PROXY_SERVER:

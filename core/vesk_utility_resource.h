@@ -47,6 +47,18 @@ public:
     vesk_utility_watch_dog_manage* get_watch_dog_manage();
     vesk_utility_event_manage* get_event_manage();
 
+    // The pools as the allocator's routing sees them: NULL until construct_res has built them,
+    // so that allocations made before initialisation (SQLite, the node pool) use the heap.
+    utility_string_pool* string_pool_if_built() const { return __atomic_load_n(&m_string_pool, __ATOMIC_ACQUIRE); }
+    utility_little_mem_pool* little_mem_pool_if_built() const
+    {
+        return __atomic_load_n(&m_little_mem_pool, __ATOMIC_ACQUIRE);
+    }
+    utility_little_mem_pool* av_reader_pool_if_built() const
+    {
+        return __atomic_load_n(&m_av_reader_pool, __ATOMIC_ACQUIRE);
+    }
+
     vesk_mem_account& mem_account() { return m_mem_account; }
     vesk_note_tree& malloc_note() { return m_malloc_note; }
     vesk_note_tree& new_note() { return m_new_note; }

@@ -46,7 +46,8 @@ long off(size_t field)
 
 TEST(MemAccountTest, HeaderAndTrailerHoldCallerPurposeSizesAndCheckWord)
 {
-    const unsigned size = 16;
+    // Above the little-memory pool's limit, so the block comes from the heap even with align 1.
+    const unsigned size = 5000;
     void* p = vesk_utility_malloc(0x41, 0x4242, size, 1);
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(read_u32(p, off(offsetof(vesk_mem_head, magic))), 0x13149527u);
@@ -120,11 +121,11 @@ TEST(MemAccountTest, ReallocCallocAndStrdup)
     ASSERT_NE(q, nullptr);
     for (int i = 0; i < 10000; i++)
         ASSERT_EQ(q[i], static_cast<char>(i * 7));
-    char* r = static_cast<char*>(vesk_utility_realloc(0x43, 0x4303, q, 3000, __FILE__, __func__, 1));
+    char* r = static_cast<char*>(vesk_utility_realloc(0x43, 0x4303, q, 6000, __FILE__, __func__, 1));
     ASSERT_NE(r, nullptr);
-    for (int i = 0; i < 3000; i++)
+    for (int i = 0; i < 6000; i++)
         ASSERT_EQ(r[i], static_cast<char>(i * 7));
-    EXPECT_EQ(account().total_size(), base_total + 3000);
+    EXPECT_EQ(account().total_size(), base_total + 6000);
     const std::string out = vesk_test::capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_realloc(0x43, 0x4304, r, 0, __FILE__, __func__, 1), nullptr); });
     EXPECT_NE(out.find("caller_id = 0x43, purpose = 0x4304, free old1\n"), std::string::npos) << out;
@@ -219,10 +220,11 @@ TEST_F(MemBudgetTest, RefusalWarnsOncePerThousandAndRotationIsWoken)
 
 TEST(MemDumpTest, ByModuleAggregatesCallersAndPurposesWithUnits)
 {
-    void* a = vesk_utility_malloc(0x7A, 0x7A01, 1000, 1);
+    // Align 8 keeps the small blocks out of the little-memory pool, on the live list.
+    void* a = vesk_utility_malloc(0x7A, 0x7A01, 1000, 8);
     void* b = vesk_utility_malloc(0x7A, 0x7A02, 2 * 1024 * 1024, 1);
-    void* c = vesk_utility_malloc(0x7A, 0x7A03, 3000, 1);
-    void* d = vesk_utility_malloc(0x7A, 0x7A03, 2500, 1);
+    void* c = vesk_utility_malloc(0x7A, 0x7A03, 3000, 8);
+    void* d = vesk_utility_malloc(0x7A, 0x7A03, 2500, 8);
     const std::string out = vesk_test::capture_stdout([] { account().dump_by_module(vesk_print_stdout); });
     EXPECT_NE(out.find("caller = 0x7a, total malloc = 2.0MB!\n"), std::string::npos) << out;
     EXPECT_NE(out.find("\tpurpose = 0x7a01, total malloc = 1000!\n"), std::string::npos) << out;
@@ -248,7 +250,7 @@ TEST(MemDumpTest, TableOverflowStopsTheAggregation)
     // 70 callers: the 65th distinct one ends the walk.
     void* blocks[70];
     for (int i = 0; i < 70; i++)
-        blocks[i] = vesk_utility_malloc(0x1000 + i, 0x1, 8, 1);
+        blocks[i] = vesk_utility_malloc(0x1000 + i, 0x1, 8, 8); // align 8: heap blocks
     std::string out = vesk_test::capture_stdout([] { account().dump_by_module(vesk_print_stdout); });
     EXPECT_EQ(vesk_test::count_of(out, "caller over flow!\n"), 1);
     EXPECT_EQ(vesk_test::count_of(out, "caller = 0x"), 64);
@@ -257,7 +259,7 @@ TEST(MemDumpTest, TableOverflowStopsTheAggregation)
 
     // 65 purposes of one caller.
     for (int i = 0; i < 65; i++)
-        blocks[i] = vesk_utility_malloc(0x7B, 0x100 + i, 8, 1);
+        blocks[i] = vesk_utility_malloc(0x7B, 0x100 + i, 8, 8);
     out = vesk_test::capture_stdout([] { account().dump_by_module(vesk_print_stdout); });
     EXPECT_EQ(vesk_test::count_of(out, "caller = 0x7b, purpose over flow!\n"), 1) << out;
     EXPECT_EQ(vesk_test::count_of(out, "\tpurpose = 0x1"), 64);
@@ -271,7 +273,7 @@ TEST(MemAccountDeathTest, OverrunByOneByteIsCaughtAtFree)
 {
     VESK_EXPECT_FATAL(
         {
-            char* p = static_cast<char*>(vesk_utility_malloc(0x44, 0x4401, 16, 1));
+            char* p = static_cast<char*>(vesk_utility_malloc(0x44, 0x4401, 16, 8)); // a heap block
             p[16] = 0;
             vesk_utility_free("record.cpp", "flush", p);
         },
@@ -297,7 +299,7 @@ TEST(MemAccountDeathTest, ChangedHeaderWordFailsTheCheckWord)
     // The purpose byte sits at header offset 20 on the target (24 on a 64-bit host).
     VESK_EXPECT_FATAL(
         {
-            char* p = static_cast<char*>(vesk_utility_malloc(0x45, 0x4501, 32, 1));
+            char* p = static_cast<char*>(vesk_utility_malloc(0x45, 0x4501, 32, 8));
             p[off(offsetof(vesk_mem_head, purpose))] ^= 0x10;
             vesk_utility_free("gui.cpp", "close", p);
         },
@@ -309,7 +311,7 @@ TEST(MemAccountDeathTest, DoubleFreeIsFatal)
 {
     VESK_EXPECT_FATAL(
         {
-            void* p = vesk_utility_malloc(0x46, 0x4601, 64, 1);
+            void* p = vesk_utility_malloc(0x46, 0x4601, 64, 8);
             vesk_utility_free("a.cpp", "first", p);
             vesk_utility_free("a.cpp", "second", p);
         },

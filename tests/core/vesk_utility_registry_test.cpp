@@ -5,6 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -12,6 +15,7 @@
 #include "vesk_utility.h"
 #include "vesk_utility_handle.h"
 #include "vesk_utility_log.h"
+#include "vesk_utility_pool.h"
 #include "vesk_utility_resource.h"
 
 using namespace vesk_soft;
@@ -23,6 +27,17 @@ namespace
 vesk_mem_account& account()
 {
     return vesk_utility_res_manage::instance()->mem_account();
+}
+
+// Bytes the little-memory pool holds for a caller, from its summary dump.
+unsigned little_pool_used_by(vesk_user_id usr_id)
+{
+    const std::string out = vesk_test::capture_stdout(
+        [] { vesk_utility_res_manage::instance()->get_little_mem_pool()->diagnose(1, vesk_print_stdout); });
+    char key[48];
+    snprintf(key, sizeof(key), "usr_id = 0x%x, used_size = ", usr_id);
+    const size_t at = out.find(key);
+    return at == std::string::npos ? 0 : static_cast<unsigned>(atoi(out.c_str() + at + strlen(key)));
 }
 
 bool fd_is_open(int fd)
@@ -41,16 +56,19 @@ TEST(RegistryTest, PoolOverflowNodesAreAllocatedAndFreedNotPooled)
         ASSERT_EQ(reg.save_node(VESK_LIST_URL, h, 0x13, "pooled"), VESK_OK);
     EXPECT_EQ(reg.free_pool_nodes(), 0u);
 
-    // The 1121st node comes from the heap, accounted as a registry node.
+    // The 1121st node is allocated (a small block: from the little-memory pool), accounted to
+    // the layer itself.
     const uint32_t before = account().total_size();
+    const unsigned pooled_before = little_pool_used_by(VESK_USER_UTILITY);
     ASSERT_EQ(reg.save_node(VESK_LIST_URL, 1121, 0x13, "extra"), VESK_OK);
-    EXPECT_EQ(account().total_size(), before + sizeof(vesk_registry_node));
+    EXPECT_EQ(little_pool_used_by(VESK_USER_UTILITY), pooled_before + sizeof(vesk_registry_node));
     EXPECT_EQ(reg.list_size(VESK_LIST_URL), 1121u);
     EXPECT_EQ(reg.is_valid(VESK_LIST_URL, 1121), 1);
     EXPECT_EQ(reg.is_valid(VESK_LIST_MD5, 1121), 0); // lists are separate
 
     // Released: freed, not pooled.
     ASSERT_EQ(reg.delete_node(VESK_LIST_URL, 1121), VESK_OK);
+    EXPECT_EQ(little_pool_used_by(VESK_USER_UTILITY), pooled_before);
     EXPECT_EQ(account().total_size(), before);
     EXPECT_EQ(reg.free_pool_nodes(), 0u);
     // A pool node goes back to the free list.

@@ -13,6 +13,7 @@
 #include "vesk_utility.h"
 #include "vesk_utility_handle.h"
 #include "vesk_utility_log.h"
+#include "vesk_utility_pool.h"
 #include "vesk_utility_registry.h"
 #include "vesk_utility_resource.h"
 
@@ -78,11 +79,15 @@ TEST(PreInitTest, MainRoleInitialisesOnceEvenFromManyThreads)
             bool ok = vesk_ops_type() == 1;
             for (VESK_ERR r : results)
                 ok = ok && r == VESK_OK;
-            // Built once: the only accounted block is the registry's node pool.
+            // Built once: the accounted blocks are the registry's node pool and the three pool
+            // objects; the pools hold no chunk until their first allocation.
             vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
-            ok = ok && res->mem_account().live_blocks() == 1
+            ok = ok && res->mem_account().live_blocks() == 4
                 && res->mem_account().total_size() == 1120 * sizeof(vesk_registry_node)
-                && res->registry().free_pool_nodes() == 1120;
+                        + 2 * sizeof(utility_little_mem_pool) + sizeof(utility_string_pool)
+                && res->registry().free_pool_nodes() == 1120
+                && res->get_little_mem_pool()->total_mem_size() == 0
+                && res->get_string_pool()->total_mem_size() == 0;
             // A later call with another role changes nothing.
             ok = ok && vesk_utility_init(VESK_UTILITY_OPS_PROXY_SERVER) == VESK_OK && vesk_ops_type() == 1;
             exit(ok ? 0 : 1);
