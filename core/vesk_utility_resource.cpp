@@ -9,6 +9,7 @@
 #include "vesk_utility_core.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
+#include "vesk_utility_thread_pool.h"
 
 namespace vesk_utility {
 
@@ -61,8 +62,9 @@ vesk_utility_res_manage::~vesk_utility_res_manage()
 void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
 {
     m_registry.init_node_pool();
-    // The A/V-reader pool, little-memory pool, string pool and thread pool come next, then
-    // the role's system-command client and diagnose agent.
+    // The A/V-reader pool, little-memory pool and string pool come next, then the thread pool,
+    // then the role's system-command client and diagnose agent.
+    m_thread_pool = new utility_thread_pool();
     switch (ops) {
     case VESK_UTILITY_OPS_MAIN_APP:
     case VESK_UTILITY_OPS_PROXY_SERVER:
@@ -78,7 +80,7 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     }
 }
 
-vesk_utility_thread_pool* vesk_utility_res_manage::get_thread_pool()
+utility_thread_pool* vesk_utility_res_manage::get_thread_pool()
 {
     VESK_ASSERT(m_thread_pool != NULL);
     return m_thread_pool;
