@@ -11,6 +11,7 @@
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
 #include "vesk_utility_pool.h"
+#include "vesk_utility_thread_pool.h"
 
 namespace vesk_utility {
 
@@ -83,7 +84,8 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
                                                             k_purpose_little_mem_pool),
                      __ATOMIC_RELEASE);
     __atomic_store_n(&m_string_pool, new_accounted<utility_string_pool>(k_purpose_string_pool), __ATOMIC_RELEASE);
-    // The thread pool comes next, then the role's system-command client and diagnose agent.
+    m_thread_pool = new utility_thread_pool();
+    // Then the role's system-command client and diagnose agent.
     switch (ops) {
     case VESK_UTILITY_OPS_MAIN_APP:
     case VESK_UTILITY_OPS_PROXY_SERVER:
@@ -99,7 +101,7 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     }
 }
 
-vesk_utility_thread_pool* vesk_utility_res_manage::get_thread_pool()
+utility_thread_pool* vesk_utility_res_manage::get_thread_pool()
 {
     VESK_ASSERT(m_thread_pool != NULL);
     return m_thread_pool;

@@ -21,7 +21,7 @@ class vesk_utility_system_client;
 class vesk_utility_timer;
 class vesk_utility_event_manage;
 class vesk_utility_watch_dog_manage;
-class vesk_utility_thread_pool;
+class utility_thread_pool;
 class utility_string_pool;
 class utility_little_mem_pool;
 
@@ -37,7 +37,10 @@ public:
     void construct_res(vesk_utility_ops_type ops);
 
     // Each accessor ends the process with an assertion when its service does not exist.
-    vesk_utility_thread_pool* get_thread_pool();
+    utility_thread_pool* get_thread_pool();
+    // The thread pool or NULL, without the assertion: thread operations carry on unregistered
+    // (with a warning) when the pool is not there yet.
+    utility_thread_pool* find_thread_pool() { return m_thread_pool; }
     utility_string_pool* get_string_pool();
     utility_little_mem_pool* get_little_mem_pool();
     utility_little_mem_pool* get_av_reader_pool();
@@ -82,7 +85,7 @@ private:
     vesk_utility_timer* m_timer = nullptr;                    // NULL for the proxy server
     vesk_utility_event_manage* m_event_manage = nullptr;      // NULL for the proxy server
     vesk_utility_watch_dog_manage* m_watch_dog_manage = nullptr;  // NULL for the proxy server
-    vesk_utility_thread_pool* m_thread_pool = nullptr;
+    utility_thread_pool* m_thread_pool = nullptr;
     utility_string_pool* m_string_pool = nullptr;
     utility_little_mem_pool* m_little_mem_pool = nullptr;
     utility_little_mem_pool* m_av_reader_pool = nullptr;

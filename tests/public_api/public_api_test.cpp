@@ -2,8 +2,10 @@
 // the shared library. It calls every entry point of the entry, registry, helper and
 // accounting families with their exported signatures and checks what a caller can observe.
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,6 +29,28 @@ void check(bool ok, const char* what)
 
 #define CHECK(expr) check((expr), #expr)
 
+namespace
+{
+// A registered routine: names itself, then ends; the flag tells the parent it ran.
+void* named_routine(void* arg)
+{
+    const unsigned long self = pthread_self();
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/self/task/%ld/comm", static_cast<long>(syscall(SYS_gettid)));
+    if (vesk_utility_enter_thread(self, "api_worker") == VESK_OK) {
+        char comm[32] = { 0 };
+        FILE* fp = fopen(path, "r");
+        if (fp != nullptr) {
+            if (fgets(comm, sizeof(comm), fp) != nullptr && strcmp(comm, "api_worker\n") == 0)
+                *static_cast<volatile int*>(arg) = 1;
+            fclose(fp);
+        }
+    }
+    vesk_utility_exit_thread(self);
+    return nullptr;
+}
+} // namespace
+
 int main()
 {
     char root[] = "/tmp/vesk_api.XXXXXX";
@@ -34,6 +58,11 @@ int main()
     setenv("VESK_UTILITY_ROOT", root, 1);
 
     CHECK(vesk_utility_malloc(0x40, 1, 16, 1) == nullptr); // refused before init
+    unsigned long early = 0;
+    volatile int named = 0;
+    vesk_thread_creat_ctl ctl = { VESK_THREAD_WORK_COMMON, 0, named_routine, (void*)&named, 0, 0 };
+    CHECK(vesk_utility_creat_thread(&ctl, "api", &early) == VESK_ERR_NOT_INIT && early == 0);
+    CHECK(vesk_utility_retrieve_thread(1) == VESK_ERR_NOT_INIT);
     CHECK(vesk_utility_init(VESK_UTILITY_OPS_MAIN_APP) == VESK_OK);
     CHECK(vesk_utility_init(VESK_UTILITY_OPS_PROXY_SERVER) == VESK_OK);
 
@@ -93,6 +122,21 @@ int main()
     vesk_utility_fetch_circle_data(pool, 8, wr, rd, p1, len1, p2, len2);
     CHECK(len1 == 3 && memcmp(p1, "abc", 3) == 0 && p2 == nullptr);
     CHECK(vesk_utility_del_circle_data(pool, 8, wr, rd, 3) == VESK_OK && rd == 3);
+
+    unsigned long th = 0;
+    CHECK(vesk_utility_creat_thread(&ctl, "api_thread", &th) == VESK_OK && th != 0);
+    CHECK(vesk_utility_retrieve_thread(th) == VESK_OK && named == 1);
+    CHECK(vesk_utility_retrieve_thread(th) == VESK_ERR_OPERATE_FAIL);
+    ctl.work_type = 3;
+    CHECK(vesk_utility_creat_thread(&ctl, "api_bad", &th) == VESK_ERR_NOT_SUPPORT);
+    ctl.work_type = VESK_THREAD_WORK_REAL_TIME;
+    ctl.auto_retrieve = 1;
+    ctl.stack_size = 4096;
+    named = 0;
+    CHECK(vesk_utility_creat_thread(&ctl, "api_detached", &th) == VESK_OK);
+    for (int i = 0; i < 20000 && named == 0; i++)
+        usleep(1000);
+    CHECK(named == 1);
 
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);

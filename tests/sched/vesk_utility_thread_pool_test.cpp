@@ -1,0 +1,803 @@
+// Thread registry: real threads through the exported calls, the CPU view over fixture /proc
+// trees and hand-filled sample tables, the record list check, and the fatal paths.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+#include "vesk_utility.h"
+#include "vesk_utility_resource.h"
+#include "vesk_utility_thread_pool.h"
+
+using namespace vesk_soft;
+using namespace vesk_utility;
+
+namespace vesk_utility
+{
+
+// Reaches the pool's private state; every access takes the pool lock as the pool itself does.
+class thread_pool_probe
+{
+public:
+    static bool record(utility_thread_pool& p, unsigned long h, vesk_thread_record& out)
+    {
+        held g(p);
+        const vesk_thread_record* n = p.find_node(h);
+        if (n != nullptr)
+            out = *n;
+        return n != nullptr;
+    }
+    static int records(utility_thread_pool& p)
+    {
+        held g(p);
+        int n = 0;
+        for (const vesk_thread_record* r = p.m_head; r != nullptr; r = r->next)
+            n++;
+        return n;
+    }
+    static void save_hand(utility_thread_pool& p, unsigned long h, const vesk_thread_creat_ctl& ctl, const char* name)
+    {
+        held g(p);
+        ASSERT_EQ(p.save_thr_hand(h, ctl, name), VESK_OK);
+    }
+    static void add_head(utility_thread_pool& p, vesk_thread_record* r) { p.add_node_head(r); }
+    static void set_pause(utility_thread_pool& p, unsigned ms) { p.m_pause_ms = ms; }
+    static pthread_mutex_t& lock(utility_thread_pool& p) { return p.m_lock; }
+
+    // One sample of a fixture tree and its listing.
+    static void sample_and_print(
+        utility_thread_pool& p, const std::string& root, int pid, bool show_all, print_fn print)
+    {
+        held g(p);
+        p.proc_sample(root.c_str(), pid);
+        p.proc_print(show_all, print);
+    }
+    static bool init_tables(utility_thread_pool& p) { return p.proc_init_node(); }
+    static void free_tables(utility_thread_pool& p)
+    {
+        p.proc_free_node();
+        p.m_view_busy = false;
+    }
+    // Hand-filled tables: prev/cur entries and totals, then the listing.
+    static void print_tables(utility_thread_pool& p, const std::vector<vesk_cpu_sample>& prev, uint64_t prev_total,
+        const std::vector<vesk_cpu_sample>& cur, uint64_t cur_total, bool show_all, print_fn print)
+    {
+        held g(p);
+        std::copy(prev.begin(), prev.end(), p.m_prev);
+        std::copy(cur.begin(), cur.end(), p.m_cur);
+        p.m_prev_cnt = static_cast<uint32_t>(prev.size());
+        p.m_cur_cnt = static_cast<uint32_t>(cur.size());
+        p.m_prev_total = prev_total;
+        p.m_prev_total_valid = prev_total != 0;
+        p.m_cur_total = cur_total;
+        p.m_cur_total_valid = 1;
+        p.proc_print(show_all, print);
+    }
+
+private:
+    struct held {
+        explicit held(utility_thread_pool& p)
+            : m(&p.m_lock)
+        {
+            pthread_mutex_lock(m);
+        }
+        ~held() { pthread_mutex_unlock(m); }
+        pthread_mutex_t* m;
+    };
+};
+
+} // namespace vesk_utility
+
+namespace
+{
+
+using probe = vesk_utility::thread_pool_probe;
+
+utility_thread_pool& live_pool()
+{
+    return *vesk_utility_res_manage::instance()->get_thread_pool();
+}
+
+// A pool of its own for a test; never destroyed (destruction is fatal by design).
+utility_thread_pool& private_pool()
+{
+    return *new utility_thread_pool();
+}
+
+bool wait_until(const std::function<bool()>& cond)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+std::string comm_of(int tid)
+{
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/comm");
+    std::string s;
+    std::getline(in, s);
+    return s;
+}
+
+int32_t own_tid()
+{
+    return static_cast<int32_t>(syscall(SYS_gettid));
+}
+
+// The print function of the diagnostics, collecting into s_out; returns non-zero (console
+// gone) once s_stop_after separators have been printed, or once s_stop says so.
+std::mutex s_out_lock;
+std::string s_out;
+int s_separators = 0;
+int s_stop_after = 1 << 30;
+std::function<bool(const std::string&)> s_stop;
+
+int collect(const char* fmt, ...)
+{
+    char line[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(line, sizeof(line), fmt, ap);
+    va_end(ap);
+    std::lock_guard<std::mutex> g(s_out_lock);
+    const std::string text(line);
+    if (text.find(" -----") == 0) {
+        if (++s_separators >= s_stop_after || (s_stop && s_stop(s_out)))
+            return 1;
+        return 0;  // counted, not kept
+    }
+    s_out += text;
+    return 0;
+}
+
+void reset_collect(int stop_after = 1 << 30)
+{
+    std::lock_guard<std::mutex> g(s_out_lock);
+    s_out.clear();
+    s_separators = 0;
+    s_stop_after = stop_after;
+    s_stop = nullptr;
+}
+
+std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char* f, ...)
+{
+    char line[512];
+    va_list ap;
+    va_start(ap, f);
+    vsnprintf(line, sizeof(line), f, ap);
+    va_end(ap);
+    return line;
+}
+
+// What a registered routine reports back to the test.
+struct worker {
+    std::atomic<unsigned long> hand { 0 };
+    std::atomic<int32_t> tid { 0 };
+    std::atomic<bool> go { false };
+    std::atomic<bool> done { false };
+    std::atomic<bool> spin { false };
+    std::atomic<VESK_ERR> enter_ret { 0xFFFFFFFF };
+    std::atomic<VESK_ERR> exit_ret { 0xFFFFFFFF };
+    std::atomic<size_t> stack { 0 };
+    std::atomic<int> policy { -1 };
+    std::atomic<int> priority { -1 };
+    const char* function = "vesk_worker_function_name";
+};
+
+void* routine(void* arg)
+{
+    worker* w = static_cast<worker*>(arg);
+    const unsigned long self = pthread_self();
+    w->enter_ret = vesk_utility_enter_thread(self, w->function);
+    w->tid = own_tid();
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+        size_t size = 0;
+        pthread_attr_getstacksize(&attr, &size);
+        w->stack = size;
+        pthread_attr_destroy(&attr);
+    }
+    sched_param sp;
+    int policy = 0;
+    pthread_getschedparam(pthread_self(), &policy, &sp);
+    w->priority = sp.sched_priority;
+    w->policy = policy;
+    w->hand = self;
+    while (!w->go) {
+        if (w->spin)
+            continue;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    w->exit_ret = vesk_utility_exit_thread(self);
+    w->done = true;
+    return nullptr;
+}
+
+vesk_thread_creat_ctl ctl_for(worker& w, uint32_t type, VESK_BOOL auto_retrieve, uint32_t stack)
+{
+    vesk_thread_creat_ctl c {};
+    c.work_type = type;
+    c.priority = 0;
+    c.thread_func = routine;
+    c.thread_arg = &w;
+    c.auto_retrieve = auto_retrieve;
+    c.stack_size = stack;
+    return c;
+}
+
+std::string temp_dir()
+{
+    char dir[] = "/tmp/vesk_thr.XXXXXX";
+    EXPECT_NE(mkdtemp(dir), nullptr);
+    return dir;
+}
+
+void write_file(const std::string& path, const std::string& text)
+{
+    std::ofstream(path) << text;
+}
+
+// A per-task stat line with the given times in fields 14 and 15.
+std::string stat_line(int tid, const char* name, unsigned utime, unsigned stime)
+{
+    return fmt("%d (%s) S 1 1 1 0 -1 4194368 10 0 0 0 %u %u 0 0 20 0 1 0 100 0 0\n", tid, name, utime, stime);
+}
+
+} // namespace
+
+// ---- Lifecycle through the exported calls ------------------------------------------------
+
+TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
+{
+    const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
+    worker w;
+    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 4096);
+    unsigned long h = 0;
+    ASSERT_EQ(vesk_utility_creat_thread(&c, "recorder_io", &h), VESK_OK);
+    ASSERT_NE(h, 0ul);
+    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    EXPECT_EQ(w.enter_ret.load(), VESK_OK);
+    EXPECT_EQ(w.hand.load(), h);
+
+    // The kernel keeps the first 15 characters of the function name.
+    EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun");
+    // A 4 KiB request gets the 512 KiB floor (the C library may add a guard page).
+    EXPECT_GE(w.stack.load(), 524288u);
+    EXPECT_LT(w.stack.load(), 1048576u);
+
+    vesk_thread_record r;
+    ASSERT_TRUE(probe::record(live_pool(), h, r));
+    EXPECT_EQ(r.pid, w.tid.load());
+    EXPECT_STREQ(r.thread_name, "recorder_io");
+    EXPECT_STREQ(r.function_name, "vesk_worker_function_name");
+    EXPECT_EQ(r.stack_size, 4096u); // as asked, not as floored
+    EXPECT_EQ(r.work_type, 1u);
+    EXPECT_EQ(r.auto_retrieve, 0);
+    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_RUNNING));
+
+    // The registered list shows the record, stack as asked in K, and finds the thread alive.
+    reset_collect();
+    live_pool().diagnose(2, collect);
+    EXPECT_NE(s_out.find(fmt("%6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", w.tid.load(), 4, 'K', 1, 0, 0, 2,
+                  "recorder_io", "vesk_worker_function_name")),
+        std::string::npos)
+        << s_out;
+    EXPECT_EQ(s_out.find("WARINNG"), std::string::npos) << s_out;
+
+    w.go = true;
+    ASSERT_TRUE(wait_until([&] { return w.done.load(); }));
+    EXPECT_EQ(w.exit_ret.load(), VESK_OK);
+    ASSERT_TRUE(probe::record(live_pool(), h, r)); // joinable: kept until retrieved
+    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_EXITED));
+
+    EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
+    EXPECT_FALSE(probe::record(live_pool(), h, r));
+    EXPECT_EQ(vesk_utility_res_manage::instance()->mem_account().total_size(), mem_before);
+
+    const std::string out
+        = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
+    EXPECT_NE(out.find(fmt("thread_hand = %lu, is invalid!", h)), std::string::npos) << out;
+}
+
+TEST(ThreadPoolTest, AutoRetrieveRecordGoesAtExitAndRetrieveOnlyDropsIt)
+{
+    // Exit removes the record of a detached thread; retrieving it afterwards is an error.
+    worker a;
+    const vesk_thread_creat_ctl ca = ctl_for(a, VESK_THREAD_WORK_COMMON, 1, 0);
+    unsigned long ha = 0;
+    ASSERT_EQ(vesk_utility_creat_thread(&ca, "detached_a", &ha), VESK_OK);
+    ASSERT_TRUE(wait_until([&] { return a.hand != 0; }));
+    vesk_thread_record r;
+    ASSERT_TRUE(probe::record(live_pool(), ha, r));
+    EXPECT_EQ(r.auto_retrieve, 1);
+    EXPECT_EQ(r.stack_size, 0u);
+    a.go = true;
+    ASSERT_TRUE(wait_until([&] { return a.done.load(); }));
+    EXPECT_EQ(a.exit_ret.load(), VESK_OK);
+    EXPECT_FALSE(probe::record(live_pool(), ha, r));
+    std::string out
+        = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(ha), VESK_ERR_OPERATE_FAIL); });
+    EXPECT_NE(out.find("is invalid!"), std::string::npos) << out;
+
+    // Retrieve of a detached thread still running: no join, the record goes, and the thread's
+    // own exit then finds nothing.
+    worker b;
+    const vesk_thread_creat_ctl cb = ctl_for(b, VESK_THREAD_WORK_COMMON, 1, 0);
+    unsigned long hb = 0;
+    ASSERT_EQ(vesk_utility_creat_thread(&cb, "detached_b", &hb), VESK_OK);
+    ASSERT_TRUE(wait_until([&] { return b.hand != 0; }));
+    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(hb), VESK_OK); });
+    EXPECT_NE(
+        out.find(fmt("thread_hand = %lu, name = 'detached_b', is auto retrieve, not need!", hb)), std::string::npos)
+        << out;
+    EXPECT_FALSE(b.done.load()); // not joined: it is still waiting for go
+    EXPECT_FALSE(probe::record(live_pool(), hb, r));
+    out = vesk_test::capture_stdout([&] {
+        b.go = true;
+        ASSERT_TRUE(wait_until([&] { return b.done.load(); }));
+    });
+    EXPECT_EQ(b.exit_ret.load(), VESK_ERR_OPERATE_FAIL);
+    EXPECT_NE(out.find(fmt("thread_hand = %lu, is invalid!", hb)), std::string::npos) << out;
+}
+
+TEST(ThreadPoolTest, BadArgumentsCreateNothing)
+{
+    worker w;
+    const int before = probe::records(live_pool());
+    for (uint32_t type : { 0u, 3u }) {
+        const vesk_thread_creat_ctl c = ctl_for(w, type, 0, 0);
+        unsigned long h = 0xABCDul;
+        const std::string out = vesk_test::capture_stdout(
+            [&] { EXPECT_EQ(vesk_utility_creat_thread(&c, "bad", &h), VESK_ERR_NOT_SUPPORT); });
+        EXPECT_EQ(h, 0xABCDul); // untouched
+        EXPECT_NE(out.find(fmt("[UTL] ERROR! creat_thread[")), std::string::npos) << out;
+        EXPECT_NE(out.find(fmt("work_type_%u, not support!", type)), std::string::npos) << out;
+    }
+    EXPECT_EQ(w.hand.load(), 0ul); // the routine never ran
+    EXPECT_EQ(probe::records(live_pool()), before);
+
+    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
+    unsigned long h = 0;
+    EXPECT_EQ(vesk_utility_creat_thread(nullptr, "x", &h), VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(vesk_utility_creat_thread(&c, "x", nullptr), VESK_ERR_INVALID_PARAM);
+    const std::string out
+        = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_exit_thread(0x1234), VESK_ERR_OPERATE_FAIL); });
+    EXPECT_NE(out.find("[UTL] ERROR! exit_thread["), std::string::npos) << out;
+    EXPECT_NE(out.find("thread_hand = 4660, is invalid!"), std::string::npos) << out;
+}
+
+TEST(ThreadPoolTest, EnterWithoutCreateRegistersRunningAnonymousThread)
+{
+    std::atomic<unsigned long> h { 0 };
+    std::atomic<int32_t> tid { 0 };
+    std::atomic<bool> go { false };
+    std::thread t([&] {
+        EXPECT_EQ(vesk_utility_enter_thread(pthread_self(), nullptr), VESK_OK);
+        tid = own_tid();
+        h = pthread_self();
+        while (!go)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_EQ(vesk_utility_exit_thread(pthread_self()), VESK_OK);
+    });
+    ASSERT_TRUE(wait_until([&] { return h != 0; }));
+    EXPECT_EQ(comm_of(tid), "anonymous");
+    vesk_thread_record r;
+    ASSERT_TRUE(probe::record(live_pool(), h, r));
+    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_RUNNING));
+    EXPECT_EQ(r.pid, tid.load());
+    EXPECT_STREQ(r.function_name, "anonymous");
+    EXPECT_STREQ(r.thread_name, "");
+    EXPECT_EQ(r.work_type, 0u);
+    EXPECT_EQ(r.priority, 0u);
+    go = true;
+    t.join();
+    ASSERT_TRUE(probe::record(live_pool(), h, r)); // not auto retrieve: the record stays
+    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_EXITED));
+    EXPECT_EQ(live_pool().delete_thr_hand(h), VESK_OK);
+    EXPECT_EQ(live_pool().delete_thr_hand(h), VESK_ERR_OPERATE_FAIL);
+}
+
+TEST(ThreadPoolTest, WithoutPoolThreadsStillRunNamedAndJoined)
+{
+    worker w;
+    w.function = "no_pool";
+    const int before = probe::records(live_pool());
+    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
+    unsigned long h = 0;
+    std::string out = vesk_test::capture_stdout([&] {
+        EXPECT_EQ(creat_thread(nullptr, &c, "unpooled", &h), VESK_OK);
+        EXPECT_EQ(enter_thread(nullptr, pthread_self(), "no_pool_main"), VESK_OK);
+        EXPECT_EQ(exit_thread(nullptr, pthread_self()), VESK_OK);
+    });
+    for (const char* fn : { "creat_thread", "enter_thread", "exit_thread" })
+        EXPECT_NE(out.find(fmt("[UTL] WARNING! %s[", fn)), std::string::npos) << out;
+    EXPECT_EQ(vesk_test::count_of(out, "get thread_pool fail!"), 3) << out;
+    ASSERT_NE(h, 0ul);
+    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    EXPECT_EQ(comm_of(w.tid), "no_pool"); // the routine's enter went to the live pool
+    EXPECT_EQ(comm_of(own_tid()), "no_pool_main");
+    w.go = true;
+    out = vesk_test::capture_stdout([&] { EXPECT_EQ(retrieve_thread(nullptr, h), VESK_OK); });
+    EXPECT_NE(out.find("[UTL] WARNING! retrieve_thread["), std::string::npos) << out;
+    EXPECT_TRUE(w.done.load()); // joined: the routine has finished
+    // The routine registered itself through enter; the creation itself registered nothing.
+    vesk_thread_record r;
+    ASSERT_TRUE(probe::record(live_pool(), h, r));
+    EXPECT_STREQ(r.thread_name, "");
+    EXPECT_EQ(live_pool().delete_thr_hand(h), VESK_OK);
+    EXPECT_EQ(probe::records(live_pool()), before);
+}
+
+TEST(ThreadPoolTest, RecordAllocationFailureIsLoggedAndSurfacedOnlyByEnter)
+{
+    worker w;
+    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
+    unsigned long h = 0;
+    thread_pool_fail_record_alloc(true);
+    const std::string out = vesk_test::capture_stdout([&] {
+        EXPECT_EQ(vesk_utility_creat_thread(&c, "starved", &h), VESK_OK);
+        ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    });
+    thread_pool_fail_record_alloc(false);
+    EXPECT_NE(out.find(fmt("[UTL] ERROR! utility_thread_pool::save_thr_hand[")), std::string::npos) << out;
+    EXPECT_NE(out.find(fmt("[UTL] ERROR! utility_thread_pool::save_thr_pid[")), std::string::npos) << out;
+    EXPECT_EQ(vesk_test::count_of(out, fmt("malloc %zu fail!", sizeof(vesk_thread_record))), 2) << out;
+    EXPECT_NE(out.find(fmt("thread_hand = %lu, pid = %d, 'vesk_worker_function_name' is invalid!", h, w.tid.load())),
+        std::string::npos)
+        << out;
+    EXPECT_EQ(w.enter_ret.load(), VESK_ERR_OPERATE_FAIL);
+    EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun"); // named all the same
+    vesk_thread_record r;
+    EXPECT_FALSE(probe::record(live_pool(), h, r));
+    w.go = true;
+    vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
+    EXPECT_EQ(pthread_join(h, nullptr), 0); // unregistered, so the caller joins it itself
+}
+
+TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
+{
+    // The inherit-scheduler attribute keeps the C library's default, so the policy and
+    // priority of the control record give way to the creator's.
+    worker w;
+    vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME, 0, 0);
+    c.priority = 10;
+    unsigned long h = 0;
+    ASSERT_EQ(vesk_utility_creat_thread(&c, "rt_from_normal", &h), VESK_OK);
+    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    EXPECT_EQ(w.policy.load(), SCHED_OTHER);
+    vesk_thread_record r;
+    ASSERT_TRUE(probe::record(live_pool(), h, r));
+    EXPECT_EQ(r.work_type, 2u);
+    EXPECT_EQ(r.priority, 10u);
+    w.go = true;
+    EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
+
+    // From a real-time creator, where the environment allows one.
+    worker rt;
+    std::atomic<int> set_ret { -1 };
+    std::atomic<VESK_ERR> create_ret { 0xFFFFFFFF };
+    unsigned long hrt = 0;
+    std::thread creator([&] {
+        sched_param sp {};
+        sp.sched_priority = 7;
+        set_ret = pthread_setschedparam(pthread_self(), SCHED_RR, &sp);
+        if (set_ret != 0)
+            return;
+        const vesk_thread_creat_ctl crt = ctl_for(rt, VESK_THREAD_WORK_REAL_TIME, 0, 0);
+        create_ret = vesk_utility_creat_thread(&crt, "rt_from_rt", &hrt);
+    });
+    creator.join();
+    if (set_ret != 0)
+        GTEST_SKIP() << "SCHED_RR refused here (" << strerror(set_ret) << "); real-time inheritance not checked";
+    ASSERT_EQ(create_ret.load(), VESK_OK);
+    ASSERT_TRUE(wait_until([&] { return rt.hand != 0; }));
+    EXPECT_EQ(rt.policy.load(), SCHED_RR);
+    EXPECT_EQ(rt.priority.load(), 7);
+    rt.go = true;
+    EXPECT_EQ(vesk_utility_retrieve_thread(hrt), VESK_OK);
+}
+
+// ---- CPU view ----------------------------------------------------------------------------
+
+TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
+{
+    uint64_t total = 0;
+    EXPECT_TRUE(parse_system_stat("cpu  10 20 30 40 50 60 70 80 90\ncpu0 1 2 3 4 5 6 7\n", &total));
+    EXPECT_EQ(total, 280u); // the first seven counters only
+    EXPECT_FALSE(parse_system_stat("intr 1 2 3\n", &total));
+
+    vesk_cpu_sample e {};
+    EXPECT_TRUE(parse_pid_stat(stat_line(321, "worker", 1234, 56).c_str(), &e));
+    EXPECT_EQ(e.utime, 1234u);
+    EXPECT_EQ(e.stime, 56u);
+    EXPECT_EQ(e.stat_read, 1u);
+
+    // A blank in the name shifts the columns by one: cminflt (0) and utime are read.
+    vesk_cpu_sample shifted {};
+    EXPECT_TRUE(parse_pid_stat(stat_line(321, "my worker", 1234, 56).c_str(), &shifted));
+    EXPECT_EQ(shifted.utime, 0u);
+    EXPECT_EQ(shifted.stime, 1234u);
+
+    vesk_cpu_sample short_line {};
+    EXPECT_FALSE(parse_pid_stat("321 (w) S 1 1 1", &short_line));
+    EXPECT_EQ(short_line.stat_read, 0u);
+
+    const std::string out = vesk_test::capture_stdout([&] {
+        EXPECT_FALSE(scanf_system_stat("/nonexistent/stat", &total));
+        EXPECT_FALSE(scanf_pid_stat("/nonexistent/1/stat", &e));
+    });
+    EXPECT_NE(out.find("[UTL] ERROR! scanf_system_stat["), std::string::npos) << out;
+    EXPECT_NE(out.find("Can not open"), std::string::npos) << out;
+    EXPECT_NE(out.find("[UTL] ERROR! scanf_pid_stat["), std::string::npos) << out;
+    EXPECT_NE(out.find("Can not open /nonexistent/1/stat"), std::string::npos) << out;
+
+    // The live files parse.
+    EXPECT_TRUE(scanf_system_stat("/proc/stat", &total));
+    EXPECT_GT(total, 0u);
+    vesk_cpu_sample self {};
+    EXPECT_TRUE(scanf_pid_stat("/proc/self/stat", &self));
+}
+
+TEST(ThreadPoolCpuTest, TwoSamplesOfAFixtureTreeGiveExactShares)
+{
+    // Process 100 with threads 101 (registered) and 102 (idle, not registered). The main
+    // thread's own task entry (100) is skipped: entry 0 stands for the whole process.
+    const std::string root = temp_dir();
+    mkdir((root + "/100").c_str(), 0755);
+    mkdir((root + "/100/task").c_str(), 0755);
+    for (int tid : { 100, 101, 102 })
+        mkdir((root + "/100/task/" + std::to_string(tid)).c_str(), 0755);
+    auto write_sample = [&](unsigned total_base, unsigned proc, unsigned t101, unsigned t102) {
+        write_file(root + "/stat", fmt("cpu  %u 0 0 0 0 0 0 0 0 0\n", total_base));
+        write_file(root + "/100/stat", stat_line(100, "nvr", proc, 0));
+        write_file(root + "/100/task/100/stat", stat_line(100, "nvr", 1, 0));
+        write_file(root + "/100/task/101/stat", stat_line(101, "rec", t101, 2));
+        write_file(root + "/100/task/102/stat", stat_line(102, "idle", t102, 0));
+    };
+
+    utility_thread_pool& pool = private_pool();
+    vesk_thread_creat_ctl c {};
+    c.work_type = 2;
+    c.priority = 30;
+    probe::save_hand(pool, 0x5001, c, "recorder");
+    ASSERT_EQ(pool.save_thr_pid(0x5001, 101, "rec_loop"), VESK_OK);
+    ASSERT_TRUE(probe::init_tables(pool));
+    EXPECT_FALSE(probe::init_tables(pool)); // one view at a time
+
+    const std::string header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
+    // First sample: no reference yet, so nothing passes the 0.1% filter...
+    write_sample(1000, 500, 100, 7);
+    reset_collect();
+    probe::sample_and_print(pool, root, 100, false, collect);
+    EXPECT_EQ(s_out, header);
+    // ...second: 200 ticks elapsed; the process used 50, thread 101 used 33, thread 102 none.
+    write_sample(1200, 550, 133, 7);
+    reset_collect();
+    probe::sample_and_print(pool, root, 100, false, collect);
+    EXPECT_EQ(s_out,
+        header + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 100, 25, 0, "-", "-", "-", "-")
+            + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 101, 16, 5, 30, 2, "recorder", "rec_loop"));
+    // Show-all keeps the idle thread, with 0.0, at the end.
+    write_sample(1400, 551, 134, 7);
+    reset_collect();
+    probe::sample_and_print(pool, root, 100, true, collect);
+    EXPECT_EQ(s_out,
+        header + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 100, 0, 5, "-", "-", "-", "-")
+            + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 101, 0, 5, 30, 2, "recorder", "rec_loop")
+            + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 102, 0, 0, "-", "-", "-", "-"));
+
+    // A process without a task directory is logged and leaves only entry 0.
+    const std::string out = vesk_test::capture_stdout([&] {
+        reset_collect();
+        probe::sample_and_print(pool, root, 999, true, collect);
+    });
+    EXPECT_NE(out.find(fmt("[UTL] ERROR! utility_thread_pool::proc_load_pid[")), std::string::npos) << out;
+    EXPECT_NE(out.find(fmt("%s/999/task open fail!", root.c_str())), std::string::npos) << out;
+    EXPECT_EQ(s_out, header + fmt("%5d %6s %6s %6s %32s %32s\n", 999, "-", "-", "-", "-", "-"));
+    probe::free_tables(pool);
+    std::filesystem::remove_all(root);
+}
+
+TEST(ThreadPoolCpuTest, ListingMatchesByPositionFiltersAndOrders)
+{
+    utility_thread_pool& pool = private_pool();
+    vesk_thread_creat_ctl c {};
+    c.work_type = 1;
+    c.priority = 3;
+    probe::save_hand(pool, 0x6001, c, "disk");
+    ASSERT_EQ(pool.save_thr_pid(0x6001, 12, "disk_loop"), VESK_OK);
+    vesk_thread_record r;
+    ASSERT_TRUE(probe::record(pool, 0x6001, r));
+    ASSERT_TRUE(probe::init_tables(pool));
+
+    auto e = [](int pid, uint64_t ticks, uint32_t stat_read = 1) {
+        vesk_cpu_sample s {};
+        s.pid = pid;
+        s.stat_read = stat_read;
+        s.utime = ticks;
+        return s;
+    };
+    // Elapsed 20000 ticks: the 0.1% threshold is 20 ticks.
+    //  idx 0 pid 10: used 400 -> 2.0%      idx 1 pid 11: used 20 (at threshold: out)
+    //  idx 2 pid 12: used 400, equal to pid 10, listed after it; registered
+    //  idx 3 pid 14: previous entry at idx 3 was pid 13 (a thread ended): unmatched, "-"
+    //  idx 4 pid 15: stat not read;      idx 5 pid 16: used 1999 -> 9.9%
+    const std::vector<vesk_cpu_sample> prev = { e(10, 100), e(11, 100), e(12, 100), e(13, 100), e(15, 0), e(16, 1) };
+    std::vector<vesk_cpu_sample> cur = { e(10, 500), e(11, 120), e(12, 500), e(14, 900), e(15, 0, 0), e(16, 2000) };
+    cur[2].record = &r;
+    const std::string header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
+    const std::string l16 = fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 16, 9, 9, "-", "-", "-", "-");
+    const std::string l10 = fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 10, 2, 0, "-", "-", "-", "-");
+    const std::string l12 = fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 12, 2, 0, 3, 1, "disk", "disk_loop");
+
+    reset_collect();
+    probe::print_tables(pool, prev, 100000, cur, 120000, false, collect);
+    EXPECT_EQ(s_out, header + l16 + l10 + l12);
+
+    reset_collect();
+    probe::print_tables(pool, prev, 100000, cur, 120000, true, collect);
+    EXPECT_EQ(s_out,
+        header + l16 + l10 + l12 + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 11, 0, 0, "-", "-", "-", "-")
+            + fmt("%5d %6s %6s %6s %32s %32s\n", 14, "-", "-", "-", "-", "-")
+            + fmt("%5d %6s %6s %6s %32s %32s\n", 15, "-", "-", "-", "-", "-"));
+    probe::free_tables(pool);
+}
+
+TEST(ThreadPoolCpuTest, LiveViewShowsABusyThreadAndStartsWithDashes)
+{
+    worker w;
+    w.spin = true;
+    w.function = "busy_loop";
+    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
+    unsigned long h = 0;
+    ASSERT_EQ(vesk_utility_creat_thread(&c, "busy_worker", &h), VESK_OK);
+    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
+
+    // Show-all, stopped once a sample after the first shows the busy thread above 0.0%
+    // (or after 40 samples, which fails the test below).
+    probe::set_pause(live_pool(), 250);
+    const std::string busy_tail = fmt(" %6d %6d %32s %32s\n", 0, 1, "busy_worker", "busy_loop");
+    int busy_whole = -1, busy_tenth = -1;
+    reset_collect(41);
+    s_stop = [&](const std::string& out) {
+        size_t end = out.rfind(busy_tail);
+        if (end == std::string::npos)
+            return false;
+        const size_t start = out.rfind('\n', end) + 1;
+        return sscanf(out.c_str() + start, "%*d %d.%d", &busy_whole, &busy_tenth) == 2
+            && busy_whole * 10 + busy_tenth > 0;
+    };
+    live_pool().diagnose(0, collect);
+    probe::set_pause(live_pool(), k_cpu_view_pause_ms);
+
+    // The first listing has no reference sample: "-" for every thread, the busy one included.
+    const std::string header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
+    ASSERT_EQ(s_out.find(header), 0u) << s_out;
+    const std::string first = s_out.substr(header.size(), s_out.find(header, 1) - header.size());
+    EXPECT_NE(first.find(fmt("%5d %6s %6d %6d %32s %32s\n", w.tid.load(), "-", 0, 1, "busy_worker", "busy_loop")),
+        std::string::npos)
+        << first;
+    EXPECT_NE(first.find(fmt("%5d %6s %6s %6s", getpid(), "-", "-", "-")), std::string::npos) << first;
+    EXPECT_GT(busy_whole * 10 + busy_tenth, 0) << s_out;
+    EXPECT_LT(s_separators, 41) << s_out;
+    // The sample tables are freed when the view ends.
+    EXPECT_EQ(vesk_utility_res_manage::instance()->mem_account().total_size(), mem_before);
+
+    w.go = true;
+    EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
+}
+
+// ---- Diagnose commands -------------------------------------------------------------------
+
+TEST(ThreadPoolDiagnoseTest, RecordListIsExactAndFlagsThreadsThatDoNotExist)
+{
+    utility_thread_pool& pool = private_pool();
+    vesk_thread_creat_ctl c {};
+    c.work_type = 1;
+    c.priority = 5;
+    c.stack_size = 4096;
+    probe::save_hand(pool, 0x7001, c, "never_entered");
+    c.work_type = 2;
+    c.priority = 40;
+    c.stack_size = 2 * 1048576;
+    c.auto_retrieve = 1;
+    probe::save_hand(pool, 0x7002, c, "main_like");
+    ASSERT_EQ(pool.save_thr_pid(0x7002, own_tid(), "the_test"), VESK_OK);
+
+    reset_collect();
+    pool.diagnose(2, collect);
+    const std::string expect = fmt("%5s %6s %6s %12s %12s %16s, %6s, %32s %32s\n", "idx", "PID", "Stack", "Work_type",
+                                   "Priority", "auto_retrieve", "state", "Thread", "Function")
+        + fmt("%5d %6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", 0, own_tid(), 2, 'M', 2, 40, 1, 2, "main_like",
+            "the_test")
+        + fmt("%5d %6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", 1, 0, 4, 'K', 1, 5, 0, 1, "never_entered", "")
+        + "----------- check pool list --------------------\n"
+        + "WARINNG!! PID = 0, type = 1, priority = 5, thread_name = 'never_entered', function = '', not exist, "
+          "why??\n"
+        + "----------- check pool list complete --------------------\n";
+    EXPECT_EQ(s_out, expect);
+
+    reset_collect();
+    pool.diagnose(3, collect);
+    EXPECT_EQ(s_out, "para = 0x3 not support!\n");
+}
+
+TEST(ThreadPoolDiagnoseTest, BusyRegistryIsNeverWaitedFor)
+{
+    utility_thread_pool& pool = private_pool();
+    pthread_mutex_lock(&probe::lock(pool));
+    reset_collect();
+    pool.diagnose(2, collect);
+    EXPECT_EQ(s_out, "sorry, try lock fail!\n");
+    pthread_mutex_unlock(&probe::lock(pool));
+
+    // The lock taken during the pause after the first sample: ten tries, then the view ends.
+    probe::set_pause(pool, 1000);
+    std::atomic<bool> holder_has_lock { false };
+    std::atomic<bool> release { false };
+    std::thread holder;
+    reset_collect();
+    s_stop = [&](const std::string&) {
+        if (!holder.joinable())
+            holder = std::thread([&] {
+                pthread_mutex_lock(&probe::lock(pool)); // waits for the pause
+                holder_has_lock = true;
+                while (!release)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                pthread_mutex_unlock(&probe::lock(pool));
+            });
+        return false;
+    };
+    const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
+    pool.diagnose(1, collect);
+    EXPECT_TRUE(holder_has_lock.load());
+    release = true;
+    holder.join();
+    std::string expect_tail;
+    for (int i = 1; i <= 10; i++)
+        expect_tail += fmt("sorry, try lock fail, lock_fail_cnt = %d!\n", i);
+    ASSERT_GE(s_out.size(), expect_tail.size());
+    EXPECT_EQ(s_out.substr(s_out.size() - expect_tail.size()), expect_tail) << s_out;
+    EXPECT_EQ(vesk_utility_res_manage::instance()->mem_account().total_size(), mem_before);
+}
+
+TEST(ThreadPoolDeathTest, DestroyingThePoolIsFatal)
+{
+    VESK_EXPECT_FATAL(delete new utility_thread_pool(),
+        "ASSERT!\n >File name: .*vesk_utility_thread_pool.cpp\n >Function: ~utility_thread_pool\n "
+        ">Line No: [0-9]+\n >Condition: 0\n");
+}
+
+TEST(ThreadPoolDeathTest, RecordInsertedTwiceIsCaught)
+{
+    VESK_EXPECT_FATAL(
+        {
+            utility_thread_pool& pool = private_pool();
+            static vesk_thread_record rec {};
+            probe::add_head(pool, &rec);
+            probe::add_head(pool, &rec);
+        },
+        ">Function: add_node_head\n >Line No: [0-9]+\n >Condition: node != node->pre\n");
+}
