@@ -4,11 +4,15 @@
 
 #include <curl/curl.h>
 
+#include <sys/un.h>
+
 #include <mutex>
 
 #include "vesk_utility_core.h"
+#include "vesk_utility_diagnose.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
+#include "vesk_utility_paths.h"
 
 namespace vesk_utility {
 
@@ -20,6 +24,22 @@ std::atomic<vesk_utility_res_manage*> s_res_manage{nullptr};
 std::mutex s_res_manage_lock;
 
 constexpr unsigned k_endless_dump_period_ms = 15000;
+
+// Console title and command menu of the resource manager (UTF-8).
+constexpr const char* k_res_title = "诊断 中间层记录的内存、句柄等";
+constexpr const char* k_res_help =
+    "中间层内存分两类: 一类是通过中间层malloc申请的注册内存, 在此查询;\n"
+    "另一类是协议库申请的内存, 未注册, 在链表诊断中查询; 两者之和约为中间层占用的内存\n"
+    "1  dump total size\n"
+    "2  dump by module id\n"
+    "5  自动打印系统内存使用百分比和注册内存\n"
+    "6  打印malloc/new和free/delete的记录次数\n"
+    "9  打印当前物理内存使用\n"
+    "a  打印当前物理内存使用详情\n"
+    "3  打印所有锁\n"
+    "7  打印被占用的锁\n"
+    "4  打印句柄\n"
+    "8  打印JSON对象个数及其数据占用的内存\n";
 
 struct titled_list {
     vesk_handle_list list;
@@ -63,9 +83,13 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     m_registry.init_node_pool();
     // The A/V-reader pool, little-memory pool, string pool and thread pool come next, then
     // the role's system-command client and diagnose agent.
+    char path[sizeof(sockaddr_un::sun_path)];
     switch (ops) {
     case VESK_UTILITY_OPS_MAIN_APP:
+        m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main));
+        break;
     case VESK_UTILITY_OPS_PROXY_SERVER:
+        m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy));
         break;
     default:
         VESK_ASSERT(0);
@@ -76,6 +100,13 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         m_event_manage = nullptr;
         m_watch_dog_manage = nullptr;
     }
+    regist_diag_clients();
+}
+
+void vesk_utility_res_manage::regist_diag_clients()
+{
+    // Each client is pushed at the head, so the last registered is index 0 on the console.
+    m_diagnose->regist_diag(this, k_res_title, k_res_help);
 }
 
 vesk_utility_thread_pool* vesk_utility_res_manage::get_thread_pool()
