@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "vesk_utility.h"
+#include "vesk_utility_diagnose.h"
 #include "vesk_utility_hooks.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
@@ -205,6 +206,21 @@ bool vesk_utility_is_valid_fopen_fd(FILE* fp)
         return false;
     }
     return registry().is_valid(VESK_LIST_FOPEN, as_handle(fp)) != 0;
+}
+
+// ---- Diagnostics -------------------------------------------------------------------------
+
+VESK_ERR vesk_utility_regist_diag(vesk_diagnose_client* client, const char* purpose, const char* help)
+{
+    if (vesk_ops_type() == 0) {
+        VESK_ERR_FN("not init");
+        return VESK_ERR_NOT_INIT;
+    }
+    if (client == nullptr) {
+        VESK_ERR_FN("client == NULL!\n");
+        return VESK_ERR_INVALID_PARAM;
+    }
+    return res()->get_diagnose()->regist_diag(client, purpose, help);
 }
 
 // ---- Memory ------------------------------------------------------------------------------

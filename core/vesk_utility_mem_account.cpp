@@ -218,6 +218,7 @@ void vesk_mem_account::dump_total(print_fn print)
 namespace {
 
 constexpr int k_dump_callers = 64;
+constexpr vesk_memmory_purpose k_purpose_diag_scratch = 0x3000;  // a dump's own table
 constexpr int k_dump_purposes = 64;
 
 struct purpose_row {
@@ -239,7 +240,7 @@ void vesk_mem_account::dump_by_module(print_fn print)
 {
     // The table (about 50 KB) is taken before the list lock, since it is itself accounted.
     caller_row* table = static_cast<caller_row*>(
-        proc_vesk_malloc(VESK_USER_UTILITY, 0x3001, sizeof(caller_row) * k_dump_callers, 1));
+        proc_vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_scratch, sizeof(caller_row) * k_dump_callers, 1));
     if (table == nullptr)
         return;
     int callers = 0;

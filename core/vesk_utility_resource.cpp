@@ -4,12 +4,16 @@
 
 #include <curl/curl.h>
 
+#include <sys/un.h>
+
 #include <mutex>
 #include <new>
 
 #include "vesk_utility_core.h"
+#include "vesk_utility_diagnose.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
+#include "vesk_utility_paths.h"
 #include "vesk_utility_pool.h"
 #include "vesk_utility_thread_pool.h"
 
@@ -33,6 +37,34 @@ T* new_accounted(vesk_memmory_purpose purpose, Args... args)
     VESK_ASSERT(mem != NULL);
     return new (mem) T(args...);
 }
+
+// Console titles and command menus of the services (UTF-8). The number or letter at the start
+// of a help line is the parameter the client's diagnose() takes ("a" arrives as 0).
+constexpr const char* k_thread_pool_title = "诊断 线程池";
+constexpr const char* k_thread_pool_help =
+    "0  打印所有线程的CPU占用\n"
+    "1  打印CPU占用不为0的线程\n"
+    "2  打印注册的线程\n";
+constexpr const char* k_string_pool_title = "诊断 字符串内存池";
+constexpr const char* k_little_pool_title = "诊断 常规小内存池";
+constexpr const char* k_av_reader_pool_title = "诊断 音视频读者跨块中转内存池";
+constexpr const char* k_pool_help =
+    "1  详细信息\n"
+    "2  简要信息\n";
+constexpr const char* k_res_title = "诊断 中间层记录的内存、句柄等";
+constexpr const char* k_res_help =
+    "中间层内存分两类: 一类是通过中间层malloc申请的注册内存, 在此查询;\n"
+    "另一类是协议库申请的内存, 未注册, 在链表诊断中查询; 两者之和约为中间层占用的内存\n"
+    "1  dump total size\n"
+    "2  dump by module id\n"
+    "5  自动打印系统内存使用百分比和注册内存\n"
+    "6  打印malloc/new和free/delete的记录次数\n"
+    "9  打印当前物理内存使用\n"
+    "a  打印当前物理内存使用详情\n"
+    "3  打印所有锁\n"
+    "7  打印被占用的锁\n"
+    "4  打印句柄\n"
+    "8  打印JSON对象个数及其数据占用的内存\n";
 
 struct titled_list {
     vesk_handle_list list;
@@ -86,9 +118,13 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     __atomic_store_n(&m_string_pool, new_accounted<utility_string_pool>(k_purpose_string_pool), __ATOMIC_RELEASE);
     m_thread_pool = new utility_thread_pool();
     // Then the role's system-command client and diagnose agent.
+    char path[sizeof(sockaddr_un::sun_path)];
     switch (ops) {
     case VESK_UTILITY_OPS_MAIN_APP:
+        m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main));
+        break;
     case VESK_UTILITY_OPS_PROXY_SERVER:
+        m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy));
         break;
     default:
         VESK_ASSERT(0);
@@ -99,6 +135,19 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         m_event_manage = nullptr;
         m_watch_dog_manage = nullptr;
     }
+    regist_diag_clients();
+}
+
+void vesk_utility_res_manage::regist_diag_clients()
+{
+    // Each client is pushed at the head, so the last registered is index 0 on the console.
+    // The timer and the event manager take their places between the resource manager and
+    // the string pool.
+    m_diagnose->regist_diag(m_thread_pool, k_thread_pool_title, k_thread_pool_help);
+    m_diagnose->regist_diag(this, k_res_title, k_res_help);
+    m_diagnose->regist_diag(m_string_pool, k_string_pool_title, k_pool_help);
+    m_diagnose->regist_diag(m_little_mem_pool, k_little_pool_title, k_pool_help);
+    m_diagnose->regist_diag(m_av_reader_pool, k_av_reader_pool_title, k_pool_help);
 }
 
 utility_thread_pool* vesk_utility_res_manage::get_thread_pool()

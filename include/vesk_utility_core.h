@@ -33,6 +33,13 @@ VESK_API bool vesk_utility_is_valid_socket(int fd);
 VESK_API bool vesk_utility_is_valid_open_fd(int fd);
 VESK_API bool vesk_utility_is_valid_fopen_fd(FILE* fp);
 
+// ---- Diagnostics -------------------------------------------------------------------------
+// Registers a client with the process's diagnose agent: the console lists it by `purpose`
+// (its title), shows `help` (one command per line, each starting with the number the
+// client's diagnose() accepts) and runs client->diagnose(para, print). The client must live
+// as long as the process. A client registered twice is refused with a warning.
+VESK_API VESK_ERR vesk_utility_regist_diag(vesk_diagnose_client* client, const char* purpose, const char* help);
+
 // ---- Generic helpers (no initialisation needed) -----------------------------------------
 VESK_API int vesk_utility_min(int a, int b);
 VESK_API unsigned vesk_utility_min(unsigned a, unsigned b);

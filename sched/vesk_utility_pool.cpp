@@ -447,10 +447,11 @@ VESK_ERR utility_pool_base::diagnose(int para, print_fn print)
         print("sorry, try lock fail!\n");
         return VESK_ERR_LOCK_BUSY;
     }
+    // 1 is the detailed view (every node), 2 the brief one (chunks and users).
     if (para == 1)
-        dump_summary(print);
-    else
         dump_nodes(print);
+    else
+        dump_summary(print);
     dump_total(print);
     pthread_mutex_unlock(&m_lock);
     return VESK_OK;

@@ -33,7 +33,7 @@ vesk_mem_account& account()
 unsigned little_pool_used_by(vesk_user_id usr_id)
 {
     const std::string out = vesk_test::capture_stdout(
-        [] { vesk_utility_res_manage::instance()->get_little_mem_pool()->diagnose(1, vesk_print_stdout); });
+        [] { vesk_utility_res_manage::instance()->get_little_mem_pool()->diagnose(2, vesk_print_stdout); });
     char key[48];
     snprintf(key, sizeof(key), "usr_id = 0x%x, used_size = ", usr_id);
     const size_t at = out.find(key);

@@ -79,14 +79,15 @@ TEST(PreInitTest, MainRoleInitialisesOnceEvenFromManyThreads)
             bool ok = vesk_ops_type() == 1;
             for (VESK_ERR r : results)
                 ok = ok && r == VESK_OK;
-            // Built once: the accounted blocks are the registry's node pool and the three pool
-            // objects; the pools hold no chunk until their first allocation.
+            // Built once: one registry node pool (purpose 0x3001) is accounted, not two.
             vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
-            ok = ok && res->mem_account().live_blocks() == 4
-                && res->mem_account().total_size() == 1120 * sizeof(vesk_registry_node)
-                        + 2 * sizeof(utility_little_mem_pool) + sizeof(utility_string_pool)
+            const std::string dump
+                = vesk_test::capture_stdout([&] { res->mem_account().dump_by_module(vesk_print_stdout); });
+            const unsigned pool_kb = 1120 * sizeof(vesk_registry_node) / 1024;
+            ok = ok
+                && dump.find("\tpurpose = 0x3001, total malloc = " + std::to_string(pool_kb) + "KB!\n")
+                    != std::string::npos
                 && res->registry().free_pool_nodes() == 1120
-                && res->get_little_mem_pool()->total_mem_size() == 0
                 && res->get_string_pool()->total_mem_size() == 0;
             // A later call with another role changes nothing.
             ok = ok && vesk_utility_init(VESK_UTILITY_OPS_PROXY_SERVER) == VESK_OK && vesk_ops_type() == 1;

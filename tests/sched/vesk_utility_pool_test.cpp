@@ -133,16 +133,16 @@ TEST(StringPoolTest, CopiesAreGuardedCarvedFromTheTailAndCoalesceOnBothSides)
     // Layout now: [empty][s3][s2][s1][s0]. Freeing s1 (right of s2), then s3 (left of s2)
     // leaves two holes; freeing s2 merges all three with the leading empty node.
     vesk_utility_free(__FILE__, __func__, s[1]);
-    EXPECT_NE(dump(*pool, 1).find("used/empty[node] = 3/2,"), std::string::npos);
+    EXPECT_NE(dump(*pool, 2).find("used/empty[node] = 3/2,"), std::string::npos);
     vesk_utility_free(__FILE__, __func__, s[3]);
-    EXPECT_NE(dump(*pool, 1).find("used/empty[node] = 2/2,"), std::string::npos);
+    EXPECT_NE(dump(*pool, 2).find("used/empty[node] = 2/2,"), std::string::npos);
     EXPECT_STREQ(s[2], text[2].c_str());
     vesk_utility_free(__FILE__, __func__, s[2]);
     const uint32_t one_hole = k_string_pool_chunk_size - CH - NH - node_of(s[0])->mem_size;
-    EXPECT_NE(dump(*pool, 1).find(format("used/empty[node] = 1/1, used/empty/total[size] = %u[0KB]/%u[31KB]",
+    EXPECT_NE(dump(*pool, 2).find(format("used/empty[node] = 1/1, used/empty/total[size] = %u[0KB]/%u[31KB]",
                   NH + node_of(s[0])->mem_size, one_hole)),
         std::string::npos)
-        << dump(*pool, 1);
+        << dump(*pool, 2);
 
     // The last node releases the chunk and lowers the pool total by its size.
     EXPECT_STREQ(s[0], text[0].c_str());
@@ -348,8 +348,8 @@ TEST(PoolConcurrencyTest, BlocksNeverOverlapAndEveryChunkIsReturned)
     // The dumps run beside the allocators: they must never block them nor crash.
     std::thread dumper([&] {
         while (!done) {
-            res()->get_little_mem_pool()->diagnose(2, print_nothing);
-            res()->get_string_pool()->diagnose(2, print_nothing);
+            res()->get_little_mem_pool()->diagnose(1, print_nothing);
+            res()->get_string_pool()->diagnose(1, print_nothing);
         }
     });
     std::vector<std::thread> threads;
@@ -377,7 +377,7 @@ int print_and_reenter(const char* fmt, ...)
     if (s_reentered != nullptr) {
         utility_pool_base* pool = s_reentered;
         s_reentered = nullptr;
-        pool->diagnose(1, print_to_inner);
+        pool->diagnose(2, print_to_inner);
     }
     (void)fmt;
     return 0;
@@ -399,10 +399,10 @@ TEST(PoolDumpTest, LittlePoolSummaryNodeTableAndTotals)
                                           "%u[0KB], utility_little_mem_pool\n",
         empty);
 
-    EXPECT_EQ(dump(*pool, 1),
+    EXPECT_EQ(dump(*pool, 2),
         chunk_line + format("usr_0: usr_id = 0x32, used_size = 100[0KB], node_size = %u[0KB]:\n", NH + 104)
             + format("usr_1: usr_id = 0x31, used_size = 10[0KB], node_size = %u[0KB]:\n", NH + 16) + total_line);
-    EXPECT_EQ(dump(*pool, 2),
+    EXPECT_EQ(dump(*pool, 1),
         "chunk node  usr_id      purpose     memory      size        state       \n" + chunk_line
             + format("0     0     -           -           %-12p%-12u%-12s\n", static_cast<const void*>(area + NH),
                 empty, "empty")
@@ -414,12 +414,12 @@ TEST(PoolDumpTest, LittlePoolSummaryNodeTableAndTotals)
     // A dump that finds the pool busy says so instead of waiting (here: from inside a dump).
     s_reentered = pool;
     s_inner.clear();
-    EXPECT_EQ(pool->diagnose(1, print_and_reenter), VESK_OK);
+    EXPECT_EQ(pool->diagnose(2, print_and_reenter), VESK_OK);
     EXPECT_EQ(s_inner, "sorry, try lock fail!\n");
 
     pool->try_free(__FILE__, __func__, p1);
     pool->try_free(__FILE__, __func__, p2);
-    EXPECT_EQ(dump(*pool, 1),
+    EXPECT_EQ(dump(*pool, 2),
         "m_total_mem_size = 0[0KB], total_usr_size = 0[0KB], total_empty_size = 0[0KB], utility_little_mem_pool\n");
 }
 
@@ -429,7 +429,7 @@ TEST(PoolDumpTest, StringPoolTableShowsTheStrings)
     char* s = pool->strdup(0x33, 0x3301, "cam1", 64, nullptr); // need 9
     const char* area = chunk_addr_of(s);
     const uint32_t empty = k_string_pool_chunk_size - CH - NH - (9 + NH);
-    const std::string out = dump(*pool, 2);
+    const std::string out = dump(*pool, 1);
     EXPECT_EQ(out,
         "chunk node  usr_id      purpose     memory      size        string" + std::string(6 + 32, ' ') + "\n"
             + format("chunk_0: mem = %p, size = 32768[32KB], used/empty[node] = 1/1, used/empty/total[size] = "

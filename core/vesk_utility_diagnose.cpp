@@ -1,0 +1,356 @@
+// vesk_utility_diagnose - the diagnose agent: accepts one console at a time on a unix
+// socket, reads complete requests without ever blocking its polling thread, and streams the
+// output of a client's command back as text messages followed by a finish message.
+#include "vesk_utility_diagnose.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "vesk_utility_diag_wire.h"
+#include "vesk_utility_log.h"
+#include "vesk_utility_mem_account.h"
+
+namespace vesk_utility {
+
+using namespace vesk_soft;
+
+namespace {
+
+constexpr const char* k_cls = "vesk_diagnose_agent";
+constexpr uint32_t k_idle_polls = 20;         // a silent console is dropped after this many polls
+constexpr uint32_t k_max_payload = 4096;  // larger requests are not from our console
+constexpr vesk_memmory_purpose k_purpose_diag = 0x3003;
+
+// The agent whose command runs on this thread; print() sends through it.
+thread_local vesk_diagnose_agent* s_printing_agent = nullptr;
+
+bool poll_readable(int fd, int& err)
+{
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    timeval tv = {0, 0};
+    const int n = select(fd + 1, &set, nullptr, nullptr, &tv);
+    err = n < 0 ? errno : 0;
+    return n > 0;
+}
+
+char* copy_text(const char* text)
+{
+    if (text == nullptr)
+        return nullptr;
+    const size_t n = strlen(text) + 1;
+    char* copy = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_diag, static_cast<unsigned>(n), 1));
+    if (copy == nullptr) {
+        VESK_LOG_ERR(k_cls, "malloc %zu fail!\n", n);
+        return nullptr;
+    }
+    memcpy(copy, text, n);
+    return copy;
+}
+
+bool write_all(int fd, const void* data, size_t len)
+{
+    const char* p = static_cast<const char*>(data);
+    while (len > 0) {
+        // MSG_NOSIGNAL: a console that went away must not kill the process.
+        const ssize_t n = send(fd, p, len, MSG_NOSIGNAL);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR)
+                continue;
+            return false;
+        }
+        p += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+vesk_diagnose_agent::vesk_diagnose_agent(const char* path)
+{
+    snprintf(m_path, sizeof(m_path), "%s", path);
+    m_listen_fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (m_listen_fd < 1) {
+        VESK_LOG_ERR(k_cls, "listen_fd fail!");
+        m_listen_fd = -1;
+        return;
+    }
+    unlink(m_path);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", m_path);
+    if (bind(m_listen_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        VESK_LOG_ERR(k_cls, "bind %s fail!\n", m_path);
+        close(m_listen_fd);
+        m_listen_fd = -1;
+        unlink(m_path);
+        return;
+    }
+    // Only the owner may connect: a console can read everything the process holds.
+    chmod(m_path, 0600);
+    fcntl(m_listen_fd, F_SETFL, fcntl(m_listen_fd, F_GETFL) | O_NONBLOCK);
+    if (listen(m_listen_fd, 1) != 0) {
+        VESK_LOG_ERR(k_cls, "listen %s fail!\n", m_path);
+        close(m_listen_fd);
+        m_listen_fd = -1;
+        unlink(m_path);
+    }
+}
+
+vesk_diagnose_agent::~vesk_diagnose_agent()
+{
+    close_connection();
+    if (m_listen_fd >= 0) {
+        close(m_listen_fd);
+        unlink(m_path);
+    }
+    for (client_node* n = m_head; n != nullptr;) {
+        client_node* next = n->next;
+        vesk_free(__FILE__, __func__, n->purpose);
+        vesk_free(__FILE__, __func__, n->help);
+        vesk_free(__FILE__, __func__, n);
+        n = next;
+    }
+}
+
+VESK_ERR vesk_diagnose_agent::regist_diag(vesk_diagnose_client* client, const char* purpose, const char* help)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    for (client_node* n = m_head; n != nullptr; n = n->next) {
+        if (n->client == client) {
+            VESK_LOG_WARN(k_cls, "repeat, why?");
+            return VESK_OK;
+        }
+    }
+    client_node* node = static_cast<client_node*>(
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag, sizeof(client_node), 1));
+    if (node == nullptr) {
+        VESK_LOG_ERR(k_cls, "malloc %zu fail!\n", sizeof(client_node));
+        return VESK_OK;
+    }
+    node->client = client;
+    node->purpose = copy_text(purpose);
+    node->help = copy_text(help);
+    node->pre = nullptr;
+    node->next = m_head;
+    if (m_head != nullptr)
+        m_head->pre = node;
+    m_head = node;
+    VESK_ASSERT(node != node->pre);
+    if (node->next != nullptr)  // a lone head has both links NULL
+        VESK_ASSERT(node->next != node->pre);
+    VESK_ASSERT(node != node->next);
+    return VESK_OK;
+}
+
+void vesk_diagnose_agent::close_connection()
+{
+    if (m_com_fd >= 0)
+        close(m_com_fd);
+    m_com_fd = -1;
+}
+
+void vesk_diagnose_agent::work()
+{
+    int err = 0;
+    if (m_com_fd == -1) {
+        if (m_listen_fd < 0)
+            return;
+        const bool ready = poll_readable(m_listen_fd, err);
+        if (err != 0) {
+            VESK_LOG_ERR(k_cls, "select err = %d!\n", err);
+            return;
+        }
+        if (!ready)
+            return;
+        const int fd = accept(m_listen_fd, nullptr, nullptr);
+        if (fd < 0) {
+            VESK_LOG_WARN(k_cls, "accept fail!");
+            return;
+        }
+        VESK_LOG_WARN(k_cls, "accept ok!");
+        m_com_fd = fd;
+        m_idle_cnt = 0;
+        m_write_fail = 0;
+        // Keep-alive options are meaningful only for a TCP transport; failures are ignored.
+        int on = 1, idle = 60, intvl = 15, cnt = 4, rcvbuf = 4096, sndbuf = 32768;
+        timeval tmo = {10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+        setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
+        setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &intvl, sizeof(intvl));
+        setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &cnt, sizeof(cnt));
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tmo, sizeof(tmo));
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tmo, sizeof(tmo));
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof(sndbuf));
+    }
+
+    if (++m_idle_cnt >= k_idle_polls) {
+        close_connection();
+        return;
+    }
+    const bool ready = poll_readable(m_com_fd, err);
+    if (err != 0) {
+        VESK_LOG_WARN(k_cls, "err[%d,%s]\n", err, strerror(err));
+        close_connection();
+        return;
+    }
+    if (!ready)
+        return;
+    int avail = 0;
+    if (ioctl(m_com_fd, FIONREAD, &avail) != 0 || avail == 0) {
+        // Readable with nothing to read: the console closed its end.
+        VESK_LOG_ERR(k_cls, "slelect ok buf FIONREAD fail!");
+        close_connection();
+        return;
+    }
+    if (avail < static_cast<int>(sizeof(vesk_diag_msg_head)))
+        return;
+    vesk_diag_msg_head head;
+    ssize_t n = recv(m_com_fd, &head, sizeof(head), MSG_PEEK | MSG_DONTWAIT);
+    // A payload no request can have is treated like a wrong magic: not our console.
+    if (n != static_cast<ssize_t>(sizeof(head)) || head.magic != k_diag_magic || head.len > k_max_payload) {
+        close_connection();
+        return;
+    }
+    if (sizeof(head) + head.len > static_cast<size_t>(avail)) {
+        VESK_LOG_WARN(k_cls, "socket_data_len = %d need more!\n", avail);
+        return;
+    }
+    n = recv(m_com_fd, &head, sizeof(head), 0);
+    if (n != static_cast<ssize_t>(sizeof(head))) {
+        VESK_LOG_WARN(k_cls, "rd_len = %d socket err!\n", static_cast<int>(n));
+        close_connection();
+        return;
+    }
+    int32_t args[k_max_payload / sizeof(int32_t)] = {};
+    if (head.len > 0) {
+        n = recv(m_com_fd, args, head.len, 0);
+        if (n != static_cast<ssize_t>(head.len)) {
+            VESK_LOG_WARN(k_cls, "rd_len = %d msg_len = %d, err!\n", static_cast<int>(n), head.len);
+            close_connection();
+            return;
+        }
+    }
+    m_idle_cnt = 0;
+    dispatch(head.seq, head.cmd, args, head.len / sizeof(int32_t));
+}
+
+vesk_diagnose_agent::client_node* vesk_diagnose_agent::find(int32_t idx)
+{
+    int32_t i = 0;
+    for (client_node* n = m_head; n != nullptr; n = n->next, i++)
+        if (i == idx)
+            return n;
+    return nullptr;
+}
+
+void vesk_diagnose_agent::dispatch(uint32_t seq, uint32_t cmd, const int32_t* args, uint32_t nargs)
+{
+    if (cmd < k_diag_cmd_list || cmd > k_diag_cmd_run) {
+        VESK_LOG_ERR(k_cls, "not support cmd 0x%x\n", cmd);
+        return;
+    }
+    // A missing argument reads as index -1 / para 0: "not find" rather than a guess.
+    const int32_t idx = nargs >= 1 ? args[0] : -1;
+    const int32_t para = nargs >= 2 ? args[1] : 0;
+    vesk_diagnose_agent* const outer = s_printing_agent;
+    s_printing_agent = this;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (cmd == k_diag_cmd_list) {
+            print("-------------------------------------------------------\n");
+            int32_t i = 0;
+            for (client_node* n = m_head; n != nullptr; n = n->next, i++) {
+                if (n->purpose != nullptr)
+                    print("client idx = %d  purpose = '%s'\n", i, n->purpose);
+                else
+                    print("client idx = %d purpose = 'unknow'\n", i);
+            }
+            print("-------------------------------------------------------\n");
+        } else if (cmd == k_diag_cmd_help) {
+            client_node* n = find(idx);
+            if (n == nullptr) {
+                print("sorry, client idx %d, not find!\n\n", idx);
+            } else {
+                if (n->purpose != nullptr)
+                    print("purpose is '%s'\n", n->purpose);
+                else
+                    print("purpose is 'unknow'\n");
+                if (n->help != nullptr)
+                    print("help:\n%s\n", n->help);
+                else
+                    print("help: nothing\n");
+            }
+        } else {
+            client_node* n = find(idx);
+            if (n != nullptr && n->client != nullptr)
+                n->client->diagnose(para, print);
+        }
+    }
+    s_printing_agent = outer;
+    send_finish(seq);
+}
+
+VESK_ERR vesk_diagnose_agent::send_text(const char* text)
+{
+    if (m_com_fd == -1) {
+        VESK_LOG_ERR(k_cls, "m_com_fd == -1");
+        return VESK_ERR_OPERATE_FAIL;
+    }
+    if (m_write_fail != 0) {
+        VESK_LOG_ERR(k_cls, "m_write_fail");
+        return VESK_ERR_OPERATE_FAIL;
+    }
+    char buf[sizeof(vesk_diag_msg_head) + k_diag_text_max];
+    const size_t len = strnlen(text, k_diag_text_max - 1);
+    const vesk_diag_msg_head head = {k_diag_magic, 0, k_diag_ans_text, static_cast<uint32_t>(len + 1)};
+    memcpy(buf, &head, sizeof(head));
+    memcpy(buf + sizeof(head), text, len);
+    buf[sizeof(head) + len] = '\0';
+    if (!write_all(m_com_fd, buf, sizeof(head) + len + 1)) {
+        m_write_fail = 1;
+        return VESK_ERR_OPERATE_FAIL;
+    }
+    return VESK_OK;
+}
+
+void vesk_diagnose_agent::send_finish(uint32_t seq)
+{
+    if (m_com_fd == -1) {
+        VESK_LOG_ERR(k_cls, "m_com_fd == -1");
+        return;
+    }
+    const vesk_diag_msg_head head = {k_diag_magic, seq, k_diag_ans_finish, 0};
+    write_all(m_com_fd, &head, sizeof(head));
+}
+
+int vesk_diagnose_agent::print(const char* fmt, ...)
+{
+    char text[k_diag_text_max];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof(text), fmt, ap);
+    va_end(ap);
+    vesk_diagnose_agent* agent = s_printing_agent;
+    if (agent == nullptr) {
+        VESK_LOG_ERR(k_cls, "m_com_fd == -1");
+        return static_cast<int>(VESK_ERR_OPERATE_FAIL);
+    }
+    return static_cast<int>(agent->send_text(text));
+}
+
+}  // namespace vesk_utility

@@ -1,0 +1,371 @@
+// The diagnose agent over a real unix socket, and the vesk_diag console against it.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+#include "vesk_utility.h"
+#include "vesk_utility_diag_wire.h"
+#include "vesk_utility_diagnose.h"
+#include "vesk_utility_resource.h"
+
+using namespace vesk_soft;
+using namespace vesk_utility;
+
+namespace
+{
+
+// A client that prints what it is asked and remembers it.
+class echo_client final : public vesk_diagnose_client
+{
+public:
+    VESK_ERR diagnose(int para, print_fn print) override
+    {
+        last_para = para;
+        if (para == 600) {
+            print("%s\n", std::string(600, 'x').c_str());
+        } else if (para == 5) {
+            // An endless report stops when the console goes away.
+            while (print("tick %d\n", ticks.load()) == 0)
+                ticks++;
+            stopped = true;
+        } else {
+            print("para = %d\n", para);
+            print("second line\n");
+        }
+        return VESK_OK;
+    }
+    std::atomic<int> last_para {-1};
+    std::atomic<int> ticks {0};
+    std::atomic<bool> stopped {false};
+};
+
+struct answer {
+    std::vector<std::string> texts; // each message's text, NUL removed
+    std::vector<uint32_t> lens; // each message's len field
+    uint32_t finish_seq = 0;
+    bool finished = false;
+    std::string joined() const
+    {
+        std::string s;
+        for (const std::string& t : texts)
+            s += t;
+        return s;
+    }
+};
+
+class DiagnoseTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        static int n = 0;
+        m_path = vesk_test::private_root() + "/diag_" + std::to_string(getpid()) + "_" + std::to_string(n++) + ".sock";
+        m_agent = new vesk_diagnose_agent(m_path.c_str());
+    }
+    void TearDown() override
+    {
+        stop_pump();
+        if (m_fd >= 0)
+            close(m_fd);
+        delete m_agent;
+    }
+    void start_pump()
+    {
+        m_run = true;
+        m_pump = std::thread([this] {
+            while (m_run) {
+                m_agent->work();
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+        });
+    }
+    void stop_pump()
+    {
+        m_run = false;
+        if (m_pump.joinable())
+            m_pump.join();
+    }
+    void connect_console()
+    {
+        m_fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", m_path.c_str());
+        ASSERT_EQ(connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0) << strerror(errno);
+        timeval tv = {10, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    }
+    void send_raw(const void* data, size_t len) { ASSERT_EQ(send(m_fd, data, len, MSG_NOSIGNAL), (ssize_t)len); }
+    void send_request(uint32_t seq, uint32_t cmd, std::vector<int32_t> args = {}, uint32_t magic = k_diag_magic)
+    {
+        std::vector<char> msg(16 + args.size() * 4);
+        const vesk_diag_msg_head h = {magic, seq, cmd, static_cast<uint32_t>(args.size() * 4)};
+        memcpy(msg.data(), &h, 16);
+        if (!args.empty())
+            memcpy(msg.data() + 16, args.data(), args.size() * 4);
+        send_raw(msg.data(), msg.size());
+    }
+    bool read_exact(void* buf, size_t len)
+    {
+        char* p = static_cast<char*>(buf);
+        while (len > 0) {
+            const ssize_t n = recv(m_fd, p, len, 0);
+            if (n <= 0)
+                return false;
+            p += n;
+            len -= n;
+        }
+        return true;
+    }
+    answer read_answer()
+    {
+        answer a;
+        for (;;) {
+            vesk_diag_msg_head h;
+            if (!read_exact(&h, 16))
+                return a;
+            EXPECT_EQ(h.magic, k_diag_magic);
+            if (h.cmd == k_diag_ans_finish) {
+                EXPECT_EQ(h.len, 0u);
+                a.finish_seq = h.seq;
+                a.finished = true;
+                return a;
+            }
+            EXPECT_EQ(h.cmd, k_diag_ans_text);
+            EXPECT_EQ(h.seq, 0u);
+            std::string text(h.len, '\0');
+            if (!read_exact(text.data(), h.len))
+                return a;
+            EXPECT_EQ(text.back(), '\0'); // every text carries its NUL
+            text.pop_back();
+            a.texts.push_back(text);
+            a.lens.push_back(h.len);
+        }
+    }
+    // Polls the agent on this thread until the console has something to read (the agent
+    // writes a whole answer within one poll), then reads the answer.
+    answer exchange()
+    {
+        for (int i = 0; i < 10; i++) {
+            m_agent->work();
+            pollfd p = {m_fd, POLLIN, 0};
+            if (poll(&p, 1, 0) > 0)
+                return read_answer();
+        }
+        return answer();
+    }
+    // True when the peer closed (EOF) within the deadline.
+    bool closed_by_agent()
+    {
+        pollfd p = {m_fd, POLLIN, 0};
+        if (poll(&p, 1, 10000) <= 0)
+            return false;
+        // Closing with our request unread resets the connection instead of a clean EOF.
+        char c;
+        const ssize_t n = recv(m_fd, &c, 1, MSG_DONTWAIT);
+        return n == 0 || (n < 0 && errno == ECONNRESET);
+    }
+
+    std::string m_path;
+    vesk_diagnose_agent* m_agent = nullptr;
+    std::thread m_pump;
+    std::atomic<bool> m_run {false};
+    int m_fd = -1;
+};
+
+constexpr const char* k_sep = "-------------------------------------------------------\n";
+
+} // namespace
+
+TEST_F(DiagnoseTest, ListHelpAndRunRoundTrips)
+{
+    echo_client alpha, nameless;
+    m_agent->regist_diag(&alpha, "alpha title", "1 first\n2 second");
+    m_agent->regist_diag(&nameless, nullptr, nullptr);
+    struct stat st;
+    ASSERT_EQ(stat(m_path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u); // only the owner may connect
+
+    connect_console();
+    send_request(11, k_diag_cmd_list);
+    answer a = exchange();
+    ASSERT_TRUE(a.finished);
+    EXPECT_EQ(a.finish_seq, 11u);
+    EXPECT_EQ(a.joined(),
+        std::string(k_sep) + "client idx = 0 purpose = 'unknow'\n" + "client idx = 1  purpose = 'alpha title'\n"
+            + k_sep);
+
+    send_request(12, k_diag_cmd_help, {1});
+    a = exchange();
+    EXPECT_EQ(a.joined(), "purpose is 'alpha title'\nhelp:\n1 first\n2 second\n");
+    EXPECT_EQ(a.finish_seq, 12u);
+    send_request(13, k_diag_cmd_help, {0});
+    EXPECT_EQ(exchange().joined(), "purpose is 'unknow'\nhelp: nothing\n");
+    send_request(14, k_diag_cmd_help, {7});
+    EXPECT_EQ(exchange().joined(), "sorry, client idx 7, not find!\n\n");
+
+    send_request(15, k_diag_cmd_run, {1, 42});
+    a = exchange();
+    ASSERT_EQ(a.texts.size(), 2u); // one message per print
+    EXPECT_EQ(a.texts[0], "para = 42\n");
+    EXPECT_EQ(a.lens[0], strlen("para = 42\n") + 1);
+    EXPECT_EQ(a.finish_seq, 15u);
+    EXPECT_EQ(alpha.last_para, 42);
+    EXPECT_EQ(nameless.last_para, -1);
+    // A missing client prints nothing but still finishes.
+    send_request(16, k_diag_cmd_run, {9, 1});
+    a = exchange();
+    EXPECT_TRUE(a.finished);
+    EXPECT_TRUE(a.texts.empty());
+
+    // A second registration of the same client is refused.
+    const std::string out = vesk_test::capture_stdout([&] { m_agent->regist_diag(&alpha, "again", nullptr); });
+    EXPECT_NE(out.find("repeat, why?"), std::string::npos) << out;
+    send_request(17, k_diag_cmd_list);
+    EXPECT_EQ(vesk_test::count_of(exchange().joined(), "client idx"), 2);
+}
+
+TEST_F(DiagnoseTest, PartialRequestWaitsAndLongLinesAreCut)
+{
+    echo_client c;
+    m_agent->regist_diag(&c, "c", nullptr);
+    connect_console();
+    // A header announcing 100 payload bytes, with only 40 of them sent: left in the socket.
+    std::vector<char> msg(16 + 100, 0);
+    const vesk_diag_msg_head h = {k_diag_magic, 21, k_diag_cmd_run, 100};
+    memcpy(msg.data(), &h, 16);
+    const int32_t args[2] = {0, 600};
+    memcpy(msg.data() + 16, args, 8);
+    send_raw(msg.data(), 16 + 40);
+    const std::string out = vesk_test::capture_stdout([&] {
+        for (int i = 0; i < 5; i++)
+            m_agent->work();
+    });
+    EXPECT_EQ(vesk_test::count_of(out, "socket_data_len = 56 need more!\n"), 5) << out;
+    char byte;
+    EXPECT_EQ(recv(m_fd, &byte, 1, MSG_DONTWAIT), -1); // nothing answered yet
+    send_raw(msg.data() + 56, 60);
+    const answer a = exchange();
+    ASSERT_TRUE(a.finished);
+    EXPECT_EQ(a.finish_seq, 21u);
+    ASSERT_EQ(a.texts.size(), 1u);
+    EXPECT_EQ(a.lens[0], 512u);
+    EXPECT_EQ(a.texts[0], std::string(511, 'x'));
+}
+
+TEST_F(DiagnoseTest, BadMagicClosesAndUnknownCommandGetsNoFinish)
+{
+    connect_console();
+    const std::string out = vesk_test::capture_stdout([&] {
+        send_request(31, 4);
+        send_request(32, k_diag_cmd_list);
+        for (int i = 0; i < 3; i++)
+            m_agent->work();
+    });
+    EXPECT_NE(out.find("not support cmd 0x4\n"), std::string::npos) << out;
+    const answer a = read_answer();
+    EXPECT_TRUE(a.finished);
+    EXPECT_EQ(a.finish_seq, 32u); // the first finish is the list's
+
+    send_request(33, k_diag_cmd_list, {}, 0x12345678);
+    m_agent->work();
+    EXPECT_TRUE(closed_by_agent());
+}
+
+TEST_F(DiagnoseTest, SilentConsoleIsDroppedAfterTwentyPolls)
+{
+    connect_console();
+    for (int i = 0; i < 19; i++)
+        m_agent->work(); // the first poll accepts
+    char c;
+    EXPECT_EQ(recv(m_fd, &c, 1, MSG_DONTWAIT), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    m_agent->work();
+    EXPECT_TRUE(closed_by_agent());
+    // Without a console, print reports failure.
+    const std::string out = vesk_test::capture_stdout([&] { EXPECT_NE(m_agent->send_text("x"), VESK_OK); });
+    EXPECT_NE(out.find("m_com_fd == -1"), std::string::npos);
+}
+
+TEST_F(DiagnoseTest, EndlessCommandStopsWhenTheConsoleLeaves)
+{
+    echo_client c;
+    m_agent->regist_diag(&c, "ticker", nullptr);
+    start_pump();
+    connect_console();
+    send_request(41, k_diag_cmd_run, {0, 5});
+    vesk_diag_msg_head h;
+    ASSERT_TRUE(read_exact(&h, 16));
+    EXPECT_EQ(h.cmd, k_diag_ans_text);
+    close(m_fd);
+    m_fd = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!c.stopped && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(c.stopped);
+}
+
+TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirst)
+{
+    echo_client mine;
+    ASSERT_EQ(vesk_utility_regist_diag(&mine, "my module", "1 show state"), VESK_OK);
+    EXPECT_EQ(vesk_utility_regist_diag(nullptr, "x", "y"), VESK_ERR_INVALID_PARAM);
+    vesk_diagnose_agent* agent = vesk_utility_res_manage::instance()->get_diagnose();
+    std::atomic<bool> run {true};
+    std::thread pump([&] {
+        while (run) {
+            agent->work();
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    const std::string path = vesk_test::private_root() + "/usr/lib/libutility.socket";
+    const auto console = [&](const std::string& args) {
+        FILE* p = popen((std::string(VESK_DIAG_BIN) + " " + args).c_str(), "r");
+        std::string out;
+        char buf[4096];
+        size_t n;
+        while (p != nullptr && (n = fread(buf, 1, sizeof(buf), p)) > 0)
+            out.append(buf, n);
+        EXPECT_EQ(p != nullptr ? pclose(p) : -1, 0) << out;
+        return out;
+    };
+    std::string out = console("--socket " + path + " list");
+    // The resource manager's place depends on the services built; find it by its title.
+    const size_t title = out.find("purpose = '诊断 中间层记录的内存、句柄等'");
+    ASSERT_NE(title, std::string::npos) << out;
+    const size_t idx_at = out.rfind("client idx = ", title);
+    const int res_idx = atoi(out.c_str() + idx_at + strlen("client idx = "));
+    out += console("--socket " + path + " run 0 3");
+    out += console("run " + std::to_string(res_idx) + " 6"); // default path under the root
+    run = false;
+    pump.join();
+    EXPECT_NE(out.find("client idx = 0  purpose = 'my module'\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("client idx = 1  purpose = '"), std::string::npos) << out;
+    EXPECT_NE(out.find("para = 3\nsecond line\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("class cnt"), std::string::npos) << out; // the resource manager's command 6
+    EXPECT_EQ(mine.last_para, 3);
+}
+
+TEST(DiagConsoleTest, MissingSocketFailsClearly)
+{
+    const std::string cmd = std::string(VESK_DIAG_BIN) + " --socket /nonexistent/x.sock list 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    char buf[512] = {};
+    const size_t n = fread(buf, 1, sizeof(buf) - 1, p);
+    const int status = pclose(p);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_NE(std::string(buf, n).find("cannot connect to /nonexistent/x.sock: No such file or directory"),
+        std::string::npos);
+}

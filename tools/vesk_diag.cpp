@@ -1,0 +1,256 @@
+// vesk_diag - the console of the diagnostics socket: lists a process's diagnose clients,
+// shows a client's help and runs its numbered commands, one-shot or at an interactive prompt.
+//
+//   vesk_diag [--socket PATH | --proxy] [list | help N | run N PARA]
+//
+// Without --socket it connects to the main application's socket under $VESK_UTILITY_ROOT
+// (--proxy: the proxy server's). The agent polls once a second, so answers start within
+// about a second. Ctrl-C ends a running command by closing the connection.
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "vesk_utility_diag_wire.h"
+#include "vesk_utility_paths.h"
+
+using namespace vesk_utility;
+
+namespace {
+
+volatile sig_atomic_t s_interrupted = 0;
+int s_fd = -1;
+
+void on_sigint(int)
+{
+    s_interrupted = 1;
+    // Closing the connection makes the agent's next print fail, which ends an endless command.
+    if (s_fd >= 0)
+        shutdown(s_fd, SHUT_RDWR);
+}
+
+enum class result { ok, retry, interrupted, failed };
+
+class console {
+public:
+    explicit console(std::string path) : m_path(std::move(path)) {}
+    ~console() { disconnect(); }
+
+    bool connect_agent()
+    {
+        disconnect();
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (fd < 0) {
+            fprintf(stderr, "vesk_diag: socket: %s\n", strerror(errno));
+            return false;
+        }
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", m_path.c_str());
+        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+            fprintf(stderr, "vesk_diag: cannot connect to %s: %s\n", m_path.c_str(), strerror(errno));
+            close(fd);
+            return false;
+        }
+        s_fd = fd;
+        return true;
+    }
+
+    // Sends one request and prints its answer up to the finish message. A connection the
+    // agent dropped (idle time-out) is re-opened once and the request sent again.
+    bool request(uint32_t cmd, const std::vector<int32_t>& args)
+    {
+        for (int attempt = 0; attempt < 2; attempt++) {
+            if (s_fd < 0 && !connect_agent())
+                return false;
+            const result r = exchange(cmd, args, attempt == 0);
+            if (r == result::ok)
+                return true;
+            if (r != result::retry)
+                return r == result::interrupted;
+            disconnect();
+        }
+        fprintf(stderr, "vesk_diag: the agent closed the connection\n");
+        return false;
+    }
+
+    void disconnect()
+    {
+        if (s_fd >= 0)
+            close(s_fd);
+        s_fd = -1;
+    }
+
+private:
+    bool read_exact(void* buf, size_t len)
+    {
+        char* p = static_cast<char*>(buf);
+        while (len > 0) {
+            const ssize_t n = recv(s_fd, p, len, 0);
+            if (n < 0 && errno == EINTR && !s_interrupted)
+                continue;
+            if (n <= 0)
+                return false;
+            p += n;
+            len -= static_cast<size_t>(n);
+        }
+        return true;
+    }
+
+    result exchange(uint32_t cmd, const std::vector<int32_t>& args, bool may_retry)
+    {
+        const uint32_t seq = ++m_seq;
+        std::vector<char> msg(sizeof(vesk_diag_msg_head) + args.size() * sizeof(int32_t));
+        const vesk_diag_msg_head head = {k_diag_magic, seq, cmd, static_cast<uint32_t>(args.size() * sizeof(int32_t))};
+        memcpy(msg.data(), &head, sizeof(head));
+        if (!args.empty())
+            memcpy(msg.data() + sizeof(head), args.data(), args.size() * sizeof(int32_t));
+        if (send(s_fd, msg.data(), msg.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(msg.size()))
+            return may_retry ? result::retry : result::failed;
+        bool got_text = false;
+        for (;;) {
+            vesk_diag_msg_head ans;
+            if (!read_exact(&ans, sizeof(ans))) {
+                if (s_interrupted)
+                    return result::interrupted;
+                // Nothing answered yet: the agent had dropped an idle connection.
+                return (!got_text && may_retry) ? result::retry : result::failed;
+            }
+            if (ans.magic != k_diag_magic) {
+                fprintf(stderr, "vesk_diag: malformed answer (magic 0x%x)\n", ans.magic);
+                return result::failed;
+            }
+            if (ans.cmd == k_diag_ans_finish) {
+                if (ans.seq != seq) {
+                    fprintf(stderr, "vesk_diag: finish for request %u, expected %u\n", ans.seq, seq);
+                    return result::failed;
+                }
+                return result::ok;
+            }
+            if (ans.cmd != k_diag_ans_text || ans.len == 0 || ans.len > k_diag_text_max) {
+                fprintf(stderr, "vesk_diag: malformed answer (cmd 0x%x, len %u)\n", ans.cmd, ans.len);
+                return result::failed;
+            }
+            char text[k_diag_text_max + 1];
+            if (!read_exact(text, ans.len))
+                return s_interrupted ? result::interrupted : result::failed;
+            text[ans.len] = '\0';
+            fputs(text, stdout);
+            fflush(stdout);
+            got_text = true;
+        }
+    }
+
+    std::string m_path;
+    uint32_t m_seq = 0;
+};
+
+void usage()
+{
+    fprintf(stderr,
+            "usage: vesk_diag [--socket PATH | --proxy] [list | help N | run N PARA]\n"
+            "  list          list the diagnose clients of the process\n"
+            "  help N        title and commands of client N\n"
+            "  run N PARA    run command PARA of client N (Ctrl-C stops it)\n"
+            "without a command: an interactive prompt (quit to leave)\n");
+}
+
+bool parse_int(const std::string& s, int32_t& out)
+{
+    char* end = nullptr;
+    errno = 0;
+    const long v = strtol(s.c_str(), &end, 0);
+    if (s.empty() || *end != '\0' || errno != 0)
+        return false;
+    out = static_cast<int32_t>(v);
+    return true;
+}
+
+// One command line (already split); returns false on a usage error or a failed request.
+bool run_words(console& c, const std::vector<std::string>& w)
+{
+    int32_t idx = 0, para = 0;
+    if (w.size() == 1 && w[0] == "list")
+        return c.request(k_diag_cmd_list, {});
+    if (w.size() == 2 && w[0] == "help" && parse_int(w[1], idx))
+        return c.request(k_diag_cmd_help, {idx});
+    if (w.size() == 3 && w[0] == "run" && parse_int(w[1], idx) && parse_int(w[2], para))
+        return c.request(k_diag_cmd_run, {idx, para});
+    usage();
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    char path[sizeof(sockaddr_un::sun_path)];
+    vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main);
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; i++) {
+        const std::string a = argv[i];
+        if (a == "--socket" && i + 1 < argc) {
+            snprintf(path, sizeof(path), "%s", argv[++i]);
+        } else if (a == "--proxy") {
+            vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy);
+        } else if (a == "-h" || a == "--help") {
+            usage();
+            return 0;
+        } else {
+            words.push_back(a);
+        }
+    }
+
+    struct sigaction sa = {};
+    sa.sa_handler = on_sigint;
+    sigaction(SIGINT, &sa, nullptr);  // no SA_RESTART: a blocked read returns at once
+    signal(SIGPIPE, SIG_IGN);
+
+    console c(path);
+    if (!words.empty()) {
+        if (!c.connect_agent())
+            return 1;
+        return run_words(c, words) ? 0 : 1;
+    }
+
+    if (!c.connect_agent())
+        return 1;
+    printf("connected to %s; commands: list, help N, run N PARA, quit\n", path);
+    std::string line;
+    for (;;) {
+        printf("vesk_diag> ");
+        fflush(stdout);
+        s_interrupted = 0;
+        if (!std::getline(std::cin, line)) {
+            if (s_interrupted) {  // Ctrl-C at the prompt: a fresh line
+                std::cin.clear();
+                printf("\n");
+                continue;
+            }
+            break;
+        }
+        std::istringstream in(line);
+        std::vector<std::string> w;
+        for (std::string x; in >> x;)
+            w.push_back(x);
+        if (w.empty())
+            continue;
+        if (w[0] == "quit" || w[0] == "exit")
+            break;
+        run_words(c, w);
+        if (s_interrupted) {
+            printf("\n(interrupted)\n");
+            c.disconnect();  // reconnects with the next command
+        }
+    }
+    return 0;
+}
