@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "vesk_utility_core.h"
+#include "vesk_utility_lock.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
 
@@ -61,6 +62,7 @@ vesk_utility_res_manage::~vesk_utility_res_manage()
 void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
 {
     m_registry.init_node_pool();
+    vesk_lock_install_printers(m_registry);  // dump modes 1-4 of the lock lists
     // The A/V-reader pool, little-memory pool, string pool and thread pool come next, then
     // the role's system-command client and diagnose agent.
     switch (ops) {

@@ -6,5 +6,6 @@
 #include "vesk_utility_types.h"
 #include "vesk_utility_core.h"
 #include "vesk_utility_memory.h"
+#include "vesk_utility_lock.h"
 
 #endif  // VESK_UTILITY_H
