@@ -38,26 +38,25 @@ void copy_name(char (&dst)[k_lock_name_size], const char* name)
     dst[k_lock_name_size - 1] = '\0';
 }
 
-char* append_text(char* out, char* end, const char* s)
-{
-    if (s == nullptr)
-        s = "(null)";
-    while (out < end && *s != '\0')
-        *out++ = *s++;
-    return out;
-}
-
 // dst = "file func" cut to 63 characters: the text of snprintf("%s %s") without the cost of
-// the formatter on every acquisition. Only dst[0..63) is written before the NUL, so dst[63]
-// stays NUL for the readers that do not lock.
+// the formatter on every acquisition. At most 63 characters go before the NUL, so dst[63] is
+// never anything but NUL for the readers that do not lock.
 void join_caller(char (&dst)[k_lock_holder_size], const char* file, const char* func)
 {
-    char* const end = dst + k_lock_holder_size - 1;
-    char* out = append_text(dst, end, file);
-    if (out < end)
-        *out++ = ' ';
-    out = append_text(out, end, func);
-    *out = '\0';
+    constexpr size_t cap = k_lock_holder_size - 1;
+    if (file == nullptr)
+        file = "(null)";
+    if (func == nullptr)
+        func = "(null)";
+    size_t n = strnlen(file, cap);
+    memcpy(dst, file, n);
+    if (n < cap) {
+        dst[n++] = ' ';
+        const size_t m = strnlen(func, cap - n);
+        memcpy(dst + n, func, m);
+        n += m;
+    }
+    dst[n] = '\0';
 }
 
 void set_no_usr(char (&dst)[k_lock_holder_size])
