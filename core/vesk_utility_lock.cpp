@@ -113,6 +113,12 @@ template struct vesk_lock_heap<k_purpose_sleep>;
 static_assert(alignof(vesk_lock_realize) <= k_object_align, "lock objects need a larger alignment");
 static_assert(alignof(vesk_rw_lock_realize) <= k_object_align, "lock objects need a larger alignment");
 static_assert(alignof(interuptable_sleep) <= k_object_align, "lock objects need a larger alignment");
+#if UINTPTR_MAX == 0xFFFFFFFFu && defined(__GLIBC__)
+// Footprint on the board (32-bit time_t), before the 44 bytes of accounting per object.
+static_assert(sizeof(time_t) != 4 || sizeof(vesk_lock_realize) == 140, "a named lock grew");
+static_assert(sizeof(time_t) != 4 || sizeof(vesk_rw_lock_realize) == 168, "a read-write lock grew");
+static_assert(sizeof(interuptable_sleep) == 88, "an interruptible sleep grew");
+#endif
 
 // ---- vesk_lock_realize ------------------------------------------------------------------
 
@@ -209,6 +215,8 @@ VESK_ERR vesk_lock_realize::unlock(const char* file, const char* func)
     }
     set_no_usr(m_holder);
     m_holder_thread.store(0, std::memory_order_relaxed);
+    // Possibly from another thread than the locker. POSIX leaves that undefined for a
+    // default mutex; the GNU C library's default (normal) mutex keeps no owner and releases.
     pthread_mutex_unlock(&m_mutex);
     return VESK_OK;
 }

@@ -89,6 +89,7 @@ protected:
 //
 // Thread safety: any thread may call either operation. There is no pending flag: a wakeup()
 // while no thread sleeps is lost, and one wakeup() ends at most one sleep.
+// REQUIRES: no thread sleeps on it when it is deleted.
 class vesk_interuptable_sleep
 {
 public:
