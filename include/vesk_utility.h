@@ -7,5 +7,6 @@
 #include "vesk_utility_core.h"
 #include "vesk_utility_memory.h"
 #include "vesk_utility_thread.h"
+#include "vesk_utility_lock.h"
 
 #endif  // VESK_UTILITY_H

@@ -1,5 +1,5 @@
 // A firmware module's view of the layer: this file sees only vesk_utility.h and links only
-// the shared library. It calls every entry point of the entry, registry, helper and
+// the shared library. It calls every entry point of the entry, registry, helper, lock and
 // accounting families with their exported signatures and checks what a caller can observe.
 #include <fcntl.h>
 #include <pthread.h>
@@ -137,6 +137,36 @@ int main()
     for (int i = 0; i < 20000 && named == 0; i++)
         usleep(1000);
     CHECK(named == 1);
+    // Locks: created and deleted through the registry, used through their interfaces.
+    vesk_lock* lk = vesk_utility_new_lock(0x40, "api lock");
+    CHECK(lk != nullptr);
+    if (lk != nullptr) {
+        char text[128];
+        CHECK(lk->lock(__FILE__, __func__) == VESK_OK);
+        CHECK(lk->trylock(__FILE__, __func__, 100) == VESK_ERR_LOCK_BUSY);
+        CHECK(lk->get_locked_info(text, sizeof(text)) == 1 && strstr(text, "'api lock' is locked by") == text);
+        CHECK(lk->unlock(__FILE__, __func__) == VESK_OK);
+        CHECK(lk->get_state(text, sizeof(text)) == 0 && strcmp(text, "'api lock' is idel") == 0);
+        CHECK(vesk_utility_delete_lock(lk, __FILE__, __func__) == VESK_OK);
+    }
+    vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x40, "api rw");
+    CHECK(rw != nullptr);
+    if (rw != nullptr) {
+        CHECK(rw->rd_lock() == VESK_OK && rw->rd_trylock(__FILE__, __func__, 0) == VESK_OK);
+        CHECK(rw->get_state(nullptr, 0) == 2 && rw->wr_trylock(__FILE__, __func__, 0) == VESK_ERR_LOCK_BUSY);
+        CHECK(rw->unlock(__FILE__, __func__) == VESK_ERR_LOCK_BUSY
+            && rw->unlock(__FILE__, __func__) == VESK_ERR_LOCK_BUSY);
+        CHECK(rw->wr_lock(__FILE__, __func__) == VESK_OK && rw->get_locked_info(nullptr, 0) == 1);
+        CHECK(rw->unlock(__FILE__, __func__) == VESK_ERR_LOCK_BUSY && rw->get_state(nullptr, 0) == 0);
+        CHECK(vesk_utility_delete_rw_lock(rw, __FILE__, __func__) == VESK_OK);
+    }
+    vesk_interuptable_sleep* nap = vesk_utility_new_interuptable_sleep(0x40, "api sleep");
+    CHECK(nap != nullptr);
+    if (nap != nullptr) {
+        CHECK(nap->wakeup() == VESK_OK && nap->sleep(1) == VESK_ERR_OPERATE_FAIL);
+        CHECK(vesk_utility_delete_interuptable_sleep(nap, __FILE__, __func__) == VESK_OK);
+    }
+    CHECK(vesk_utility_delete_lock(nullptr, __FILE__, __func__) == VESK_ERR_INVALID_PARAM);
 
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);

@@ -1,0 +1,692 @@
+// Named locks, read-write locks and interruptible sleeps: holder bookkeeping, the fatal
+// misuse reports, the never-waiting try operations, writer preference and the lock dumps.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/vesk_utility_lock.h"
+#include "test_support.h"
+#include "vesk_utility.h"
+#include "vesk_utility_log.h"
+#include "vesk_utility_resource.h"
+
+using namespace vesk_soft;
+using namespace vesk_utility;
+
+namespace vesk_utility
+{
+// Reaches the books of a lock, to stage a breach no correct sequence of calls can produce.
+struct vesk_lock_test_peer {
+    static void set_lock_cnt(vesk_lock* lk, int32_t cnt) { static_cast<vesk_lock_realize*>(lk)->m_lock_cnt = cnt; }
+};
+} // namespace vesk_utility
+
+namespace
+{
+
+constexpr const char* k_name_40 = "abcdefghijklmnopqrstuvwxyz0123456789ABCD";
+constexpr const char* k_name_31 = "abcdefghijklmnopqrstuvwxyz01234";
+constexpr auto k_deadline = std::chrono::seconds(20);
+
+// Whole-text match where "<N>" stands for a number of seconds (the one part that depends on
+// the clock).
+bool matches_exactly(const std::string& text, const std::string& pattern)
+{
+    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+    std::string re = std::regex_replace(pattern, special, R"(\$&)");
+    re = std::regex_replace(re, std::regex("<N>"), "[0-9]+");
+    return std::regex_match(text, std::regex(re));
+}
+
+template <typename Pred> bool wait_until(Pred pred)
+{
+    const auto end = std::chrono::steady_clock::now() + k_deadline;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+std::string state_of(vesk_lock* lk)
+{
+    char buf[256];
+    lk->get_state(buf, sizeof(buf));
+    return buf;
+}
+
+std::string state_of(vesk_rw_lock* lk)
+{
+    char buf[256];
+    lk->get_state(buf, sizeof(buf));
+    return buf;
+}
+
+// A thread that holds `lk` until released by the test or, failing that, until a deadline
+// far beyond any call that does not wait: a try operation that wrongly waited would then
+// obtain the lock and report success instead of VESK_ERR_LOCK_BUSY.
+class holder_thread
+{
+public:
+    template <typename Take, typename Give> holder_thread(Take take, Give give)
+    {
+        m_thread = std::thread([this, take, give] {
+            take();
+            {
+                std::unique_lock<std::mutex> g(m_mutex);
+                m_held = true;
+                m_cv.notify_all();
+                m_cv.wait_for(g, std::chrono::seconds(3), [this] { return m_release; });
+            }
+            give();
+        });
+        std::unique_lock<std::mutex> g(m_mutex);
+        m_cv.wait(g, [this] { return m_held; });
+    }
+    void release_and_join()
+    {
+        {
+            std::lock_guard<std::mutex> g(m_mutex);
+            m_release = true;
+            m_cv.notify_all();
+        }
+        m_thread.join();
+    }
+
+private:
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    bool m_held = false;
+    bool m_release = false;
+};
+
+// Makes the primitives' initialisation fail while alive.
+class failing_init
+{
+public:
+    failing_init()
+        : m_saved(s_lock_sys)
+    {
+        s_lock_sys.mutex_init = [](pthread_mutex_t*, const pthread_mutexattr_t*) { return EAGAIN; };
+        s_lock_sys.rwlock_init = [](pthread_rwlock_t*, const pthread_rwlockattr_t*) { return EAGAIN; };
+        s_lock_sys.condattr_init = [](pthread_condattr_t*) { return ENOMEM; };
+    }
+    ~failing_init() { s_lock_sys = m_saved; }
+
+private:
+    vesk_lock_sys m_saved;
+};
+
+std::string error_line(const char* cls, const char* op, const std::string& text)
+{
+    return std::string("\e[0;32;31m[UTL] ERROR! ") + cls + "::" + op + "[<N>]:" + text + "\e[m";
+}
+
+} // namespace
+
+// ---- vesk_lock ------------------------------------------------------------------------------
+
+TEST(LockTest, StateTextsFollowTheHolderAndTheObjectIsAccounted)
+{
+    vesk_mem_account& account = vesk_utility_res_manage::instance()->mem_account();
+    vesk_handle_registry& reg = vesk_utility_res_manage::instance()->registry();
+    const uint32_t before = account.total_size();
+    vesk_lock* lk = vesk_utility_new_lock(0x41, "disk");
+    ASSERT_NE(lk, nullptr);
+    EXPECT_EQ(account.total_size(), before + sizeof(vesk_lock_realize));
+    EXPECT_EQ(reg.is_valid(VESK_LIST_COMMON_LOCK, reinterpret_cast<uintptr_t>(lk)), 1);
+
+    char buf[128];
+    EXPECT_EQ(lk->get_state(buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "'disk' is idel");
+    strcpy(buf, "untouched");
+    EXPECT_EQ(lk->get_locked_info(buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "untouched");
+
+    ASSERT_EQ(lk->lock("rec.cpp", "write_index"), VESK_OK);
+    EXPECT_EQ(lk->get_state(buf, sizeof(buf)), 1);
+    EXPECT_TRUE(matches_exactly(buf, "'disk' is locked by 'rec.cpp write_index', last time = <N> sec")) << buf;
+    EXPECT_EQ(lk->get_locked_info(buf, sizeof(buf)), 1);
+    EXPECT_TRUE(matches_exactly(buf, "'disk' is locked by 'rec.cpp write_index', last time = <N> sec")) << buf;
+    EXPECT_EQ(lk->get_state(buf, 8), 1); // cut to the buffer
+    EXPECT_STREQ(buf, "'disk' ");
+    // The holder does not get the dead-lock report from trylock: it is simply busy.
+    EXPECT_EQ(lk->trylock("rec.cpp", "again", 0), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(lk->unlock("rec.cpp", "write_index"), VESK_OK);
+    EXPECT_EQ(state_of(lk), "'disk' is idel");
+
+    // A caller text longer than the field is cut to 63 characters.
+    const std::string long_file(80, 'f');
+    ASSERT_EQ(lk->trylock(long_file.c_str(), "fn", 0), VESK_OK);
+    EXPECT_TRUE(
+        matches_exactly(state_of(lk), "'disk' is locked by '" + long_file.substr(0, 63) + "', last time = <N> sec"));
+    EXPECT_EQ(lk->unlock("rec.cpp", "fn"), VESK_OK);
+
+    vesk_lock* anon = vesk_utility_new_lock(0x41, nullptr);
+    ASSERT_NE(anon, nullptr);
+    EXPECT_EQ(state_of(anon), "'anonymous' is idel");
+    EXPECT_EQ(vesk_utility_delete_lock(anon, __FILE__, __func__), VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
+    EXPECT_EQ(account.total_size(), before);
+    EXPECT_EQ(reg.is_valid(VESK_LIST_COMMON_LOCK, reinterpret_cast<uintptr_t>(lk)), 0);
+}
+
+TEST(LockTest, AnyThreadMayUnlockAndTheLockerMayThenLockAgain)
+{
+    vesk_lock* lk = vesk_utility_new_lock(0x41, "handover");
+    ASSERT_NE(lk, nullptr);
+    ASSERT_EQ(lk->lock("a.cpp", "produce"), VESK_OK);
+    std::string seen;
+    VESK_ERR rc = VESK_ERR_FAIL;
+    std::thread([&] {
+        seen = state_of(lk);
+        rc = lk->unlock("b.cpp", "consume");
+    }).join();
+    EXPECT_EQ(rc, VESK_OK);
+    EXPECT_TRUE(matches_exactly(seen, "'handover' is locked by 'a.cpp produce', last time = <N> sec")) << seen;
+    EXPECT_EQ(state_of(lk), "'handover' is idel");
+    // The holder thread was cleared by the other thread's unlock: no dead-lock report.
+    EXPECT_EQ(lk->lock("a.cpp", "produce"), VESK_OK);
+    EXPECT_EQ(lk->unlock("a.cpp", "produce"), VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
+}
+
+TEST(LockTest, TrylockNeverWaitsWhateverItsTimeout)
+{
+    vesk_lock* lk = vesk_utility_new_lock(0x41, "busy");
+    ASSERT_NE(lk, nullptr);
+    holder_thread holder([&] { lk->lock("other.cpp", "hold"); }, [&] { lk->unlock("other.cpp", "hold"); });
+    // Each call returns before the holder's 3 s deadline; one that waited would get the lock.
+    EXPECT_EQ(lk->trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(lk->trylock("t.cpp", "try", 1999), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(lk->trylock("t.cpp", "try", 0), VESK_ERR_LOCK_BUSY);
+    EXPECT_TRUE(matches_exactly(state_of(lk), "'busy' is locked by 'other.cpp hold', last time = <N> sec"));
+    holder.release_and_join();
+    // Free: the timed form takes it at once.
+    EXPECT_EQ(lk->trylock("t.cpp", "try", 5000), VESK_OK);
+    EXPECT_TRUE(matches_exactly(state_of(lk), "'busy' is locked by 't.cpp try', last time = <N> sec"));
+    EXPECT_EQ(lk->unlock("t.cpp", "try"), VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
+}
+
+// Invariant: at most one thread is ever between an acquisition (lock, or a successful
+// trylock) and its unlock, and while it is there the lock names that thread's caller as
+// holder. Four threads take the lock alternately with lock and with trylock; a counter
+// guarded only by the lock must come out exact.
+TEST(LockTest, MutualExclusionWithTheHolderRecordedForEveryAcquisition)
+{
+    vesk_lock* lk = vesk_utility_new_lock(0x41, "shared");
+    ASSERT_NE(lk, nullptr);
+    constexpr int k_threads = 4;
+    constexpr int k_rounds = 2000;
+    std::atomic<int> inside { 0 };
+    std::atomic<int> overlaps { 0 };
+    std::atomic<int> wrong_holder { 0 };
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < k_threads; t++) {
+        threads.emplace_back([&, t] {
+            const std::string func = "worker_" + std::to_string(t);
+            const std::string expected = "is locked by 'w.cpp " + func + "'";
+            char buf[128];
+            for (int i = 0; i < k_rounds; i++) {
+                if (i % 2 == 0) {
+                    ASSERT_EQ(lk->lock("w.cpp", func.c_str()), VESK_OK);
+                } else {
+                    while (lk->trylock("w.cpp", func.c_str(), 0) != VESK_OK)
+                        std::this_thread::yield();
+                }
+                if (inside.fetch_add(1) != 0)
+                    overlaps++;
+                if (lk->get_locked_info(buf, sizeof(buf)) != 1 || strstr(buf, expected.c_str()) == nullptr)
+                    wrong_holder++;
+                counter++;
+                inside.fetch_sub(1);
+                ASSERT_EQ(lk->unlock("w.cpp", func.c_str()), VESK_OK);
+            }
+        });
+    }
+    for (std::thread& th : threads)
+        th.join();
+    EXPECT_EQ(counter, static_cast<long>(k_threads) * k_rounds);
+    EXPECT_EQ(overlaps.load(), 0);
+    EXPECT_EQ(wrong_holder.load(), 0);
+    EXPECT_EQ(state_of(lk), "'shared' is idel");
+    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
+}
+
+TEST(LockTest, FailedInitialisationRefusesEveryOperation)
+{
+    vesk_lock* lk;
+    vesk_rw_lock* rw;
+    {
+        failing_init fail;
+        lk = vesk_utility_new_lock(0x41, "cam 3 cfg");
+        rw = vesk_utility_new_rw_lock(0x41, "cam 3 idx");
+    }
+    ASSERT_NE(lk, nullptr);
+    ASSERT_NE(rw, nullptr);
+    const std::string out = vesk_test::capture_stdout([&] {
+        EXPECT_EQ(lk->lock("a.cpp", "f"), VESK_ERR_LOCK_NOT_INIT);
+        EXPECT_EQ(lk->trylock("a.cpp", "f", 10), VESK_ERR_LOCK_NOT_INIT);
+        EXPECT_EQ(lk->unlock("a.cpp", "f"), VESK_ERR_LOCK_NOT_INIT);
+        EXPECT_EQ(rw->rd_lock(), VESK_ERR_LOCK_NOT_INIT);
+        EXPECT_EQ(rw->rd_trylock("a.cpp", "f", 0), VESK_ERR_LOCK_NOT_INIT);
+        EXPECT_EQ(rw->wr_lock("a.cpp", "f"), VESK_ERR_LOCK_NOT_INIT);
+        EXPECT_EQ(rw->wr_trylock("a.cpp", "f", 0), VESK_ERR_LOCK_NOT_INIT);
+        EXPECT_EQ(rw->unlock("a.cpp", "f"), VESK_ERR_LOCK_NOT_INIT);
+    });
+    EXPECT_TRUE(matches_exactly(out,
+        error_line("vesk_lock_realize", "lock", "'cam 3 cfg' init fail!\n")
+            + error_line("vesk_lock_realize", "trylock", "'cam 3 cfg' init fail!\n")
+            + error_line("vesk_lock_realize", "unlock", "'cam 3 cfg' init fail!\n")
+            + error_line("vesk_rw_lock_realize", "rd_lock", "'cam 3 idx' init fail!\n")
+            + error_line("vesk_rw_lock_realize", "rd_trylock", "'cam 3 idx' init fail!\n")
+            + error_line("vesk_rw_lock_realize", "wr_lock", "'cam 3 idx' init fail!\n")
+            + error_line("vesk_rw_lock_realize", "wr_trylock", "'cam 3 idx' init fail!\n")
+            + error_line("vesk_rw_lock_realize", "unlock", "'cam 3 idx' init fail!\n")))
+        << out;
+    EXPECT_EQ(state_of(lk), "'cam 3 cfg' is idel");
+    EXPECT_EQ(state_of(rw), "cam 3 idx is idel");
+    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
+}
+
+TEST(LockDeathTest, RelockByTheHoldingThreadIsReportedAsDeadLock)
+{
+    // The 40-character name shows its first 31 characters.
+    VESK_EXPECT_FATAL(
+        {
+            vesk_lock* lk = vesk_utility_new_lock(0x41, k_name_40);
+            lk->lock("rec.cpp", "first");
+            lk->lock("rec.cpp", "second");
+        },
+        std::string("\\[UTL\\] ERROR! vesk_lock_realize::lock\\[[0-9]+\\]:'") + k_name_31
+            + "', call by 'rec.cpp' 'second', pid [0-9]+, [0-9]+ [0-9]+, dead lock, have locked by 'rec.cpp "
+              "first'\n.*ASSERT!\n >File name: core/vesk_utility_lock.cpp\n >Function: lock\n >Line No: [0-9]+\n "
+              ">Condition: 0\n");
+}
+
+TEST(LockDeathTest, UnlockOfAFreeLockIsIllegal)
+{
+    VESK_EXPECT_FATAL(
+        {
+            vesk_lock* lk = vesk_utility_new_lock(0x41, k_name_40);
+            lk->unlock("gui.cpp", "quit");
+        },
+        std::string("vesk_lock_realize::unlock\\[[0-9]+\\]:'") + k_name_31
+            + "' lock_cnt = 0, 'gui.cpp quit' illegal unlock\\?\n.*>Function: unlock\n.*>Condition: 0\n");
+    // Released twice, from two threads: the second release is the illegal one.
+    VESK_EXPECT_FATAL(
+        {
+            vesk_lock* lk = vesk_utility_new_lock(0x41, "twice");
+            lk->lock("a.cpp", "take");
+            std::thread([&] { lk->unlock("b.cpp", "give"); }).join();
+            lk->unlock("a.cpp", "give_again");
+        },
+        "'twice' lock_cnt = 0, 'a.cpp give_again' illegal unlock\\?\n");
+}
+
+TEST(LockDeathTest, BreachOfTheBooksIsFatalOnAcquisition)
+{
+    VESK_EXPECT_FATAL(
+        {
+            vesk_lock* lk = vesk_utility_new_lock(0x41, "books");
+            vesk_lock_test_peer::set_lock_cnt(lk, 1);
+            lk->lock("a.cpp", "enter");
+        },
+        "vesk_lock_realize::lock\\[[0-9]+\\]:'books', call by 'a.cpp' 'enter', lock_cnt = 1\n.*"
+        "vesk_lock_realize::lock\\[[0-9]+\\]:'books' is locked by 'no usr', last time = [0-9]+ sec \n.*"
+        ">Function: lock\n.*>Condition: 0\n");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_lock* lk = vesk_utility_new_lock(0x41, "books");
+            vesk_lock_test_peer::set_lock_cnt(lk, 1);
+            lk->trylock("a.cpp", "peek", 0);
+        },
+        "vesk_lock_realize::trylock\\[[0-9]+\\]:'books', call by 'a.cpp' 'peek', lock_cnt = 1\n.*"
+        ">Function: trylock\n.*>Condition: 0\n");
+}
+
+TEST(LockDeathTest, DeletingAHeldLockIsFatal)
+{
+    VESK_EXPECT_FATAL(
+        {
+            vesk_lock* lk = vesk_utility_new_lock(0x41, k_name_40);
+            lk->lock("rec.cpp", "run");
+            vesk_utility_delete_lock(lk, "rec.cpp", "stop");
+        },
+        std::string("vesk_lock_realize::~vesk_lock_realize\\[[0-9]+\\]:'") + k_name_31
+            + "' is locked, usr is 'rec.cpp run'\n.*>Function: ~vesk_lock_realize\n.*>Condition: m_lock_cnt == 0\n");
+}
+
+// ---- vesk_rw_lock ---------------------------------------------------------------------------
+
+TEST(RwLockTest, UnlockReportsBusyAndReleasesReadersAndWriter)
+{
+    vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "index");
+    ASSERT_NE(rw, nullptr);
+    EXPECT_EQ(state_of(rw), "index is idel");
+    char buf[128] = "untouched";
+    EXPECT_EQ(rw->get_locked_info(buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "untouched");
+
+    ASSERT_EQ(rw->rd_lock(), VESK_OK);
+    ASSERT_EQ(rw->rd_trylock("r.cpp", "second", 5000), VESK_OK); // readers share
+    EXPECT_EQ(rw->get_state(buf, sizeof(buf)), 2);
+    EXPECT_TRUE(matches_exactly(buf, "'index' is locked 2 times, wr_lock usr is 'no usr', lock time = <N> sec")) << buf;
+    EXPECT_EQ(rw->get_locked_info(buf, sizeof(buf)), 1);
+    EXPECT_EQ(rw->wr_trylock("w.cpp", "write", 5000), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(rw->unlock("r.cpp", "done"), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(rw->unlock("r.cpp", "done"), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(rw->get_state(buf, sizeof(buf)), 0);
+
+    // Released: a writer gets in and is named until it leaves.
+    ASSERT_EQ(rw->wr_trylock("w.cpp", "write", 0), VESK_OK);
+    EXPECT_TRUE(
+        matches_exactly(state_of(rw), "'index' is locked 1 times, wr_lock usr is 'w.cpp write', lock time = <N> sec"));
+    VESK_ERR other = VESK_OK;
+    std::thread([&] { other = rw->rd_trylock("r.cpp", "peek", 5000); }).join();
+    EXPECT_EQ(other, VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(rw->unlock("w.cpp", "write"), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(state_of(rw), "index is idel");
+
+    ASSERT_EQ(rw->wr_lock("w.cpp", "rebuild"), VESK_OK);
+    EXPECT_TRUE(matches_exactly(
+        state_of(rw), "'index' is locked 1 times, wr_lock usr is 'w.cpp rebuild', lock time = <N> sec"));
+    EXPECT_EQ(rw->unlock("w.cpp", "rebuild"), VESK_ERR_LOCK_BUSY);
+    // The writer's name went with it: a reader after it shows no writer.
+    ASSERT_EQ(rw->rd_lock(), VESK_OK);
+    EXPECT_TRUE(
+        matches_exactly(state_of(rw), "'index' is locked 1 times, wr_lock usr is 'no usr', lock time = <N> sec"));
+    EXPECT_EQ(rw->unlock("r.cpp", "done"), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
+}
+
+TEST(RwLockTest, TryOperationsNeverWait)
+{
+    vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "held");
+    ASSERT_NE(rw, nullptr);
+    holder_thread writer([&] { rw->wr_lock("other.cpp", "hold"); }, [&] { rw->unlock("other.cpp", "hold"); });
+    EXPECT_EQ(rw->rd_trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
+    EXPECT_EQ(rw->wr_trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
+    writer.release_and_join();
+    holder_thread reader([&] { rw->rd_lock(); }, [&] { rw->unlock("other.cpp", "read"); });
+    EXPECT_EQ(rw->wr_trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
+    reader.release_and_join();
+    EXPECT_EQ(state_of(rw), "held is idel");
+    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
+}
+
+// Invariant: once a writer waits, no new reader gets in, even while the lock is only read
+// locked; the writer gets in as soon as the readers already inside leave.
+TEST(RwLockTest, WaitingWriterKeepsNewReadersOut)
+{
+#if !defined(__GLIBC__)
+    GTEST_SKIP() << "writer preference needs the GNU C library";
+#endif
+    vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "pref");
+    ASSERT_NE(rw, nullptr);
+    ASSERT_EQ(rw->rd_lock(), VESK_OK);
+    std::atomic<bool> writer_in { false };
+    std::string writer_saw;
+    std::thread writer([&] {
+        rw->wr_lock("w.cpp", "commit");
+        writer_in = true;
+        writer_saw = state_of(rw);
+        rw->unlock("w.cpp", "commit");
+    });
+    // Until the writer queues up, probing readers get in (and leave); after, they are refused.
+    EXPECT_TRUE(wait_until([&] {
+        if (rw->rd_trylock("r.cpp", "probe", 0) != VESK_OK)
+            return true;
+        rw->unlock("r.cpp", "probe");
+        return false;
+    }));
+    EXPECT_FALSE(writer_in.load());
+    rw->unlock("r.cpp", "first");
+    writer.join();
+    EXPECT_TRUE(writer_in.load());
+    EXPECT_TRUE(
+        matches_exactly(writer_saw, "'pref' is locked 1 times, wr_lock usr is 'w.cpp commit', lock time = <N> sec"))
+        << writer_saw;
+    EXPECT_EQ(state_of(rw), "pref is idel");
+    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
+}
+
+// Invariant: a writer is alone inside; readers may be inside together but never with a
+// writer. Writers count updates of a value that only they touch; the total must be exact.
+TEST(RwLockTest, WritersExcludeEveryoneReadersShare)
+{
+    vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "table");
+    ASSERT_NE(rw, nullptr);
+    constexpr int k_writer_rounds = 500;
+    constexpr int k_reader_rounds = 2000;
+    std::atomic<int> readers_inside { 0 };
+    std::atomic<int> writers_inside { 0 };
+    std::atomic<int> violations { 0 };
+    long value = 0;
+    std::vector<std::thread> threads;
+    for (int w = 0; w < 2; w++) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < k_writer_rounds; i++) {
+                rw->wr_lock("w.cpp", "update");
+                if (writers_inside.fetch_add(1) != 0 || readers_inside.load() != 0)
+                    violations++;
+                value++;
+                writers_inside.fetch_sub(1);
+                rw->unlock("w.cpp", "update");
+            }
+        });
+    }
+    for (int r = 0; r < 2; r++) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < k_reader_rounds; i++) {
+                if (i % 2 == 0)
+                    rw->rd_lock();
+                else
+                    while (rw->rd_trylock("r.cpp", "scan", 0) != VESK_OK)
+                        std::this_thread::yield();
+                readers_inside.fetch_add(1);
+                if (writers_inside.load() != 0)
+                    violations++;
+                readers_inside.fetch_sub(1);
+                rw->unlock("r.cpp", "scan");
+            }
+        });
+    }
+    for (std::thread& th : threads)
+        th.join();
+    EXPECT_EQ(violations.load(), 0);
+    EXPECT_EQ(value, 2L * k_writer_rounds);
+    EXPECT_EQ(state_of(rw), "table is idel");
+    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
+}
+
+TEST(RwLockDeathTest, ReenteringFromTheWriterOrUnlockingFreeEndsTheProcess)
+{
+    VESK_EXPECT_FATAL(
+        {
+            vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, k_name_40);
+            rw->wr_lock("w.cpp", "commit");
+            rw->rd_lock();
+        },
+        std::string("vesk_rw_lock_realize::rd_lock\\[[0-9]+\\]:'") + k_name_31
+            + "' is locked 1 times, wr_lock usr is 'w.cpp commit'\n");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "rw");
+            rw->wr_lock("w.cpp", "commit");
+            rw->wr_lock("w.cpp", "again");
+        },
+        "vesk_rw_lock_realize::wr_lock\\[[0-9]+\\]:'rw' is locked 1 times, wr_lock usr is 'w.cpp commit'\n");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "rw");
+            rw->unlock("u.cpp", "release");
+        },
+        "vesk_rw_lock_realize::unlock\\[[0-9]+\\]:'rw' is locked 0 times, wr_lock usr is 'no usr' u.cpp release\n");
+}
+
+TEST(RwLockDeathTest, DeletingAHeldLockIsFatal)
+{
+    VESK_EXPECT_FATAL(
+        {
+            vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "rw");
+            rw->rd_lock();
+            rw->rd_lock();
+            vesk_utility_delete_rw_lock(rw, "r.cpp", "stop");
+        },
+        "vesk_rw_lock_realize::~vesk_rw_lock_realize\\[[0-9]+\\]:'rw' is locked 2 times, wr_lock usr is 'no "
+        "usr'\n.*>Function: ~vesk_rw_lock_realize\n.*>Condition: get_cnt\\(\\) == 0\n");
+}
+
+// ---- vesk_interuptable_sleep ----------------------------------------------------------------
+
+TEST(SleepTest, TimesOutIsCutShortByWakeupAndLosesEarlyWakeups)
+{
+    vesk_interuptable_sleep* s = vesk_utility_new_interuptable_sleep(0x43, "nap");
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->sleep(100), VESK_ERR_OPERATE_FAIL);
+    // Nobody sleeps: the wakeup is lost, the next sleep runs out.
+    EXPECT_EQ(s->wakeup(), VESK_OK);
+    EXPECT_EQ(s->sleep(50), VESK_ERR_OPERATE_FAIL);
+
+    // A sleep of a minute ends with 0 once a wakeup reaches it; wakeups are repeated because
+    // one sent before the sleeper waits is lost.
+    std::atomic<bool> done { false };
+    VESK_ERR result = VESK_ERR_FAIL;
+    std::thread sleeper([&] {
+        result = s->sleep(60000);
+        done = true;
+    });
+    EXPECT_TRUE(wait_until([&] {
+        s->wakeup();
+        return done.load();
+    }));
+    sleeper.join();
+    EXPECT_EQ(result, VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_interuptable_sleep(s, __FILE__, __func__), VESK_OK);
+}
+
+TEST(SleepDeathTest, ConditionAttributeFailureIsFatal)
+{
+    VESK_EXPECT_FATAL(
+        {
+            failing_init fail;
+            vesk_utility_new_interuptable_sleep(0x43, "nap");
+        },
+        "ASSERT!\n >File name: core/vesk_utility_lock.cpp\n >Function: interuptable_sleep\n >Line No: [0-9]+\n "
+        ">Condition: 0\n");
+}
+
+// ---- Dumps ----------------------------------------------------------------------------------
+
+TEST(LockDumpTest, ModesListAllLocksOrOnlyTheHeldOnes)
+{
+    // A registry of its own, so that locks made by other services do not enter the text.
+    vesk_handle_registry reg;
+    reg.init_node_pool();
+    vesk_lock_install_printers(reg);
+    vesk_lock_realize held(k_name_40);
+    vesk_lock_realize idle("idle lock");
+    vesk_rw_lock_realize index("index");
+    vesk_rw_lock_realize spare("spare");
+    ASSERT_EQ(reg.save_node(
+                  VESK_LIST_COMMON_LOCK, reinterpret_cast<uintptr_t>(static_cast<vesk_lock*>(&held)), 0x41, k_name_40),
+        VESK_OK);
+    ASSERT_EQ(reg.save_node(VESK_LIST_COMMON_LOCK, reinterpret_cast<uintptr_t>(static_cast<vesk_lock*>(&idle)), 0x42,
+                  "idle lock"),
+        VESK_OK);
+    ASSERT_EQ(reg.save_node(
+                  VESK_LIST_RW_LOCK, reinterpret_cast<uintptr_t>(static_cast<vesk_rw_lock*>(&index)), 0x43, "index"),
+        VESK_OK);
+    ASSERT_EQ(reg.save_node(
+                  VESK_LIST_RW_LOCK, reinterpret_cast<uintptr_t>(static_cast<vesk_rw_lock*>(&spare)), 0x44, "spare"),
+        VESK_OK);
+    ASSERT_EQ(held.lock("rec.cpp", "flush"), VESK_OK);
+    ASSERT_EQ(index.rd_lock(), VESK_OK);
+    ASSERT_EQ(index.rd_lock(), VESK_OK);
+
+    std::string out = vesk_test::capture_stdout([&] {
+        reg.dump_list(VESK_LIST_COMMON_LOCK, "common lock", vesk_print_stdout, 1);
+        reg.dump_list(VESK_LIST_RW_LOCK, "RW lock", vesk_print_stdout, 2);
+    });
+    EXPECT_TRUE(matches_exactly(out,
+        std::string("-------------- common lock ------------------!\n") + "usr_id = 0x41, '" + k_name_31
+            + "' is locked by 'rec.cpp flush', last time = <N> sec\n" + "usr_id = 0x42, 'idle lock' is idel\n"
+            + "common lock, total num = 2!\n\n" + "-------------- RW lock ------------------!\n"
+            + "usr_id = 0x43, 'index' is locked 2 times, wr_lock usr is 'no usr', lock time = <N> sec\n"
+            + "usr_id = 0x44, spare is idel\n" + "RW lock, total num = 2!\n\n"))
+        << out;
+    out = vesk_test::capture_stdout([&] {
+        reg.dump_list(VESK_LIST_COMMON_LOCK, "common lock", vesk_print_stdout, 3);
+        reg.dump_list(VESK_LIST_RW_LOCK, "RW lock", vesk_print_stdout, 4);
+    });
+    EXPECT_TRUE(matches_exactly(out,
+        std::string("-------------- common lock ------------------!\n") + "usr_id = 0x41, '" + k_name_31
+            + "' is locked by 'rec.cpp flush', last time = <N> sec\n" + "common lock, total num = 2!\n\n"
+            + "-------------- RW lock ------------------!\n"
+            + "usr_id = 0x43, 'index' is locked 2 times, wr_lock usr is 'no usr', lock time = <N> sec\n"
+            + "RW lock, total num = 2!\n\n"))
+        << out;
+    held.unlock("rec.cpp", "flush");
+    index.unlock("a", "b");
+    index.unlock("a", "b");
+    for (uintptr_t h : { reinterpret_cast<uintptr_t>(static_cast<vesk_lock*>(&held)),
+             reinterpret_cast<uintptr_t>(static_cast<vesk_lock*>(&idle)) })
+        reg.delete_node(VESK_LIST_COMMON_LOCK, h);
+    for (uintptr_t h : { reinterpret_cast<uintptr_t>(static_cast<vesk_rw_lock*>(&index)),
+             reinterpret_cast<uintptr_t>(static_cast<vesk_rw_lock*>(&spare)) })
+        reg.delete_node(VESK_LIST_RW_LOCK, h);
+}
+
+TEST(LockDumpTest, ResourceManagerCommandsThreeAndSevenShowTheLocks)
+{
+    vesk_lock* lk = vesk_utility_new_lock(0x51, "osd");
+    vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x52, "chn cfg");
+    vesk_interuptable_sleep* s = vesk_utility_new_interuptable_sleep(0x53, "ptz nap");
+    ASSERT_TRUE(lk != nullptr && rw != nullptr && s != nullptr);
+    ASSERT_EQ(rw->wr_lock("cfg.cpp", "save"), VESK_OK);
+    vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
+    const std::string all = vesk_test::capture_stdout([&] { res->diagnose(3, vesk_print_stdout); });
+    const std::string held = vesk_test::capture_stdout([&] { res->diagnose(7, vesk_print_stdout); });
+    for (const std::string* out : { &all, &held }) {
+        EXPECT_NE(out->find("-------------- common lock ------------------!\n"), std::string::npos) << *out;
+        EXPECT_NE(out->find("usr_id = 0x52, 'chn cfg' is locked 1 times, wr_lock usr is 'cfg.cpp save', lock time = "),
+            std::string::npos)
+            << *out;
+        EXPECT_NE(out->find("-------------- sleep lock ------------------!\nusr_id = 0x53, name = 'ptz nap'\n"),
+            std::string::npos)
+            << *out;
+    }
+    EXPECT_NE(all.find("usr_id = 0x51, 'osd' is idel\n"), std::string::npos) << all;
+    EXPECT_EQ(held.find("'osd'"), std::string::npos) << held;
+    rw->unlock("cfg.cpp", "save");
+    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_interuptable_sleep(s, __FILE__, __func__), VESK_OK);
+}
+
+TEST(LockDeathTest, DoubleDeleteNamesTheCaller)
+{
+    VESK_EXPECT_FATAL(
+        {
+            vesk_interuptable_sleep* s = vesk_utility_new_interuptable_sleep(0x43, "nap");
+            vesk_utility_delete_interuptable_sleep(s, "ptz.cpp", "first");
+            vesk_utility_delete_interuptable_sleep(s, "ptz.cpp", "second");
+        },
+        "ptz.cpp, second delete invalid!\n.*>Function: vesk_utility_delete_interuptable_sleep\n.*>Condition: 0\n");
+}
