@@ -20,6 +20,7 @@
 #include "vesk_utility_diag_wire.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_account.h"
+#include "vesk_utility_purposes.h"
 
 namespace vesk_utility {
 
@@ -30,7 +31,6 @@ namespace {
 constexpr const char* k_cls = "vesk_diagnose_agent";
 constexpr uint32_t k_idle_polls = 20;         // a silent console is dropped after this many polls
 constexpr uint32_t k_max_payload = 4096;  // larger requests are not from our console
-constexpr vesk_memmory_purpose k_purpose_diag = 0x3003;
 
 // The agent whose command runs on this thread; print() sends through it.
 thread_local vesk_diagnose_agent* s_printing_agent = nullptr;
@@ -51,7 +51,7 @@ char* copy_text(const char* text)
     if (text == nullptr)
         return nullptr;
     const size_t n = strlen(text) + 1;
-    char* copy = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_diag, static_cast<unsigned>(n), 1));
+    char* copy = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, static_cast<unsigned>(n), 1));
     if (copy == nullptr) {
         VESK_LOG_ERR(k_cls, "malloc %zu fail!\n", n);
         return nullptr;
@@ -136,7 +136,7 @@ VESK_ERR vesk_diagnose_agent::regist_diag(vesk_diagnose_client* client, const ch
         }
     }
     client_node* node = static_cast<client_node*>(
-        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag, sizeof(client_node), 1));
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, sizeof(client_node), 1));
     if (node == nullptr) {
         VESK_LOG_ERR(k_cls, "malloc %zu fail!\n", sizeof(client_node));
         return VESK_OK;

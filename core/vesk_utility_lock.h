@@ -13,6 +13,7 @@
 // The public interfaces; core/ shares this header's file name, so reach them through the
 // umbrella header, which resolves its own includes in include/.
 #include "vesk_utility.h"
+#include "vesk_utility_purposes.h"
 #include "vesk_utility_registry.h"
 
 namespace vesk_utility
@@ -24,9 +25,9 @@ constexpr unsigned k_lock_name_size = 32; // 31 characters and the NUL
 constexpr unsigned k_lock_holder_size = 64; // "file func", 63 characters and the NUL
 
 // Accounting purposes of the objects themselves (user id VESK_USER_UTILITY).
-constexpr vesk_soft::vesk_memmory_purpose k_purpose_lock = 0x3002;
-constexpr vesk_soft::vesk_memmory_purpose k_purpose_rw_lock = 0x3003;
-constexpr vesk_soft::vesk_memmory_purpose k_purpose_sleep = 0x3004;
+constexpr vesk_soft::vesk_memmory_purpose k_purpose_lock = k_purpose_lock_obj;
+constexpr vesk_soft::vesk_memmory_purpose k_purpose_rw_lock = k_purpose_rw_lock_obj;
+constexpr vesk_soft::vesk_memmory_purpose k_purpose_sleep = k_purpose_sleep_obj;
 
 // The calls that create the primitives, replaceable so that tests can make them fail.
 // mutex_init is used for the named lock's own mutex only.

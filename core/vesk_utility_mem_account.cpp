@@ -7,6 +7,7 @@
 
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_layout.h"
+#include "vesk_utility_purposes.h"
 #include "vesk_utility_pool.h"
 #include "vesk_utility_resource.h"
 
@@ -218,7 +219,6 @@ void vesk_mem_account::dump_total(print_fn print)
 namespace {
 
 constexpr int k_dump_callers = 64;
-constexpr vesk_memmory_purpose k_purpose_diag_scratch = 0x3000;  // a dump's own table
 constexpr int k_dump_purposes = 64;
 
 struct purpose_row {

@@ -9,13 +9,13 @@
 
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_account.h"
+#include "vesk_utility_purposes.h"
 
 namespace vesk_utility {
 
 using namespace vesk_soft;
 
 namespace {
-constexpr vesk_memmory_purpose k_purpose_diag_scratch = 0x3000;
 constexpr int k_smaps_max_maps = 1024;
 }  // namespace
 

@@ -41,7 +41,7 @@ enum vesk_handle_list : int {
 
 constexpr int k_registry_name_max = 31;  // characters kept of a caller's name
 constexpr unsigned k_registry_pool_nodes = 1120;
-constexpr uint32_t k_purpose_registry_node = 0x3001;
+constexpr uint32_t k_purpose_registry_node = 0x3001;  // k_purpose_registry_nodes
 
 //   | usr_id (4) | name (32) | handle (ptr) | next (ptr) | prev (ptr) |
 // 48 bytes on the 32-bit target.

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vesk_utility_purposes.h"
 #include "vesk_utility_thread.h"
 #include "vesk_utility_types.h"
 
@@ -23,7 +24,7 @@ using vesk_soft::vesk_thread_creat_ctl;
 
 constexpr int k_thread_name_size = 32; // both names, NUL included
 constexpr uint32_t k_thread_min_stack = 524288; // floor of a non-zero stack size
-constexpr uint32_t k_purpose_thread_record = 0x3000; // accounted purpose of a record
+constexpr uint32_t k_purpose_thread_record = k_purpose_thread_records; // accounted purpose of a record
 constexpr uint32_t k_purpose_cpu_sample = 0x3009; // accounted purpose of the sample tables
 constexpr uint32_t k_cpu_table_capacity = 2048; // entries per sample table
 constexpr unsigned k_proc_read_max = 128; // bytes read of each stat file
