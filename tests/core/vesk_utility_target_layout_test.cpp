@@ -11,6 +11,8 @@
 
 using namespace vesk_utility;
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+
 namespace
 {
 
@@ -30,9 +32,6 @@ uint32_t addr32(const void* p)
 
 TEST(TargetLayoutTest, AccountedHeaderWordsSitAtMinus40ToMinus4AndTrailerAfterUserArea)
 {
-#if UINTPTR_MAX != 0xFFFFFFFFu
-    GTEST_SKIP() << "the 40-byte header layout is exact on the 32-bit target only";
-#else
     vesk_mem_account& account = vesk_utility_res_manage::instance()->mem_account();
     const uint32_t size = 100;
     // Three blocks in a row: the middle one's list links name its neighbours' headers.
@@ -80,5 +79,13 @@ TEST(TargetLayoutTest, AccountedHeaderWordsSitAtMinus40ToMinus4AndTrailerAfterUs
         EXPECT_EQ(le32_at(p, size), 0x52052013u) << align;
         account.proc_vesk_free(__FILE__, __func__, p);
     }
-#endif
 }
+
+#else
+
+TEST(TargetLayoutTest, AccountedHeaderWordsSitAtMinus40ToMinus4AndTrailerAfterUserArea)
+{
+    GTEST_SKIP() << "the 40-byte header layout is exact on the 32-bit target only";
+}
+
+#endif
