@@ -177,5 +177,7 @@ while IFS= read -r so; do
 done < <(find "$sysroot/lib/$triplet" "$sysroot/usr/lib/$triplet" -name '*.so*' -type f 2>/dev/null)
 [ "$missing" -eq 0 ] || die "run-time closure incomplete"
 
+# apt's binary caches (tens of MB) are rebuilt from the lists whenever needed.
+rm -f "$state/cache/"*.bin
 echo "$want_stamp" >"$stamp"
 echo "armhf-sysroot: ready: $sysroot"
