@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "vesk_utility_fault.h"
 #include "vesk_utility_log.h"
 
 namespace vesk_utility {
@@ -83,14 +84,14 @@ void vesk_note_tree::add(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsi
             return;
         }
     }
-    p = static_cast<purpose_node*>(malloc(sizeof(purpose_node)));
+    p = static_cast<purpose_node*>(vesk_sys_malloc(sizeof(purpose_node)));
     if (p == nullptr) {
         VESK_LOG_ERR(k_cls, "malloc fail!");
         return;
     }
     *p = {purpose, 1, size, last_p, nullptr};
     if (u == nullptr) {
-        u = static_cast<user_node*>(malloc(sizeof(user_node)));
+        u = static_cast<user_node*>(vesk_sys_malloc(sizeof(user_node)));
         if (u == nullptr) {
             free(p);
             VESK_LOG_ERR(k_cls, "malloc fail!");
@@ -207,7 +208,7 @@ void vesk_class_note::add_class_note(const char* name)
     }
     const size_t len = strlen(name);
     const size_t mallocsize = offsetof(node, text) + len + 1;
-    node* n = static_cast<node*>(malloc(mallocsize));
+    node* n = static_cast<node*>(vesk_sys_malloc(mallocsize));
     if (n == nullptr) {
         VESK_LOG_WARN(k_cls, "mallocsize = %zu fail!\n", mallocsize);
         return;
