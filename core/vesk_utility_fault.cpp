@@ -4,22 +4,24 @@
 
 #include <pthread.h>
 
-namespace vesk_utility {
+namespace vesk_utility
+{
 
-std::atomic<bool> g_fault_armed{false};
+std::atomic<bool> g_fault_armed { false };
 
-namespace {
+namespace
+{
 
 // Written by vesk_fault_arm before g_fault_armed is released. Atomics, because the layer's
 // own threads may be in the slow path while a test re-arms.
-std::atomic<unsigned> s_target{0};
-std::atomic<bool> s_persistent{false};
-std::atomic<bool> s_any_thread{false};
-std::atomic<pthread_t> s_thread{};
-std::atomic<unsigned> s_calls{0};
-std::atomic<unsigned> s_failures{0};
+std::atomic<unsigned> s_target { 0 };
+std::atomic<bool> s_persistent { false };
+std::atomic<bool> s_any_thread { false };
+std::atomic<pthread_t> s_thread {};
+std::atomic<unsigned> s_calls { 0 };
+std::atomic<unsigned> s_failures { 0 };
 
-}  // namespace
+} // namespace
 
 void* vesk_sys_malloc_slow(size_t size)
 {
@@ -65,4 +67,4 @@ unsigned vesk_fault_failures()
     return s_failures.load(std::memory_order_relaxed);
 }
 
-}  // namespace vesk_utility
+} // namespace vesk_utility

@@ -14,7 +14,8 @@
 #include <cstddef>
 #include <cstdlib>
 
-namespace vesk_utility {
+namespace vesk_utility
+{
 
 // True while a failure is armed; the slow path below does the counting.
 extern std::atomic<bool> g_fault_armed;
@@ -30,9 +31,9 @@ inline void* vesk_sys_malloc(size_t size)
 }
 
 enum class vesk_fault_scope {
-    calling_thread,  // only allocations made by the thread that armed count (the default:
-                     // the layer's own threads keep running undisturbed during a walk)
-    any_thread,      // for paths that hand their allocation to another thread
+    calling_thread, // only allocations made by the thread that armed count (the default:
+                    // the layer's own threads keep running undisturbed during a walk)
+    any_thread, // for paths that hand their allocation to another thread
 };
 
 // Makes the n-th (1-based) C allocation from now on fail: only that one, or with `persistent`
@@ -44,6 +45,6 @@ void vesk_fault_disarm();
 unsigned vesk_fault_calls();
 unsigned vesk_fault_failures();
 
-}  // namespace vesk_utility
+} // namespace vesk_utility
 
-#endif  // VESK_UTILITY_FAULT_H
+#endif // VESK_UTILITY_FAULT_H
