@@ -53,6 +53,20 @@ void vesk_note_tree::compact()
     }
 }
 
+vesk_note_tree::~vesk_note_tree()
+{
+    for (user_node* u = m_head; u != nullptr;) {
+        for (purpose_node* p = u->purposes; p != nullptr;) {
+            purpose_node* next = p->next;
+            free(p);
+            p = next;
+        }
+        user_node* next = u->next;
+        free(u);
+        u = next;
+    }
+}
+
 void vesk_note_tree::add(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -192,6 +206,15 @@ struct vesk_class_note::node {
 #if UINTPTR_MAX == 0xFFFFFFFFu
 static_assert(offsetof(vesk_class_note::node, text) == 20, "class node: 20 bytes, then the name and its NUL");
 #endif
+
+vesk_class_note::~vesk_class_note()
+{
+    for (node* n = m_head; n != nullptr;) {
+        node* next = n->next;
+        free(n);
+        n = next;
+    }
+}
 
 void vesk_class_note::add_class_note(const char* name)
 {

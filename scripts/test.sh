@@ -10,3 +10,4 @@ build=build/host
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j "$jobs"
 ctest --test-dir "$build" -j "$jobs" --output-on-failure --timeout 600
+scripts/test-sanitize.sh  # checked builds: ASan+UBSan (all tests), TSan (concurrent suites)
