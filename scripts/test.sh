@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
 # Builds the library, tools, tests and benchmarks and runs every test: first for the host
 # (build/host), then for the 32-bit ARM target (build/armhf, tests under qemu-arm), where the
-# byte layouts are the board's. Fails when either suite fails.
-# Usage: scripts/test.sh [all|host|armhf]   (default: all)
+# byte layouts are the board's, then the checked builds (build/asan, build/tsan). Fails when
+# any of them fails.
+# Usage: scripts/test.sh [all|host|armhf|sanitize]   (default: all)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 what=${1:-all}
 case "$what" in
-all | host | armhf) ;;
+all | host | armhf | sanitize) ;;
 *)
-    echo "usage: $0 [all|host|armhf]" >&2
+    echo "usage: $0 [all|host|armhf|sanitize]" >&2
     exit 2
     ;;
 esac
@@ -39,11 +40,11 @@ run_suite() {
     fi
 }
 
-if [ "$what" != armhf ]; then
+if [ "$what" = all ] || [ "$what" = host ]; then
     run_suite host
 fi
 
-if [ "$what" != host ]; then
+if [ "$what" = all ] || [ "$what" = armhf ]; then
     step "armhf sysroot" scripts/armhf-sysroot.sh build/armhf-sysroot
     # Benchmarks are timed on the host only; the target tree builds the library, tools and tests.
     run_suite armhf -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake \
@@ -52,6 +53,13 @@ if [ "$what" != host ]; then
     lib=build/armhf/libvesk_utility.so.1
     arm-linux-gnueabihf-strip -o build/armhf/libvesk_utility.stripped "$(readlink -f "$lib")"
     echo "test: armhf libvesk_utility.so stripped: $(stat -c %s build/armhf/libvesk_utility.stripped) bytes"
+fi
+
+# Checked builds: ASan+UBSan over every test, TSan over the concurrent suites.
+if [ "$what" = all ] || [ "$what" = sanitize ]; then
+    if ! step "sanitizers" scripts/test-sanitize.sh; then
+        failed+=("sanitizer")
+    fi
 fi
 
 printf 'test: %s\n' "${timings[@]}"
