@@ -23,21 +23,26 @@ std::atomic<unsigned> s_failures { 0 };
 
 } // namespace
 
-void* vesk_sys_malloc_slow(size_t size)
+bool vesk_fault_take()
 {
     // The acquire pairs with the release in vesk_fault_arm, so the settings above are seen.
     if (!g_fault_armed.load(std::memory_order_acquire))
-        return malloc(size);
+        return false;
     if (!s_any_thread.load(std::memory_order_relaxed)
         && !pthread_equal(pthread_self(), s_thread.load(std::memory_order_relaxed)))
-        return malloc(size);
+        return false;
     const unsigned k = s_calls.fetch_add(1, std::memory_order_relaxed) + 1;
     const unsigned target = s_target.load(std::memory_order_relaxed);
     if (target != 0 && (k == target || (s_persistent.load(std::memory_order_relaxed) && k > target))) {
         s_failures.fetch_add(1, std::memory_order_relaxed);
-        return nullptr;
+        return true;
     }
-    return malloc(size);
+    return false;
+}
+
+void* vesk_sys_malloc_slow(size_t size)
+{
+    return vesk_fault_take() ? nullptr : malloc(size);
 }
 
 void vesk_fault_arm(unsigned n, vesk_fault_scope scope, bool persistent)

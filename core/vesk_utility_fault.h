@@ -1,6 +1,7 @@
 // vesk_utility_fault - the one door through which the layer calls the C allocator
 // (accounted heap blocks, and through them registry overflow nodes and SQLite's heap; note
-// trees; class counters), and the test-only switch that makes the n-th call through it fail.
+// trees; class counters), and the test-only switch that makes the n-th allocation fail
+// (requests served by the small-block pools count as allocations too).
 //
 // Cost when off: one relaxed load of a flag and one branch marked unlikely, then the direct
 // call to malloc. A function pointer was the alternative; it was rejected because an
@@ -21,6 +22,8 @@ namespace vesk_utility
 extern std::atomic<bool> g_fault_armed;
 
 void* vesk_sys_malloc_slow(size_t size);
+// Counts one allocation while armed; true when it is the one to fail.
+bool vesk_fault_take();
 
 // Every C allocation of the layer goes through here (plain free() stays as it is).
 inline void* vesk_sys_malloc(size_t size)
@@ -28,6 +31,13 @@ inline void* vesk_sys_malloc(size_t size)
     if (__builtin_expect(g_fault_armed.load(std::memory_order_relaxed), 0))
         return vesk_sys_malloc_slow(size);
     return malloc(size);
+}
+
+// The pools hand out blocks without calling the C allocator; each request counts as one
+// allocation all the same, and a failed one takes the pool's "no chunk to be had" way out.
+inline bool vesk_fault_pool_hit()
+{
+    return __builtin_expect(g_fault_armed.load(std::memory_order_relaxed), 0) && vesk_fault_take();
 }
 
 enum class vesk_fault_scope {

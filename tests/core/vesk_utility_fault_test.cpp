@@ -76,11 +76,11 @@ TEST(FaultHookTest, FailsExactlyTheArmedAllocationOnTheArmingThreadOnly)
     void* other = nullptr;
     const std::string out = vesk_test::capture_stdout([&] {
         vesk_fault_arm(2);
-        a = vesk_malloc(0x60, 0x6001, 10, 1);
-        b = vesk_malloc(0x60, 0x6001, 10, 1);
+        a = vesk_malloc(0x60, 0x6001, 10, 8);
+        b = vesk_malloc(0x60, 0x6001, 10, 8);
         // Another thread is not counted while the hook is armed for this one.
-        std::thread([&] { other = vesk_malloc(0x60, 0x6002, 10, 1); }).join();
-        c = vesk_malloc(0x60, 0x6001, 10, 1);
+        std::thread([&] { other = vesk_malloc(0x60, 0x6002, 10, 8); }).join();
+        c = vesk_malloc(0x60, 0x6001, 10, 8);
         vesk_fault_disarm();
     });
     EXPECT_NE(a, nullptr);
@@ -89,7 +89,7 @@ TEST(FaultHookTest, FailsExactlyTheArmedAllocationOnTheArmingThreadOnly)
     EXPECT_NE(c, nullptr);
     EXPECT_EQ(vesk_fault_calls(), 3u);
     EXPECT_EQ(vesk_fault_failures(), 1u);
-    EXPECT_EQ(vesk_test::count_of(out, malloc_fail_msg(0x60, 0x6001, need_size(10))), 1) << out;
+    EXPECT_EQ(vesk_test::count_of(out, malloc_fail_msg(0x60, 0x6001, need_size(10, 8))), 1) << out;
     for (void* p : { a, c, other })
         vesk_free(__FILE__, __func__, p);
 
@@ -98,8 +98,8 @@ TEST(FaultHookTest, FailsExactlyTheArmedAllocationOnTheArmingThreadOnly)
     void* e = nullptr;
     vesk_test::capture_stdout([&] {
         vesk_fault_arm(1, vesk_fault_scope::any_thread, true);
-        d = vesk_malloc(0x60, 0x6001, 10, 1);
-        std::thread([&] { e = vesk_malloc(0x60, 0x6002, 10, 1); }).join();
+        d = vesk_malloc(0x60, 0x6001, 10, 8);
+        std::thread([&] { e = vesk_malloc(0x60, 0x6002, 10, 8); }).join();
         vesk_fault_disarm();
     });
     EXPECT_EQ(d, nullptr);
@@ -110,6 +110,9 @@ TEST(FaultHookTest, FailsExactlyTheArmedAllocationOnTheArmingThreadOnly)
 
 TEST(FaultWalkTest, AccountedAllocationsReturnNullAndLeaveTheHeapAsItWas)
 {
+    // A string pool without a chunk ends the process when its chunk cannot be had (the pool's
+    // own death test covers that); with one in place, a refused string is a NULL.
+    char* warm = vesk_utility_strdup(0x62, 0x6203, "keeps the string pool's chunk", 64);
     const heap_state base = heap();
     struct request {
         vesk_user_id usr;
@@ -127,8 +130,12 @@ TEST(FaultWalkTest, AccountedAllocationsReturnNullAndLeaveTheHeapAsItWas)
             [&](const fault_run& run) {
                 if (run.failed) {
                     EXPECT_EQ(p, nullptr);
+                    // A pooled request fails silently; a heap one names its caller and size.
+                    const bool pooled = r.size <= 4096 && r.align <= 4 && r.usr != VESK_USER_SQLITE
+                        && !is_av_budget_block(r.usr, r.purpose);
                     EXPECT_EQ(
-                        vesk_test::count_of(run.out, malloc_fail_msg(r.usr, r.purpose, need_size(r.size, r.align))), 1)
+                        vesk_test::count_of(run.out, malloc_fail_msg(r.usr, r.purpose, need_size(r.size, r.align))),
+                        pooled ? 0 : 1)
                         << run.out;
                 } else {
                     ASSERT_NE(p, nullptr);
@@ -142,14 +149,14 @@ TEST(FaultWalkTest, AccountedAllocationsReturnNullAndLeaveTheHeapAsItWas)
 
     // calloc and strdup: NULL, nothing counted.
     void* z = nullptr;
-    EXPECT_EQ(walk_alloc_failures([&] { z = vesk_utility_calloc(0x62, 0x6201, 10, 30); },
+    EXPECT_EQ(walk_alloc_failures([&] { z = vesk_utility_calloc(0x62, 0x6201, 10, 500); },
                   [&](const fault_run& run) {
                       if (run.failed) {
                           EXPECT_EQ(z, nullptr);
-                          EXPECT_NE(run.out.find(malloc_fail_msg(0x62, 0x6201, need_size(300))), std::string::npos);
+                          EXPECT_NE(run.out.find(malloc_fail_msg(0x62, 0x6201, need_size(5000))), std::string::npos);
                       } else {
                           ASSERT_NE(z, nullptr);
-                          for (int i = 0; i < 300; i++)
+                          for (int i = 0; i < 5000; i++)
                               ASSERT_EQ(static_cast<char*>(z)[i], 0);
                           vesk_utility_free(__FILE__, __func__, z);
                       }
@@ -171,7 +178,7 @@ TEST(FaultWalkTest, AccountedAllocationsReturnNullAndLeaveTheHeapAsItWas)
         1u);
 
     // realloc: a failed growth returns NULL and leaves the old block whole and still owned.
-    char* old = static_cast<char*>(vesk_utility_malloc(0x63, 0x6301, 64, 1));
+    char* old = static_cast<char*>(vesk_utility_malloc(0x63, 0x6301, 64, 8));  // a heap block
     ASSERT_NE(old, nullptr);
     for (int i = 0; i < 64; i++)
         old[i] = static_cast<char>(i);
@@ -199,6 +206,7 @@ TEST(FaultWalkTest, AccountedAllocationsReturnNullAndLeaveTheHeapAsItWas)
             }),
         1u);
     EXPECT_EQ(heap(), base);
+    vesk_utility_free(__FILE__, __func__, warm);
 }
 
 TEST(FaultWalkTest, RegistryNodeBeyondThePoolGivesNoResourceAndKeepsTheList)
@@ -357,13 +365,13 @@ TEST(FaultWalkTest, ClassCounterDropsTheNewClassWithAWarning)
 
 TEST(FaultWalkTest, ByModuleDumpWithoutItsScratchTablePrintsOnlyTheFailure)
 {
-    void* held = vesk_utility_malloc(0x68, 0x6801, 3000, 1);
+    void* held = vesk_utility_malloc(0x68, 0x6801, 3000, 8);  // on the heap's live list
     ASSERT_NE(held, nullptr);
     const heap_state base = heap();
     EXPECT_EQ(walk_alloc_failures([] { res()->diagnose(2, vesk_print_stdout); },
                   [&](const fault_run& run) {
                       if (run.failed) {
-                          EXPECT_NE(run.out.find("caller_id = 0x13, purpose = 0x3001, malloc "), std::string::npos)
+                          EXPECT_NE(run.out.find("caller_id = 0x13, purpose = 0x300b, malloc "), std::string::npos)
                               << run.out;
                           EXPECT_EQ(run.out.find("total malloc"), std::string::npos) << run.out;
                       } else {
