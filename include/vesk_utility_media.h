@@ -23,6 +23,12 @@ struct _tagVesk_rtp_h264_param {
     int32_t nOutSize; // in: capacity of pOutData; out: bytes written, frame header included
 };
 
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(_tagVesk_rtp_h264_param) == 16, "RTP parameters on the 32-bit target");
+#else
+static_assert(sizeof(_tagVesk_rtp_h264_param) == 32, "RTP parameters on a 64-bit host");
+#endif
+
 // Parameters of the packetising direction; no field is read in this system.
 struct _tagVesk_h264_rtp_param {
     unsigned char* pInData;
@@ -82,6 +88,10 @@ struct vesk_real_rect {
     int32_t w;
     int32_t h;
 };
+
+static_assert(sizeof(vesk_abstract_point) == 16 && sizeof(vesk_abstract_rect) == 32 && sizeof(vesk_real_point) == 8
+        && sizeof(vesk_real_rect) == 16,
+    "coordinate records are plain 32-bit words");
 
 // NULL records: VESK_ERR_INVALID_PARAM (is_valid_abs: 0).
 // x = x * width / x_full, y = y * height / y_full (unsigned 32-bit, truncating; the product

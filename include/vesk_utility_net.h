@@ -111,6 +111,21 @@ struct vesk_if_config_struct {
     vesk_inet_ipv6_dns_info_list* ipv6_dns;
 };
 
+// In-memory records (they hold addresses): the sizes on the 32-bit target and a 64-bit host.
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(vesk_inet_ipv4_ip_info) == 56 && sizeof(vesk_inet_ipv6_ip_info) == 52
+        && sizeof(vesk_inet_ipv4_route_info) == 28 && sizeof(vesk_inet_ipv6_route_info) == 52
+        && sizeof(vesk_inet_ipv4_dns_info) == 24 && sizeof(vesk_inet_ipv6_dns_info) == 48
+        && sizeof(vesk_inet_ipv4_ip_info_list) == 12 && sizeof(vesk_if_config_struct) == 52,
+    "network records on the 32-bit target");
+#else
+static_assert(sizeof(vesk_inet_ipv4_ip_info) == 64 && sizeof(vesk_inet_ipv6_ip_info) == 64
+        && sizeof(vesk_inet_ipv4_route_info) == 40 && sizeof(vesk_inet_ipv6_route_info) == 64
+        && sizeof(vesk_inet_ipv4_dns_info) == 32 && sizeof(vesk_inet_ipv6_dns_info) == 56
+        && sizeof(vesk_inet_ipv4_ip_info_list) == 24 && sizeof(vesk_if_config_struct) == 80,
+    "network records on a 64-bit host");
+#endif
+
 // 1 when a line of /proc/net/dev (after its two header lines) contains if_name.
 VESK_API VESK_BOOL vesk_utility_is_net_dev_exist(const char* if_name);
 // IFF_UP and IFF_SLAVE of the interface (name cut to 15 characters).
