@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (p.nOutSize < 0 || p.nOutSize > n)
         abort();
     if (memcmp(in.data(), data, size) != 0)
-        abort();  // the input is const in spirit: an out-of-place call must not touch it
+        abort(); // the input is const in spirit: an out-of-place call must not touch it
 
     // The same conversion in place.
     std::vector<uint8_t> same(data, data + size);
