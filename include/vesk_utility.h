@@ -8,5 +8,7 @@
 #include "vesk_utility_memory.h"
 #include "vesk_utility_thread.h"
 #include "vesk_utility_lock.h"
+#include "vesk_utility_sqlite.h"
+#include "vesk_utility_file.h"
 
 #endif  // VESK_UTILITY_H
