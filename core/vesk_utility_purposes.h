@@ -35,6 +35,8 @@ constexpr vesk_memmory_purpose k_purpose_little_chunks = 0x301A;     // fixed: l
 constexpr vesk_memmory_purpose k_purpose_av_reader_chunks = 0x301F;  // fixed: A/V-reader pool chunks
 constexpr vesk_memmory_purpose k_purpose_av_descriptors = 0x3020;    // fixed: A/V block descriptors
 constexpr vesk_memmory_purpose k_purpose_file_name = 0x3021;         // fixed: file operators' path copies
+constexpr vesk_memmory_purpose k_purpose_file_cache = 0x3030;        // file operators' read caches
+constexpr vesk_memmory_purpose k_purpose_extent_scan = 0x3031;       // extent map buffer of a block open
 
 }  // namespace vesk_utility
 

@@ -11,5 +11,7 @@
 #include "vesk_utility_av_types.h"
 #include "vesk_utility_media.h"
 #include "vesk_utility_net.h"
+#include "vesk_utility_sqlite.h"
+#include "vesk_utility_file.h"
 
 #endif  // VESK_UTILITY_H

@@ -1,0 +1,261 @@
+// SQLite helpers against real database files in the private root: typed writes checked by
+// reading the rows back with plain SQL, the heading-entry reads, blobs, and databases damaged
+// on purpose (header and a b-tree page overwritten) told apart from ordinary failures.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "test_support.h"
+#include "vesk_utility.h"
+
+using namespace vesk_soft;
+
+namespace
+{
+
+std::string db_path(const char* name)
+{
+    return vesk_test::private_root() + "/" + name;
+}
+
+// A fresh database with table cam(id, name, bitrate, big, data) and rows id 1..rows.
+sqlite3* make_db(const char* name, int rows = 2)
+{
+    const std::string path = db_path(name);
+    unlink(path.c_str());
+    sqlite3* db = nullptr;
+    EXPECT_EQ(vesk_utility_open_database(path.c_str(), &db), VESK_OK);
+    EXPECT_EQ(vesk_utility_exec_sql_command(db,
+                  "CREATE TABLE cam(id INTEGER, name TEXT, bitrate INTEGER, big INTEGER, data BLOB);", nullptr, nullptr,
+                  nullptr),
+        VESK_OK);
+    EXPECT_EQ(vesk_utility_exec_sql_command(db, "BEGIN;", nullptr, nullptr, nullptr), VESK_OK);
+    for (int i = 1; i <= rows; i++) {
+        char sql[256];
+        snprintf(sql, sizeof(sql), "INSERT INTO cam VALUES(%d, 'cam%03d', 0, 0, NULL);", i, i);
+        EXPECT_EQ(vesk_utility_exec_sql_command(db, sql, nullptr, nullptr, nullptr), VESK_OK);
+    }
+    EXPECT_EQ(vesk_utility_exec_sql_command(db, "COMMIT;", nullptr, nullptr, nullptr), VESK_OK);
+    return db;
+}
+
+// The single value of `sql` as text, read with plain SQLite (the oracle for writes).
+std::string scalar(sqlite3* db, const char* sql)
+{
+    sqlite3_stmt* st = nullptr;
+    std::string out = "<none>";
+    if (sqlite3_prepare_v2(db, sql, -1, &st, nullptr) == SQLITE_OK && sqlite3_step(st) == SQLITE_ROW) {
+        const unsigned char* t = sqlite3_column_text(st, 0);
+        out = t != nullptr ? reinterpret_cast<const char*>(t) : "<null>";
+    }
+    sqlite3_finalize(st);
+    return out;
+}
+
+void overwrite(const std::string& path, long offset, int byte, size_t len)
+{
+    FILE* f = fopen(path.c_str(), "r+b");
+    ASSERT_NE(f, nullptr);
+    ASSERT_EQ(fseek(f, offset, SEEK_SET), 0);
+    for (size_t i = 0; i < len; i++)
+        fputc(byte, f);
+    fclose(f);
+}
+
+} // namespace
+
+TEST(SqliteFuncTest, OpenCloseAndTableQueries)
+{
+    sqlite3* db = nullptr;
+    std::string out = vesk_test::capture_stdout(
+        [&] { EXPECT_EQ(vesk_utility_open_database(nullptr, &db), VESK_ERR_INVALID_PARAM); });
+    EXPECT_NE(out.find("open_database"), std::string::npos);
+    EXPECT_NE(out.find("fname is null!"), std::string::npos);
+    out = vesk_test::capture_stdout(
+        [&] { EXPECT_EQ(vesk_utility_open_database("/proc/no/such/dir/x.db", &db), VESK_ERR_OPERATE_FAIL); });
+    EXPECT_EQ(db, nullptr);
+    EXPECT_NE(out.find("Open database failed,error code 0xe"), std::string::npos);
+    EXPECT_EQ(vesk_utility_close_database(nullptr), VESK_OK);
+
+    db = make_db("tables.db");
+    EXPECT_TRUE(vesk_utility_table_exists(db, "main", "cam"));
+    EXPECT_FALSE(vesk_utility_table_exists(db, "main", "ca"));
+    EXPECT_FALSE(vesk_utility_table_exists(db, "main", "nosuch"));
+    out = vesk_test::capture_stdout([&] { EXPECT_FALSE(vesk_utility_table_exists(db, "main", nullptr)); });
+    EXPECT_NE(out.find("check_table_exists"), std::string::npos);
+    EXPECT_NE(out.find("database not open"), std::string::npos);
+
+    int num = -1;
+    EXPECT_EQ(vesk_utility_get_table_column_num(db, "cam", &num), VESK_OK);
+    EXPECT_EQ(num, 5);
+    EXPECT_EQ(vesk_utility_get_table_column_num(db, "nosuch", &num), VESK_OK);
+    EXPECT_EQ(num, 0);
+    EXPECT_EQ(vesk_utility_get_table_column_num(nullptr, "cam", &num), VESK_ERR_OPERATE_FAIL);
+
+    int rows = 0, cols = 0;
+    char** table = nullptr;
+    EXPECT_EQ(
+        vesk_utility_exec_sql_command(db, "SELECT id, name FROM cam ORDER BY id;", &rows, &cols, &table), VESK_OK);
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(rows, 2);
+    EXPECT_EQ(cols, 2);
+    EXPECT_STREQ(table[0], "id");
+    EXPECT_STREQ(table[3], "cam001");
+    EXPECT_EQ(vesk_utility_free_inquiry_result(table), VESK_OK);
+    EXPECT_EQ(vesk_utility_exec_sql_command(nullptr, "SELECT 1;", nullptr, nullptr, nullptr), VESK_ERR_INVALID_PARAM);
+    out = vesk_test::capture_stdout([&] {
+        EXPECT_EQ(
+            vesk_utility_exec_sql_command(db, "SELEC nonsense", nullptr, nullptr, nullptr), VESK_ERR_OPERATE_FAIL);
+    });
+    EXPECT_NE(out.find("exec_sql_command"), std::string::npos);
+    EXPECT_NE(out.find("sqlite3_exec SELEC nonsense failed, error code 0x1, "), std::string::npos);
+    EXPECT_EQ(out.find("malformed"), std::string::npos);
+    EXPECT_EQ(vesk_utility_check_sql_corrupt_by_alias(db, "x"), 0);
+    EXPECT_EQ(vesk_utility_recover_database(db, "x"), 0);
+    EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
+}
+
+TEST(SqliteFuncTest, TypedWritesLandInTheMatchingRowsOnly)
+{
+    sqlite3* db = make_db("set.db");
+    const int32_t i32 = -5;
+    const uint32_t u32 = 4000000000u;
+    const int64_t i64 = (int64_t(1) << 40) + 5;
+    const uint64_t u64 = 0x7FFFFFFFFFFFFFFFull;
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "name", "%s", "front door", 0), VESK_OK);
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%d", &i32, 4), VESK_OK);
+    EXPECT_EQ(scalar(db, "SELECT bitrate FROM cam WHERE id = 1"), "-5");
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%lu", &u32, 4), VESK_OK);
+    EXPECT_EQ(scalar(db, "SELECT bitrate FROM cam WHERE id = 1"), "4000000000");
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 2", "big", "%lld", &i64, 8), VESK_OK);
+    EXPECT_EQ(scalar(db, "SELECT big FROM cam WHERE id = 2"), "1099511627781");
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "big", "%llu", &u64, 8), VESK_OK);
+    EXPECT_EQ(scalar(db, "SELECT big FROM cam WHERE id = 1"), "9223372036854775807");
+    EXPECT_EQ(scalar(db, "SELECT name FROM cam WHERE id = 1"), "front door");
+    EXPECT_EQ(scalar(db, "SELECT name FROM cam WHERE id = 2"), "cam002");
+
+    // Sizes too small for the format are refused before anything runs.
+    const int64_t other = 77;
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%d", &other, 2), VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "big", "%llu", &other, 4), VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(scalar(db, "SELECT bitrate FROM cam WHERE id = 1"), "4000000000");
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", nullptr, "%d", &i32, 4), VESK_ERR_INVALID_PARAM);
+
+    // A single quote in a text value breaks the statement: an ordinary failure, not damage.
+    const std::string out = vesk_test::capture_stdout([&] {
+        EXPECT_EQ(
+            vesk_utility_exec_sql_set_value(db, "cam", "id = 2", "name", "%S", "o'clock", 0), VESK_ERR_OPERATE_FAIL);
+    });
+    EXPECT_NE(out.find("sql_set_value"), std::string::npos);
+    EXPECT_NE(out.find("UPDATE cam SET name = 'o'clock' WHERE id = 2 ; failed, error code 0x1"), std::string::npos);
+    EXPECT_EQ(scalar(db, "SELECT name FROM cam WHERE id = 2"), "cam002");
+    EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
+}
+
+TEST(SqliteFuncTest, ReadsCopyTheColumnHeadingNotTheData)
+{
+    sqlite3* db = make_db("get.db");
+    const int32_t v = 1234;
+    ASSERT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%d", &v, 4), VESK_OK);
+
+    char text[5];
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%s", text, sizeof(text)), VESK_OK);
+    EXPECT_STREQ(text, "bitr"); // the heading "bitrate", cut to the buffer
+    unsigned char word[4];
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%d", word, 4), VESK_OK);
+    EXPECT_EQ(memcmp(word, "bitr", 4), 0);
+    unsigned char wide[8];
+    memset(wide, 0xEE, sizeof(wide));
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 2", "name", "%llu", wide, 8), VESK_OK);
+    EXPECT_EQ(memcmp(wide, "name\0\0\0\0", 8), 0);
+
+    unsigned char untouched[4] = {1, 2, 3, 4};
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%x", untouched, 4), VESK_OK);
+    EXPECT_EQ(untouched[0], 1);
+    EXPECT_EQ(untouched[3], 4);
+
+    // No matching row, or a buffer too small: an ordinary failure.
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 9", "bitrate", "%d", word, 4), VESK_ERR_OPERATE_FAIL);
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "big", "%lld", wide, 4), VESK_ERR_OPERATE_FAIL);
+    EXPECT_EQ(
+        vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%d", nullptr, 4), VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
+}
+
+TEST(SqliteFuncTest, BlobsRoundTripThroughBoundParameters)
+{
+    sqlite3* db = make_db("blob.db");
+    unsigned char blob[300];
+    for (size_t i = 0; i < sizeof(blob); i++)
+        blob[i] = static_cast<unsigned char>(i * 7); // holds zero bytes and quotes
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 2", "data", "%B", blob, sizeof(blob)), VESK_OK);
+    EXPECT_EQ(scalar(db, "SELECT length(data) FROM cam WHERE id = 2"), "300");
+    EXPECT_EQ(scalar(db, "SELECT typeof(data) FROM cam WHERE id = 1"), "null");
+
+    unsigned char back[300] = {};
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 2", "data", "%b", back, sizeof(back)), VESK_OK);
+    EXPECT_EQ(memcmp(back, blob, sizeof(blob)), 0);
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 2", "data", "%B", back, 299), VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "data", "%B", back, 300), VESK_ERR_INVALID_PARAM);
+    const std::string out = vesk_test::capture_stdout([&] {
+        EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 7", "data", "%B", back, 300), VESK_ERR_OPERATE_FAIL);
+    });
+    EXPECT_NE(out.find("WARNING! sql_get_value"), std::string::npos);
+    EXPECT_NE(out.find("101"), std::string::npos); // SQLITE_DONE
+    // The step of a blob write is not examined.
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "nosuch", "id = 2", "data", "%B", blob, 10), VESK_OK);
+    EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
+}
+
+TEST(SqliteFuncTest, DamagedDatabaseIsReportedAsCorrupt)
+{
+    // Header overwritten: SQLite no longer knows the file (SQLITE_NOTADB).
+    sqlite3* db = make_db("header.db");
+    EXPECT_EQ(vesk_utility_check_sql_corrupt(db, "cam"), 0);
+    EXPECT_EQ(vesk_utility_check_sql_corrupt(db, "nosuch"), 0); // ordinary failure
+    EXPECT_EQ(vesk_utility_check_sql_corrupt(nullptr, "cam"), 1);
+    ASSERT_EQ(vesk_utility_close_database(db), VESK_OK);
+    overwrite(db_path("header.db"), 0, 'X', 16);
+    ASSERT_EQ(vesk_utility_open_database(db_path("header.db").c_str(), &db), VESK_OK);
+    std::string out = vesk_test::capture_stdout([&] {
+        EXPECT_EQ(
+            vesk_utility_exec_sql_command(db, "SELECT * FROM cam;", nullptr, nullptr, nullptr), VESK_ERR_DB_CORRUPT);
+    });
+    EXPECT_NE(out.find("error code 0x1a"), std::string::npos);
+    EXPECT_NE(out.find("Database disk image is malformed!"), std::string::npos);
+    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_check_sql_corrupt(db, "cam"), 1); });
+    EXPECT_NE(out.find("check_sql_corrupt"), std::string::npos);
+    EXPECT_NE(out.find("Database [cam] disk image is malformed!"), std::string::npos);
+    int32_t v = 1;
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%d", &v, 4), VESK_ERR_DB_CORRUPT);
+    EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%d", &v, 4), VESK_ERR_DB_CORRUPT);
+    EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
+
+    // The table's root page (page 2, after the schema page) overwritten: SQLITE_CORRUPT.
+    db = make_db("page.db", 200);
+    ASSERT_EQ(scalar(db, "PRAGMA page_size"), "4096");
+    ASSERT_EQ(scalar(db, "SELECT rootpage FROM sqlite_master WHERE name = 'cam'"), "2");
+    ASSERT_EQ(vesk_utility_close_database(db), VESK_OK);
+    overwrite(db_path("page.db"), 4096, 0xA5, 4096);
+    ASSERT_EQ(vesk_utility_open_database(db_path("page.db").c_str(), &db), VESK_OK);
+    EXPECT_TRUE(vesk_utility_table_exists(db, "main", "cam")); // the schema page is intact
+    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_check_sql_corrupt(db, "cam"), 1); });
+    EXPECT_NE(out.find("Database [cam] disk image is malformed!"), std::string::npos);
+    EXPECT_EQ(
+        vesk_utility_exec_sql_command(db, "SELECT count(*) FROM cam;", nullptr, nullptr, nullptr), VESK_ERR_DB_CORRUPT);
+    EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
+}
+
+TEST(SqliteFuncDeathTest, UnknownWriteFormatIsFatal)
+{
+    sqlite3* db = make_db("death.db");
+    const int32_t v = 1;
+    VESK_EXPECT_FATAL(
+        vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%x", &v, 4), "Function: sql_set_value");
+    vesk_utility_close_database(db);
+}
