@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace vesk_utility {
+namespace vesk_utility
+{
 
-namespace {
+namespace
+{
 
 constexpr const char* k_reset = "\e[m";
 
@@ -29,14 +31,19 @@ level_style style_of(vesk_log_level level)
     }
 }
 
-}  // namespace
+} // namespace
 
 void vesk_log(vesk_log_level level, const char* cls, const char* func, int line, const char* fmt, ...)
 {
     const level_style s = style_of(level);
+    const bool plain = level == vesk_log_level::plain;
     // flockfile keeps one message whole when several threads report at once.
     flockfile(stdout);
-    if (cls != nullptr)
+    if (plain && cls != nullptr)
+        printf("[UTL] %s::%s[%d]:", cls, func, line);
+    else if (plain)
+        printf("[UTL] %s[%d]:", func, line);
+    else if (cls != nullptr)
         printf("%s[UTL] %s! %s::%s[%d]:", s.colour, s.tag, cls, func, line);
     else
         printf("%s[UTL] %s! %s[%d]:", s.colour, s.tag, func, line);
@@ -44,7 +51,8 @@ void vesk_log(vesk_log_level level, const char* cls, const char* func, int line,
     va_start(ap, fmt);
     vprintf(fmt, ap);
     va_end(ap);
-    fputs(k_reset, stdout);
+    if (!plain)
+        fputs(k_reset, stdout);
     fflush(stdout);
     funlockfile(stdout);
 }
@@ -62,11 +70,11 @@ int vesk_print_stdout(const char* fmt, ...)
 void vesk_assert_fail(const char* file, const char* func, int line, const char* cond)
 {
     flockfile(stdout);
-    printf("\e[0;32;31mASSERT!\n >File name: %s\n >Function: %s\n >Line No: %d\n >Condition: %s\n%s", file, func,
-           line, cond, k_reset);
+    printf("\e[0;32;31mASSERT!\n >File name: %s\n >Function: %s\n >Line No: %d\n >Condition: %s\n%s", file, func, line,
+        cond, k_reset);
     fflush(stdout);
     funlockfile(stdout);
     exit(-1);
 }
 
-}  // namespace vesk_utility
+} // namespace vesk_utility
