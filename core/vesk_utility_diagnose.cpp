@@ -17,26 +17,24 @@
 #include <cstdio>
 #include <cstring>
 
-#include "sched/vesk_utility_timer.h"
 #include "vesk_utility_diag_wire.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_account.h"
 #include "vesk_utility_purposes.h"
 #include "vesk_utility_resource.h"
+#include "sched/vesk_utility_timer.h"
 
-namespace vesk_utility
-{
+namespace vesk_utility {
 
 using namespace vesk_soft;
 
-namespace
-{
+namespace {
 
 constexpr const char* k_cls = "vesk_diagnose_agent";
-constexpr unsigned k_poll_ms = 1000; // work() period
-constexpr unsigned k_first_poll_ms = 30000; // the first poll, after start-up has settled
-constexpr uint32_t k_idle_polls = 20; // a silent console is dropped after this many polls
-constexpr uint32_t k_max_payload = 4096; // larger requests are not from our console
+constexpr unsigned k_poll_ms = 1000;         // work() period
+constexpr unsigned k_first_poll_ms = 30000;  // the first poll, once start-up has settled
+constexpr uint32_t k_idle_polls = 20;         // a silent console is dropped after this many polls
+constexpr uint32_t k_max_payload = 4096;  // larger requests are not from our console
 
 // The agent whose command runs on this thread; print() sends through it.
 thread_local vesk_diagnose_agent* s_printing_agent = nullptr;
@@ -57,8 +55,7 @@ char* copy_text(const char* text)
     if (text == nullptr)
         return nullptr;
     const size_t n = strlen(text) + 1;
-    char* copy
-        = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, static_cast<unsigned>(n), 1));
+    char* copy = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, static_cast<unsigned>(n), 1));
     if (copy == nullptr) {
         VESK_LOG_ERR(k_cls, "malloc %zu fail!\n", n);
         return nullptr;
@@ -84,7 +81,7 @@ bool write_all(int fd, const void* data, size_t len)
     return true;
 }
 
-} // namespace
+}  // namespace
 
 vesk_diagnose_agent::vesk_diagnose_agent(const char* path)
 {
@@ -142,8 +139,8 @@ VESK_ERR vesk_diagnose_agent::regist_diag(vesk_diagnose_client* client, const ch
             return VESK_OK;
         }
     }
-    client_node* node
-        = static_cast<client_node*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, sizeof(client_node), 1));
+    client_node* node = static_cast<client_node*>(
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, sizeof(client_node), 1));
     if (node == nullptr) {
         VESK_LOG_ERR(k_cls, "malloc %zu fail!\n", sizeof(client_node));
         return VESK_OK;
@@ -157,7 +154,7 @@ VESK_ERR vesk_diagnose_agent::regist_diag(vesk_diagnose_client* client, const ch
         m_head->pre = node;
     m_head = node;
     VESK_ASSERT(node != node->pre);
-    if (node->next != nullptr) // a lone head has both links NULL
+    if (node->next != nullptr)  // a lone head has both links NULL
         VESK_ASSERT(node->next != node->pre);
     VESK_ASSERT(node != node->next);
     return VESK_OK;
@@ -182,7 +179,8 @@ vesk_timer_ret_code utility_diagnose_thread(void* userParam, unsigned int* next_
 void vesk_diagnose_agent::start()
 {
     vesk_utility_res_manage::instance()->get_timer()->regist_c_func(VESK_USER_UTILITY, utility_diagnose_thread,
-        k_timer_diag_task_purpose, k_poll_ms, this, VESK_TIMER_TASK_COMMON, k_first_poll_ms);
+                                                                    k_timer_diag_task_purpose, k_poll_ms, this,
+                                                                    VESK_TIMER_TASK_COMMON, k_first_poll_ms);
 }
 
 void vesk_diagnose_agent::work()
@@ -375,4 +373,4 @@ int vesk_diagnose_agent::print(const char* fmt, ...)
     return static_cast<int>(agent->send_text(text));
 }
 
-} // namespace vesk_utility
+}  // namespace vesk_utility

@@ -12,8 +12,7 @@
 #include "vesk_utility_timer.h"
 #include "vesk_utility_types.h"
 
-namespace vesk_utility
-{
+namespace vesk_utility {
 
 using vesk_soft::print_fn;
 using vesk_soft::vesk_diagnose_client;
@@ -23,8 +22,7 @@ using vesk_soft::VESK_ERR;
 // thread at a time (the timer task). m_lock guards the client list and is held for the
 // whole of a list, help or run command, so a long command delays registrations. The
 // connection fields are touched only by work() and the print it drives, on that thread.
-class vesk_diagnose_agent final
-{
+class vesk_diagnose_agent final {
 public:
     // Listens (non-blocking, backlog 1, mode 0600) on `path`, unlinking a stale socket
     // first. Failures are logged; the agent then never accepts.
@@ -65,22 +63,22 @@ private:
     void close_connection();
     void send_finish(uint32_t seq);
     void dispatch(uint32_t seq, uint32_t cmd, const int32_t* args, uint32_t nargs);
-    client_node* find(int32_t idx); // REQUIRES: m_lock held
+    client_node* find(int32_t idx);  // REQUIRES: m_lock held
 
     std::mutex m_lock;
-    uint32_t m_idle_cnt = 0; // polls since the last complete request
-    uint32_t m_write_fail = 0; // set by a short write, cleared by the next accept
-    int m_com_fd = -1; // the accepted console, -1 when none
+    uint32_t m_idle_cnt = 0;    // polls since the last complete request
+    uint32_t m_write_fail = 0;  // set by a short write, cleared by the next accept
+    int m_com_fd = -1;          // the accepted console, -1 when none
     int m_listen_fd = -1;
     char m_path[sizeof(sockaddr_un::sun_path)] = {};
-    client_node* m_head = nullptr; // GUARDED_BY(m_lock)
+    client_node* m_head = nullptr;  // GUARDED_BY(m_lock)
 };
 
 // The agent's polling task: one work() step, then again after 1000 ms. userParam is the agent
 // (fatal when NULL).
-vesk_soft::vesk_timer_ret_code utility_diagnose_thread(
-    void* userParam, unsigned int* next_ms, vesk_soft::vesk_timer_task_type* task_type);
+vesk_soft::vesk_timer_ret_code utility_diagnose_thread(void* userParam, unsigned int* next_ms,
+                                                       vesk_soft::vesk_timer_task_type* task_type);
 
-} // namespace vesk_utility
+}  // namespace vesk_utility
 
-#endif // VESK_UTILITY_DIAGNOSE_H
+#endif  // VESK_UTILITY_DIAGNOSE_H

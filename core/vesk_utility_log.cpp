@@ -5,11 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace vesk_utility
-{
+namespace vesk_utility {
 
-namespace
-{
+namespace {
 
 constexpr const char* k_reset = "\e[m";
 
@@ -31,7 +29,7 @@ level_style style_of(vesk_log_level level)
     }
 }
 
-} // namespace
+}  // namespace
 
 void vesk_log(vesk_log_level level, const char* cls, const char* func, int line, const char* fmt, ...)
 {
@@ -70,11 +68,11 @@ int vesk_print_stdout(const char* fmt, ...)
 void vesk_assert_fail(const char* file, const char* func, int line, const char* cond)
 {
     flockfile(stdout);
-    printf("\e[0;32;31mASSERT!\n >File name: %s\n >Function: %s\n >Line No: %d\n >Condition: %s\n%s", file, func, line,
-        cond, k_reset);
+    printf("\e[0;32;31mASSERT!\n >File name: %s\n >Function: %s\n >Line No: %d\n >Condition: %s\n%s", file, func,
+           line, cond, k_reset);
     fflush(stdout);
     funlockfile(stdout);
     exit(-1);
 }
 
-} // namespace vesk_utility
+}  // namespace vesk_utility

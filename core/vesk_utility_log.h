@@ -6,8 +6,7 @@
 
 #include <cstdarg>
 
-namespace vesk_utility
-{
+namespace vesk_utility {
 
 // plain: no colour and no level tag, "[UTL] <cls>::<func>[<line>]:" (service notices such as
 // a thread starting or retiring).
@@ -23,15 +22,15 @@ int vesk_print_stdout(const char* fmt, ...) __attribute__((format(printf, 1, 2))
 // Prints the red assertion block and calls exit(-1).
 [[noreturn]] void vesk_assert_fail(const char* file, const char* func, int line, const char* cond);
 
-} // namespace vesk_utility
+}  // namespace vesk_utility
 
-#define VESK_LOG_ERR(cls, ...)                                                                                         \
+#define VESK_LOG_ERR(cls, ...) \
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::error, cls, __func__, __LINE__, __VA_ARGS__)
-#define VESK_LOG_WARN(cls, ...)                                                                                        \
+#define VESK_LOG_WARN(cls, ...) \
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::warning, cls, __func__, __LINE__, __VA_ARGS__)
-#define VESK_LOG_DBG(cls, ...)                                                                                         \
+#define VESK_LOG_DBG(cls, ...) \
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::debug, cls, __func__, __LINE__, __VA_ARGS__)
-#define VESK_LOG_PLAIN(cls, ...)                                                                                       \
+#define VESK_LOG_PLAIN(cls, ...) \
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::plain, cls, __func__, __LINE__, __VA_ARGS__)
 // Free-function forms: "[UTL] ERROR! <func>[<line>]:".
 #define VESK_ERR_FN(...) VESK_LOG_ERR(nullptr, __VA_ARGS__)
@@ -40,10 +39,9 @@ int vesk_print_stdout(const char* fmt, ...) __attribute__((format(printf, 1, 2))
 #define VESK_PLAIN_FN(...) VESK_LOG_PLAIN(nullptr, __VA_ARGS__)
 
 // Fatal check, active in every build: the condition text is printed as written.
-#define VESK_ASSERT(cond)                                                                                              \
-    do {                                                                                                               \
-        if (!(cond))                                                                                                   \
-            ::vesk_utility::vesk_assert_fail(__FILE__, __func__, __LINE__, #cond);                                     \
+#define VESK_ASSERT(cond)                                                        \
+    do {                                                                         \
+        if (!(cond)) ::vesk_utility::vesk_assert_fail(__FILE__, __func__, __LINE__, #cond); \
     } while (0)
 
-#endif // VESK_UTILITY_LOG_H
+#endif  // VESK_UTILITY_LOG_H

@@ -9,7 +9,6 @@
 #include <mutex>
 #include <new>
 
-#include "sched/vesk_utility_timer.h"
 #include "vesk_utility_core.h"
 #include "vesk_utility_diagnose.h"
 #include "vesk_utility_lock.h"
@@ -18,25 +17,25 @@
 #include "vesk_utility_paths.h"
 #include "vesk_utility_pool.h"
 #include "vesk_utility_thread_pool.h"
+#include "sched/vesk_utility_timer.h"
 
-namespace vesk_utility
-{
+namespace vesk_utility {
 
 using namespace vesk_soft;
 
-namespace
-{
+namespace {
 
-std::atomic<vesk_utility_res_manage*> s_res_manage {nullptr};
+std::atomic<vesk_utility_res_manage*> s_res_manage{nullptr};
 std::mutex s_res_manage_lock;
 
 constexpr unsigned k_endless_dump_period_ms = 15000;
 
 // A service object in an accounted block (user 0x13): it lives as long as the process.
-template <class T, class... Args> T* new_accounted(vesk_memmory_purpose purpose, Args... args)
+template <class T, class... Args>
+T* new_accounted(vesk_memmory_purpose purpose, Args... args)
 {
-    void* mem = vesk_utility_res_manage::instance()->mem_account().proc_vesk_malloc(
-        VESK_USER_UTILITY, purpose, sizeof(T), alignof(T));
+    void* mem = vesk_utility_res_manage::instance()->mem_account().proc_vesk_malloc(VESK_USER_UTILITY, purpose,
+                                                                                    sizeof(T), alignof(T));
     VESK_ASSERT(mem != NULL);
     return new (mem) T(args...);
 }
@@ -44,37 +43,41 @@ template <class T, class... Args> T* new_accounted(vesk_memmory_purpose purpose,
 // Console titles and command menus of the services (UTF-8). The number or letter at the start
 // of a help line is the parameter the client's diagnose() takes ("a" arrives as 0).
 constexpr const char* k_thread_pool_title = "诊断 线程池";
-constexpr const char* k_thread_pool_help = "0  打印所有线程的CPU占用\n"
-                                           "1  打印CPU占用不为0的线程\n"
-                                           "2  打印注册的线程\n";
+constexpr const char* k_thread_pool_help =
+    "0  打印所有线程的CPU占用\n"
+    "1  打印CPU占用不为0的线程\n"
+    "2  打印注册的线程\n";
 constexpr const char* k_string_pool_title = "诊断 字符串内存池";
 constexpr const char* k_little_pool_title = "诊断 常规小内存池";
 constexpr const char* k_av_reader_pool_title = "诊断 音视频读者跨块中转内存池";
-constexpr const char* k_pool_help = "1  详细信息\n"
-                                    "2  简要信息\n";
+constexpr const char* k_pool_help =
+    "1  详细信息\n"
+    "2  简要信息\n";
 constexpr const char* k_timer_title = "诊断 定时器";
-constexpr const char* k_timer_help = "1  打印所有任务\n"
-                                     "2  打印所有线程状态\n"
-                                     "3  打印Toolnet UDP监听任务\n"
-                                     "4  打印Toolnet TCP监听任务\n"
-                                     "5  打开Toolnet UDP监听调试打印\n"
-                                     "6  关闭Toolnet UDP监听调试打印\n"
-                                     "7  打开Toolnet TCP监听调试打印\n"
-                                     "8  关闭Toolnet TCP监听调试打印\n";
+constexpr const char* k_timer_help =
+    "1  打印所有任务\n"
+    "2  打印所有线程状态\n"
+    "3  打印Toolnet UDP监听任务\n"
+    "4  打印Toolnet TCP监听任务\n"
+    "5  打开Toolnet UDP监听调试打印\n"
+    "6  关闭Toolnet UDP监听调试打印\n"
+    "7  打开Toolnet TCP监听调试打印\n"
+    "8  关闭Toolnet TCP监听调试打印\n";
 constexpr const char* k_event_title = "诊断 事件管理";
 constexpr const char* k_res_title = "诊断 中间层记录的内存、句柄等";
-constexpr const char* k_res_help = "中间层内存分两类: 一类是通过中间层malloc申请的注册内存, 在此查询;\n"
-                                   "另一类是协议库申请的内存, 未注册, 在链表诊断中查询; 两者之和约为中间层占用的内存\n"
-                                   "1  dump total size\n"
-                                   "2  dump by module id\n"
-                                   "5  自动打印系统内存使用百分比和注册内存\n"
-                                   "6  打印malloc/new和free/delete的记录次数\n"
-                                   "9  打印当前物理内存使用\n"
-                                   "a  打印当前物理内存使用详情\n"
-                                   "3  打印所有锁\n"
-                                   "7  打印被占用的锁\n"
-                                   "4  打印句柄\n"
-                                   "8  打印JSON对象个数及其数据占用的内存\n";
+constexpr const char* k_res_help =
+    "中间层内存分两类: 一类是通过中间层malloc申请的注册内存, 在此查询;\n"
+    "另一类是协议库申请的内存, 未注册, 在链表诊断中查询; 两者之和约为中间层占用的内存\n"
+    "1  dump total size\n"
+    "2  dump by module id\n"
+    "5  自动打印系统内存使用百分比和注册内存\n"
+    "6  打印malloc/new和free/delete的记录次数\n"
+    "9  打印当前物理内存使用\n"
+    "a  打印当前物理内存使用详情\n"
+    "3  打印所有锁\n"
+    "7  打印被占用的锁\n"
+    "4  打印句柄\n"
+    "8  打印JSON对象个数及其数据占用的内存\n";
 
 struct titled_list {
     vesk_handle_list list;
@@ -83,23 +86,14 @@ struct titled_list {
 
 // The handle dump of command 4, in list order (locks have commands of their own).
 constexpr titled_list k_handle_lists[] = {
-    {VESK_LIST_TXT, "txt fd"},
-    {VESK_LIST_BIN, "bin fd"},
-    {VESK_LIST_BLOCK, "block fd"},
-    {VESK_LIST_XML, "xml fd"},
-    {VESK_LIST_XLS, "xls fd"},
-    {VESK_LIST_BMP, "bmp fd"},
-    {VESK_LIST_JSON, "json fd"},
-    {VESK_LIST_JSON_V2, "json_V2 fd"},
-    {VESK_LIST_SOCKET, "socket fd"},
-    {VESK_LIST_OPEN, "open fd"},
-    {VESK_LIST_FOPEN, "fopen fd"},
-    {VESK_LIST_MD5, "md5 fd"},
-    {VESK_LIST_URL, "url fd"},
-    {VESK_LIST_WAV, "wav fd"},
+    {VESK_LIST_TXT, "txt fd"},       {VESK_LIST_BIN, "bin fd"},     {VESK_LIST_BLOCK, "block fd"},
+    {VESK_LIST_XML, "xml fd"},       {VESK_LIST_XLS, "xls fd"},     {VESK_LIST_BMP, "bmp fd"},
+    {VESK_LIST_JSON, "json fd"},     {VESK_LIST_JSON_V2, "json_V2 fd"}, {VESK_LIST_SOCKET, "socket fd"},
+    {VESK_LIST_OPEN, "open fd"},     {VESK_LIST_FOPEN, "fopen fd"}, {VESK_LIST_MD5, "md5 fd"},
+    {VESK_LIST_URL, "url fd"},       {VESK_LIST_WAV, "wav fd"},
 };
 
-} // namespace
+}  // namespace
 
 vesk_utility_res_manage* vesk_utility_res_manage::instance()
 {
@@ -125,16 +119,16 @@ vesk_utility_res_manage::~vesk_utility_res_manage()
 void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
 {
     m_registry.init_node_pool();
-    vesk_lock_install_printers(m_registry); // dump modes 1-4 of the lock lists
+    vesk_lock_install_printers(m_registry);  // dump modes 1-4 of the lock lists
     // Published one by one: from here on small blocks and strings are routed into them.
     __atomic_store_n(&m_av_reader_pool,
-        new_accounted<utility_little_mem_pool>(
-            k_purpose_av_reader_pool, k_av_reader_pool_chunk_size, k_purpose_av_reader_pool),
-        __ATOMIC_RELEASE);
+                     new_accounted<utility_little_mem_pool>(k_purpose_av_reader_pool, k_av_reader_pool_chunk_size,
+                                                            k_purpose_av_reader_pool),
+                     __ATOMIC_RELEASE);
     __atomic_store_n(&m_little_mem_pool,
-        new_accounted<utility_little_mem_pool>(
-            k_purpose_little_mem_pool, k_little_mem_pool_chunk_size, k_purpose_little_mem_pool),
-        __ATOMIC_RELEASE);
+                     new_accounted<utility_little_mem_pool>(k_purpose_little_mem_pool, k_little_mem_pool_chunk_size,
+                                                            k_purpose_little_mem_pool),
+                     __ATOMIC_RELEASE);
     __atomic_store_n(&m_string_pool, new_accounted<utility_string_pool>(k_purpose_string_pool), __ATOMIC_RELEASE);
     m_thread_pool = new utility_thread_pool();
     // Then the role's system-command client and diagnose agent.
@@ -227,7 +221,7 @@ vesk_utility_timer* vesk_utility_res_manage::get_timer()
 
 vesk_utility_watch_dog_manage* vesk_utility_res_manage::get_watch_dog_manage()
 {
-    VESK_ASSERT(m_watch_dog_manage != NULL);
+    VESK_ASSERT(m_watch_dog_manage!= NULL);
     return m_watch_dog_manage;
 }
 
@@ -306,4 +300,4 @@ VESK_ERR vesk_utility_res_manage::diagnose(int para, print_fn print)
     return VESK_OK;
 }
 
-} // namespace vesk_utility
+}  // namespace vesk_utility
