@@ -605,11 +605,28 @@ void vesk_utility_timer::finish_deleted(vesk_timer_thread* thr, vesk_timer_task_
     remove_del_mark(func, param);
 }
 
+// A running node is on its set's running list, where registration, unregistration and the
+// console read it: what changes is written under that list's lock. The slot task is on no list.
+void vesk_utility_timer::stamp(vesk_timer_thread* thr, vesk_timer_task_node* node, uint32_t sec, uint32_t nsec,
+    uint32_t interval, uint32_t suspended)
+{
+    const bool listed = node->purpose != VESK_TIMER_PURPOSE_ROTATE;
+    vesk_timer_queue* que = &set_of(thr->type)->run;
+    if (listed)
+        lock(&que->lock);
+    node->last_sec = sec;
+    node->last_nsec = nsec;
+    node->interval = interval;
+    node->suspended = suspended;
+    if (listed)
+        unlock(&que->lock);
+}
+
 void vesk_utility_timer::requeue(vesk_timer_thread* thr, vesk_timer_task_node* node)
 {
-    node->backoff = 0;
-    set_due(node, mono_add_ms(mono_now(), node->interval));
     if (node->purpose == VESK_TIMER_PURPOSE_ROTATE) {
+        node->backoff = 0;
+        set_due(node, mono_add_ms(mono_now(), node->interval));
         // Re-registered while it ran: the new node has the slot, this one goes.
         lock(&m_slot_lock);
         vesk_timer_task_node* taken = m_slot;
@@ -626,6 +643,8 @@ void vesk_utility_timer::requeue(vesk_timer_thread* thr, vesk_timer_task_node* n
     lock(&set->wait.lock);
     lock(&que->lock);
     VESK_ASSERT(que->que_head != NULL);
+    node->backoff = 0;
+    set_due(node, mono_add_ms(mono_now(), node->interval));
     que_unlink(que, node);
     const bool marked = remove_del_mark(node->func, node->param);
     if (!marked)
@@ -667,8 +686,7 @@ void* vesk_utility_timer::timer_task_thread(void* param)
             }
         }
         const mono_time start = mono_now();
-        node->last_sec = start.sec;
-        node->last_nsec = start.nsec;
+        self->stamp(thr, node, start.sec, start.nsec, node->interval, node->suspended);
         thr->start_sec = start.sec;
         thr->start_nsec = start.nsec;
         thr->usr_id = node->usr_id;
@@ -682,8 +700,6 @@ void* vesk_utility_timer::timer_task_thread(void* param)
 
         const mono_time end = mono_now();
         thr->duration_ms = static_cast<int32_t>(-us_until(start.sec, start.nsec, end) / 1000);
-        node->last_sec = end.sec;
-        node->last_nsec = end.nsec;
         thr->state = VESK_TIMER_THR_RETURNED;
 
         if (ret == VESK_TIMER_RET_DELETE) {
@@ -691,10 +707,9 @@ void* vesk_utility_timer::timer_task_thread(void* param)
             node = nullptr;
             continue;
         }
-        if (ret == VESK_TIMER_RET_SUSPEND)
-            node->suspended = 1;
-        node->interval = interval;
-        if (interval == 0 && !node->suspended) {
+        const uint32_t suspended = ret == VESK_TIMER_RET_SUSPEND ? 1 : node->suspended;
+        self->stamp(thr, node, end.sec, end.nsec, interval, suspended);
+        if (interval == 0 && !suspended) {
             VESK_WARN_FN("user_id = 0x%x, purpose_id = 0x%x no sleep!\n", node->usr_id, node->purpose);
             // Run again at once; an unregistration meanwhile still ends it.
             if (self->has_del_mark(node->func, node->param)) {

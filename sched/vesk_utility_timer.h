@@ -206,6 +206,9 @@ private:
     void requeue(vesk_timer_thread* thr, vesk_timer_task_node* node);
     void finish_deleted(vesk_timer_thread* thr, vesk_timer_task_node* node);
     void limited_done(const vesk_timer_task_node* node);
+    // Start or end of a run: the node's times, interval and suspension, under its list's lock.
+    void stamp(vesk_timer_thread* thr, vesk_timer_task_node* node, uint32_t sec, uint32_t nsec, uint32_t interval,
+        uint32_t suspended);
 
     // Threads.
     static void* timer_task_thread(void* param);
