@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "vesk_utility_fault.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_layout.h"
 #include "vesk_utility_purposes.h"
@@ -71,7 +72,7 @@ void* vesk_mem_account::proc_vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpo
                                          unsigned align)
 {
     const size_t need_size = size + k_mem_head_size + k_mem_tail_size + (align >= 2 ? align - 1 : 0);
-    char* src_memory = static_cast<char*>(malloc(need_size));
+    char* src_memory = static_cast<char*>(vesk_sys_malloc(need_size));
     if (src_memory == nullptr) {
         VESK_LOG_ERR(k_cls, "caller_id = 0x%x, purpose = 0x%x, malloc %zu fail!\n", usr_id, purpose, need_size);
         return nullptr;

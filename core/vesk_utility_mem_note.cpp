@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "vesk_utility_fault.h"
 #include "vesk_utility_log.h"
 
 namespace vesk_utility {
@@ -52,6 +53,20 @@ void vesk_note_tree::compact()
     }
 }
 
+vesk_note_tree::~vesk_note_tree()
+{
+    for (user_node* u = m_head; u != nullptr;) {
+        for (purpose_node* p = u->purposes; p != nullptr;) {
+            purpose_node* next = p->next;
+            free(p);
+            p = next;
+        }
+        user_node* next = u->next;
+        free(u);
+        u = next;
+    }
+}
+
 void vesk_note_tree::add(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -83,14 +98,14 @@ void vesk_note_tree::add(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsi
             return;
         }
     }
-    p = static_cast<purpose_node*>(malloc(sizeof(purpose_node)));
+    p = static_cast<purpose_node*>(vesk_sys_malloc(sizeof(purpose_node)));
     if (p == nullptr) {
         VESK_LOG_ERR(k_cls, "malloc fail!");
         return;
     }
     *p = {purpose, 1, size, last_p, nullptr};
     if (u == nullptr) {
-        u = static_cast<user_node*>(malloc(sizeof(user_node)));
+        u = static_cast<user_node*>(vesk_sys_malloc(sizeof(user_node)));
         if (u == nullptr) {
             free(p);
             VESK_LOG_ERR(k_cls, "malloc fail!");
@@ -192,6 +207,15 @@ struct vesk_class_note::node {
 static_assert(offsetof(vesk_class_note::node, text) == 20, "class node: 20 bytes, then the name and its NUL");
 #endif
 
+vesk_class_note::~vesk_class_note()
+{
+    for (node* n = m_head; n != nullptr;) {
+        node* next = n->next;
+        free(n);
+        n = next;
+    }
+}
+
 void vesk_class_note::add_class_note(const char* name)
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -207,7 +231,7 @@ void vesk_class_note::add_class_note(const char* name)
     }
     const size_t len = strlen(name);
     const size_t mallocsize = offsetof(node, text) + len + 1;
-    node* n = static_cast<node*>(malloc(mallocsize));
+    node* n = static_cast<node*>(vesk_sys_malloc(mallocsize));
     if (n == nullptr) {
         VESK_LOG_WARN(k_cls, "mallocsize = %zu fail!\n", mallocsize);
         return;

@@ -22,6 +22,9 @@ using vesk_soft::vesk_user_id;
 class vesk_note_tree {
 public:
     explicit vesk_note_tree(const char* title) : m_title(title) {}
+    // The resource manager's trees live as long as the process; a tree of shorter life (a
+    // diagnostic or test instance) returns its nodes.
+    ~vesk_note_tree();
     vesk_note_tree(const vesk_note_tree&) = delete;
     vesk_note_tree& operator=(const vesk_note_tree&) = delete;
 
@@ -63,6 +66,7 @@ private:
 class vesk_class_note {
 public:
     vesk_class_note() = default;
+    ~vesk_class_note();
     vesk_class_note(const vesk_class_note&) = delete;
     vesk_class_note& operator=(const vesk_class_note&) = delete;
 

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "vesk_utility_fault.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_resource.h"
 
@@ -506,6 +507,10 @@ VESK_CHAR* utility_string_pool::strdup(
         memcpy(data, str, chars);
         data[chars] = '\0';
     } else {
+        if (vesk_fault_pool_hit()) {
+            VESK_LOG_ERR("utility_string_pool", "need_malloc_len = %d, creat big buf fail!\n", static_cast<int>(need));
+            return nullptr;
+        }
         // The copy is made under the lock so that a dump never prints a half-written string.
         pool_guard guard(m_lock);
         data = take_node(usr_id, purpose, need, len);
@@ -549,6 +554,8 @@ void* utility_little_mem_pool::malloc(vesk_user_id usr_id, vesk_memmory_purpose 
     const uint32_t need = ((size + 3) & ~3u) + k_pool_magic_1_size;
     if (need >= room)
         return heap().proc_vesk_malloc(usr_id, purpose, size, 1);
+    if (vesk_fault_pool_hit())
+        return nullptr;
 
     pool_guard guard(m_lock);
     VESK_CHAR* data = take_node(usr_id, purpose, need, size);

@@ -309,11 +309,11 @@ TEST(MemAccountDeathTest, ChangedHeaderWordFailsTheCheckWord)
 
 TEST(MemAccountDeathTest, DoubleFreeIsFatal)
 {
-    VESK_EXPECT_FATAL(
+    VESK_EXPECT_FATAL_OR_SANITIZER(
         {
             void* p = vesk_utility_malloc(0x46, 0x4601, 64, 8);
             vesk_utility_free("a.cpp", "first", p);
             vesk_utility_free("a.cpp", "second", p);
         },
-        "'a.cpp second' mem 0x[0-9a-f]+, head->magic = 0x[0-9a-f]+, err!");
+        "'a.cpp second' mem 0x[0-9a-f]+, head->magic = 0x[0-9a-f]+, err!", "Sanitizer: heap-use-after-free");
 }

@@ -190,6 +190,50 @@ int main()
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);
 
+    // Media and network helpers: exported, and usable from the header alone.
+    {
+        unsigned char in[] = { '$', 0, 0, 14, 0x80, 96, 0, 1, 0, 0, 0, 0, 1, 2, 3, 4, 0x41, 7 };
+        unsigned char out[sizeof(in)];
+        _tagVesk_rtp_h264_param rp = { in, (int32_t)sizeof(in), out, (int32_t)sizeof(out) };
+        CHECK(vesk_utility_RTPtoH264_InputData(&rp) == VESK_OK && rp.nOutSize == 6 && out[4] == 0x41);
+        CHECK(vesk_utility_RTPtoH265_InputData(&rp) == VESK_OK && vesk_utility_H264toRTP_InputData(nullptr) == VESK_OK
+            && vesk_utility_H265toRTP_InputData(nullptr) == VESK_OK);
+        CHECK(sizeof(_tagVeskFrameHeader) == 36);
+        const vesk_abstract_point ap = { 5, 10, 3, 4 };
+        vesk_real_point rpt = { 0, 0 };
+        CHECK(vesk_utility_abs_to_real_point(1920, 1080, &ap, &rpt) == VESK_OK && rpt.x == 960 && rpt.y == 810);
+        vesk_abstract_rect ar = {};
+        const vesk_real_rect rr = { 0, 0, 960, 1080 };
+        vesk_real_rect back = {};
+        CHECK(vesk_utility_real_to_abs_rect(1920, 1080, &ar, &rr) == VESK_OK && vesk_utility_is_valid_abs(&ar) == 1
+            && vesk_utility_abs_to_real_rect(1920, 1080, &ar, &back) == VESK_OK && back.w == 960);
+        CHECK(vesk_utility_real_to_abs_point(10, 10, nullptr, &rpt) == VESK_ERR_INVALID_PARAM);
+        CHECK(vesk_utility_get_ipv6_prefixlen("ffff:ff00::") == 24);
+        CHECK(vesk_utility_is_net_dev_exist("lo") == 1 && vesk_utility_is_net_dev_up("lo") == 1
+            && vesk_utility_is_slave_net_dev("lo") == 0);
+        unsigned char mac[6];
+        CHECK(vesk_utility_get_local_mac("lo", mac, sizeof(mac)) == 0);
+        CHECK(vesk_utility_get_ipv4_dns_config("vesk_none") == nullptr
+            && vesk_utility_get_ipv6_dns_config("vesk_none") == nullptr);
+        vesk_inet_ipv4_ip_info_list* v4 = vesk_utility_get_ipv4_ipconfig("lo");
+        CHECK(v4 != nullptr && v4->num >= 1 && strcmp(v4->first->ip, "127.0.0.1") == 0);
+        if (v4 != nullptr)
+            vesk_utility_relase_ipv4_ipconfig(v4);
+        vesk_inet_ipv6_ip_info_list* v6 = vesk_utility_get_ipv6_ipconfig("lo");
+        if (v6 != nullptr)
+            vesk_utility_relase_ipv6_ipconfig(v6);
+        vesk_inet_ipv4_route_info_list* r4 = vesk_utility_get_ipv4_route_config("lo");
+        if (r4 != nullptr)
+            vesk_utility_relase_ipv4_route_config(r4);
+        vesk_inet_ipv6_route_info_list* r6 = vesk_utility_get_ipv6_route_config("lo");
+        if (r6 != nullptr)
+            vesk_utility_relase_ipv6_route_config(r6);
+        vesk_if_config_struct* cfg = vesk_utility_get_if_config("lo");
+        CHECK(cfg != nullptr && cfg->up == 1 && cfg->ipv4_ip != nullptr);
+        if (cfg != nullptr)
+            vesk_utility_relase_if_config(cfg);
+    }
+
     rmdir(root);
     fprintf(stderr, "%s\n", s_failures == 0 ? "public API: all checks passed" : "public API: failures");
     return s_failures == 0 ? 0 : 1;

@@ -1,0 +1,277 @@
+// RTP depacketising: single units, FU-A joining, the frame header rewrite, the early return
+// of payload type 98, rejected parameters and input that lies about its own lengths.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "rtp_test_packets.h"
+#include "test_support.h"
+#include "vesk_utility.h"
+
+using namespace vesk_soft;
+using vesk_test::bytes;
+using vesk_test::interleave;
+using vesk_test::rtp_packet;
+
+namespace
+{
+
+constexpr uint8_t k_pt = 96;
+const bytes k_start = {0, 0, 0, 1};
+
+struct result {
+    VESK_ERR err;
+    int out_size;
+    bytes out;
+};
+
+// Runs the depacketiser with a capacity of in.size() + extra and returns the written bytes.
+result convert(bytes in, int extra = 0, uint8_t fill = 0xCC)
+{
+    bytes out(in.size() + static_cast<size_t>(extra > 0 ? extra : 0), fill);
+    _tagVesk_rtp_h264_param p
+        = {in.data(), static_cast<int32_t>(in.size()), out.data(), static_cast<int32_t>(in.size()) + extra};
+    const VESK_ERR err = vesk_utility_RTPtoH264_InputData(&p);
+    if (err == VESK_OK && p.nOutSize >= 0 && static_cast<size_t>(p.nOutSize) <= out.size())
+        return {err, p.nOutSize, bytes(out.begin(), out.begin() + p.nOutSize)};
+    return {err, p.nOutSize, out};
+}
+
+bytes join(std::initializer_list<bytes> parts)
+{
+    bytes all;
+    for (const bytes& b : parts)
+        all.insert(all.end(), b.begin(), b.end());
+    return all;
+}
+
+_tagVeskFrameHeader sample_header()
+{
+    _tagVeskFrameHeader h = {};
+    h.uiStartId = VESK_FRAME_STARTCODE;
+    h.uiFrameType = VESK_FRAME_TYPE_I;
+    h.uiFrameNo = 77;
+    h.uiTimeSec = 1700000000;
+    h.uiReserved = 0x5EED;
+    h.uiLength = 0xFFFFFFFF;
+    h.usWidth = 1920;
+    h.usHeight = 1080;
+    h.ucCodec = 16;
+    h.ucReserved[0] = 0xA1;
+    h.ucReserved[1] = 0xA2;
+    h.ucReserved[2] = 0xA3;
+    h.uiTimeStamp = 90000;
+    return h;
+}
+
+} // namespace
+
+TEST(RtpTest, SingleNalUnitsEachGetAStartCode)
+{
+    const bytes sps = {0x67, 0x42, 0x00, 0x1F, 0xE9};
+    const bytes slice = {0x65, 0x88, 0x84, 0x00, 0x33, 0xFF};
+    bytes in;
+    interleave(in, rtp_packet(k_pt, sps, 1));
+    interleave(in, rtp_packet(k_pt | 0x80, slice, 2), 1); // marker bit, channel 1: both ignored
+    const result r = convert(in);
+    ASSERT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out_size, static_cast<int>(8 + sps.size() + slice.size()));
+    EXPECT_EQ(r.out, join({k_start, sps, k_start, slice}));
+}
+
+TEST(RtpTest, FuAFragmentsJoinIntoOneUnitWithRebuiltHeader)
+{
+    // FU indicator keeps F and NRI (0x60 here) with type 28; the FU header carries S/E and
+    // the original type 5.
+    const bytes a = {0x7C, 0x85, 1, 2, 3};
+    const bytes b = {0x7C, 0x05, 4, 5};
+    const bytes c = {0x7C, 0x45, 6};
+    bytes in;
+    interleave(in, rtp_packet(k_pt, a, 10));
+    interleave(in, rtp_packet(k_pt, b, 11));
+    interleave(in, rtp_packet(k_pt | 0x80, c, 12));
+    result r = convert(in);
+    ASSERT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out, join({k_start, {0x65, 1, 2, 3, 4, 5, 6}}));
+
+    // Without a start fragment the bodies are appended behind whatever came before: the end
+    // bit and the order are not checked.
+    bytes orphan;
+    interleave(orphan, rtp_packet(k_pt, {0x41, 9}, 1));
+    interleave(orphan, rtp_packet(k_pt, b, 2));
+    interleave(orphan, rtp_packet(k_pt, {0xFC, 0x81, 7}, 3)); // F bit set, type 1
+    r = convert(orphan);
+    ASSERT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out, join({k_start, {0x41, 9, 4, 5}, k_start, {0xE1, 7}}));
+}
+
+TEST(RtpTest, FrameHeaderIsCopiedWithLengthAndCodecRewritten)
+{
+    const _tagVeskFrameHeader h = sample_header();
+    bytes in = vesk_test::frame_header_bytes(h);
+    interleave(in, rtp_packet(k_pt, {0x65, 1, 2, 3}));
+    interleave(in, rtp_packet(k_pt, {0x7C, 0x41, 4, 5}));
+    const result r = convert(in);
+    ASSERT_EQ(r.err, VESK_OK);
+    ASSERT_EQ(r.out_size, 36 + 8 + 2);
+    _tagVeskFrameHeader got;
+    memcpy(&got, r.out.data(), sizeof(got));
+    _tagVeskFrameHeader want = h;
+    want.uiLength = 10;
+    want.ucCodec = 8;
+    EXPECT_EQ(memcmp(&got, &want, sizeof(got)), 0);
+    EXPECT_EQ(bytes(r.out.begin() + 36, r.out.end()), join({k_start, {0x65, 1, 2, 3}, {4, 5}}));
+
+    // 36 bytes that do not start with the start code are not a header: the input must then
+    // begin with '$' itself.
+    bytes bad = in;
+    bad[0] = 0x01;
+    EXPECT_EQ(convert(bad).err, VESK_ERR_INVALID_PARAM);
+    // A header with nothing behind it has no packet to start with.
+    EXPECT_EQ(convert(vesk_test::frame_header_bytes(h)).err, VESK_ERR_INVALID_PARAM);
+}
+
+TEST(RtpTest, PayloadType98EndsTheCallWithCapacityUnchanged)
+{
+    bytes in;
+    interleave(in, rtp_packet(k_pt, {0x41, 1, 2}));
+    interleave(in, rtp_packet(98 | 0x80, {0x41, 3, 4}));
+    interleave(in, rtp_packet(k_pt, {0x41, 5, 6}));
+    const result r = convert(in, 5);
+    EXPECT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out_size, static_cast<int>(in.size()) + 5);
+    // The packet before it was written all the same; only the size was not reported.
+    EXPECT_EQ(bytes(r.out.begin(), r.out.begin() + 7), join({k_start, {0x41, 1, 2}}));
+}
+
+TEST(RtpTest, InvalidParametersAreRejectedAndLogged)
+{
+    std::string out = vesk_test::capture_stdout(
+        [] { EXPECT_EQ(vesk_utility_RTPtoH264_InputData(nullptr), VESK_ERR_INVALID_PARAM); });
+    EXPECT_NE(out.find("\e[0;32;31m[PLAT] ERROR! vesk_RTPtoH264_InputData["), std::string::npos) << out;
+    EXPECT_NE(out.find("]:pParam == NULL"), std::string::npos) << out;
+
+    bytes in;
+    interleave(in, rtp_packet(k_pt, {0x41, 1, 2}));
+    // Capacity one byte short is refused although 7 bytes would fit.
+    EXPECT_EQ(convert(in, -1).err, VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(convert(in, 0).err, VESK_OK);
+
+    bytes buf(64);
+    _tagVesk_rtp_h264_param p = {in.data(), 0, buf.data(), 64};
+    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM); });
+    EXPECT_NE(out.find("nInDataSize 0, pOutData "), std::string::npos) << out;
+    EXPECT_NE(out.find(", nOutSize 64\n"), std::string::npos) << out;
+    p = {nullptr, 20, buf.data(), 64};
+    EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM);
+    p = {in.data(), static_cast<int32_t>(in.size()), nullptr, 64};
+    EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM);
+    p = {in.data(), -5, buf.data(), 64};
+    EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM);
+    // Not interleaved at all.
+    EXPECT_EQ(convert({0x80, 0x60, 0, 1}).err, VESK_ERR_INVALID_PARAM);
+}
+
+TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionKeepingEarlierUnits)
+{
+    bytes good;
+    interleave(good, rtp_packet(k_pt, {0x41, 1, 2}));
+    const bytes want = join({k_start, {0x41, 1, 2}});
+
+    // Last packet announces more bytes than there are.
+    bytes in = good;
+    interleave(in, rtp_packet(k_pt, {0x41, 3, 4, 5}));
+    in.resize(in.size() - 2);
+    result r = convert(in);
+    ASSERT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out, want);
+
+    // Fifteen CSRCs announced in a 14-byte packet, then a valid packet that is never reached.
+    in = good;
+    interleave(in, bytes {0x8F, k_pt, 0, 2, 0, 0, 0, 0, 1, 2, 3, 4, 0x41, 9});
+    interleave(in, rtp_packet(k_pt, {0x41, 7}));
+    r = convert(in);
+    ASSERT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out, want);
+
+    // An extension whose length runs past the packet, and an X bit with no room for the
+    // length field at all.
+    const bytes long_ext = {0xBE, 0xDE, 0x00, 0x40, 1, 2, 3, 4};
+    in = good;
+    interleave(in, rtp_packet(k_pt, {0x41, 9, 9}, 3, 0, &long_ext));
+    r = convert(in);
+    EXPECT_EQ(r.out, want);
+    in = good;
+    interleave(in, bytes {0x90, k_pt, 0, 3, 0, 0, 0, 0, 1, 2, 3, 4, 0x41});
+    r = convert(in);
+    EXPECT_EQ(r.out, want);
+
+    // A header that exactly fills the packet leaves no NAL header; an FU-A without its FU
+    // header cannot be joined either.
+    in = good;
+    interleave(in, rtp_packet(k_pt, {}));
+    EXPECT_EQ(convert(in).out, want);
+    in = good;
+    interleave(in, rtp_packet(k_pt, {0x7C}));
+    EXPECT_EQ(convert(in).out, want);
+
+    // Fewer than four bytes after the last packet: no length to read, nothing more written.
+    in = good;
+    in.insert(in.end(), {'$', 0, 0});
+    EXPECT_EQ(convert(in).out, want);
+}
+
+TEST(RtpTest, ExtensionLengthIsTheOrOfItsTwoBytes)
+{
+    // Length field 0x0100: the receivers of this system skip (1 * 256) | ((0 + 1) * 4) = 260
+    // bytes of extension, not the (256 + 1) * 4 = 1028 that the field means.
+    bytes ext(260, 0xEE);
+    ext[0] = 0xBE;
+    ext[1] = 0xDE;
+    ext[2] = 0x01;
+    ext[3] = 0x00;
+    bytes in;
+    interleave(in, rtp_packet(k_pt, {0x41, 0x9A, 0x02}, 1, 0, &ext));
+    result r = convert(in);
+    ASSERT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out, join({k_start, {0x41, 0x9A, 0x02}}));
+
+    // With a CSRC the length is still read at bytes 14 and 15 (inside the CSRC list): 0x1111
+    // there means (0x11 * 256) | (0x12 * 4) = 0x1148 bytes, more than the packet holds.
+    const bytes small_ext = {0xBE, 0xDE, 0x00, 0x00};
+    in.clear();
+    interleave(in, rtp_packet(k_pt, {0x41, 1}, 1, 0, &small_ext));
+    interleave(in, rtp_packet(k_pt, {0x41, 2}, 2, 1, &small_ext));
+    r = convert(in);
+    ASSERT_EQ(r.err, VESK_OK);
+    EXPECT_EQ(r.out, join({k_start, {0x41, 1}}));
+}
+
+TEST(RtpTest, ConvertsInPlace)
+{
+    const _tagVeskFrameHeader h = sample_header();
+    bytes in = vesk_test::frame_header_bytes(h);
+    interleave(in, rtp_packet(k_pt, {0x67, 1, 2}));
+    interleave(in, rtp_packet(k_pt, {0x5C, 0x85, 3, 4, 5}));
+    interleave(in, rtp_packet(k_pt, {0x5C, 0x45, 6, 7}));
+    const result copied = convert(in);
+    ASSERT_EQ(copied.err, VESK_OK);
+    _tagVesk_rtp_h264_param p
+        = {in.data(), static_cast<int32_t>(in.size()), in.data(), static_cast<int32_t>(in.size())};
+    ASSERT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_OK);
+    ASSERT_EQ(p.nOutSize, copied.out_size);
+    EXPECT_EQ(bytes(in.begin(), in.begin() + p.nOutSize), copied.out);
+}
+
+TEST(RtpTest, OtherDirectionsAcceptAndTouchNothing)
+{
+    bytes in = {1, 2, 3}, out = {4, 5, 6};
+    _tagVesk_h264_rtp_param hp = {in.data(), 3, out.data(), 3};
+    _tagVesk_rtp_h264_param rp = {in.data(), 3, out.data(), 3};
+    EXPECT_EQ(vesk_utility_H264toRTP_InputData(&hp), VESK_OK);
+    EXPECT_EQ(vesk_utility_H265toRTP_InputData(&hp), VESK_OK);
+    EXPECT_EQ(vesk_utility_RTPtoH265_InputData(&rp), VESK_OK);
+    EXPECT_EQ(vesk_utility_H264toRTP_InputData(nullptr), VESK_OK);
+    EXPECT_EQ(out, (bytes {4, 5, 6}));
+    EXPECT_EQ(rp.nOutSize, 3);
+}
