@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "vesk_utility_timer.h"
 #include "vesk_utility_types.h"
 
 namespace vesk_utility {
@@ -37,6 +38,10 @@ public:
 
     // One poll: accept a console, or read and answer one complete request.
     void work();
+
+    // Registers the polling task with the timer service: work() once a second, the first
+    // time 30 s from now. REQUIRES: the timer exists (fatal otherwise).
+    void start();
 
     // Sends one text message to the console (cut to 511 characters + NUL). 0 while the text
     // reaches the console; VESK_ERR_OPERATE_FAIL without a connection or after a failed write.
@@ -68,6 +73,11 @@ private:
     char m_path[sizeof(sockaddr_un::sun_path)] = {};
     client_node* m_head = nullptr;  // GUARDED_BY(m_lock)
 };
+
+// The agent's polling task: one work() step, then again after 1000 ms. userParam is the agent
+// (fatal when NULL).
+vesk_soft::vesk_timer_ret_code utility_diagnose_thread(void* userParam, unsigned int* next_ms,
+                                                       vesk_soft::vesk_timer_task_type* task_type);
 
 }  // namespace vesk_utility
 

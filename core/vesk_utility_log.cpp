@@ -34,9 +34,14 @@ level_style style_of(vesk_log_level level)
 void vesk_log(vesk_log_level level, const char* cls, const char* func, int line, const char* fmt, ...)
 {
     const level_style s = style_of(level);
+    const bool plain = level == vesk_log_level::plain;
     // flockfile keeps one message whole when several threads report at once.
     flockfile(stdout);
-    if (cls != nullptr)
+    if (plain && cls != nullptr)
+        printf("[UTL] %s::%s[%d]:", cls, func, line);
+    else if (plain)
+        printf("[UTL] %s[%d]:", func, line);
+    else if (cls != nullptr)
         printf("%s[UTL] %s! %s::%s[%d]:", s.colour, s.tag, cls, func, line);
     else
         printf("%s[UTL] %s! %s[%d]:", s.colour, s.tag, func, line);
@@ -44,7 +49,8 @@ void vesk_log(vesk_log_level level, const char* cls, const char* func, int line,
     va_start(ap, fmt);
     vprintf(fmt, ap);
     va_end(ap);
-    fputs(k_reset, stdout);
+    if (!plain)
+        fputs(k_reset, stdout);
     fflush(stdout);
     funlockfile(stdout);
 }

@@ -8,7 +8,9 @@
 
 namespace vesk_utility {
 
-enum class vesk_log_level { error, warning, debug };
+// plain: no colour and no level tag, "[UTL] <cls>::<func>[<line>]:" (service notices such as
+// a thread starting or retiring).
+enum class vesk_log_level { error, warning, debug, plain };
 
 // One message: colour, "[UTL] <LEVEL>! <cls>::<func>[<line>]:" (or "<func>[<line>]:" when
 // cls is NULL), the formatted text, the colour reset. Written as one unit and flushed.
@@ -28,10 +30,13 @@ int vesk_print_stdout(const char* fmt, ...) __attribute__((format(printf, 1, 2))
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::warning, cls, __func__, __LINE__, __VA_ARGS__)
 #define VESK_LOG_DBG(cls, ...) \
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::debug, cls, __func__, __LINE__, __VA_ARGS__)
+#define VESK_LOG_PLAIN(cls, ...) \
+    ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::plain, cls, __func__, __LINE__, __VA_ARGS__)
 // Free-function forms: "[UTL] ERROR! <func>[<line>]:".
 #define VESK_ERR_FN(...) VESK_LOG_ERR(nullptr, __VA_ARGS__)
 #define VESK_WARN_FN(...) VESK_LOG_WARN(nullptr, __VA_ARGS__)
 #define VESK_DBG_FN(...) VESK_LOG_DBG(nullptr, __VA_ARGS__)
+#define VESK_PLAIN_FN(...) VESK_LOG_PLAIN(nullptr, __VA_ARGS__)
 
 // Fatal check, active in every build: the condition text is printed as written.
 #define VESK_ASSERT(cond)                                                        \

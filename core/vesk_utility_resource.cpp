@@ -17,6 +17,7 @@
 #include "vesk_utility_paths.h"
 #include "vesk_utility_pool.h"
 #include "vesk_utility_thread_pool.h"
+#include "sched/vesk_utility_timer.h"
 
 namespace vesk_utility {
 
@@ -52,6 +53,17 @@ constexpr const char* k_av_reader_pool_title = "诊断 音视频读者跨块中�
 constexpr const char* k_pool_help =
     "1  详细信息\n"
     "2  简要信息\n";
+constexpr const char* k_timer_title = "诊断 定时器";
+constexpr const char* k_timer_help =
+    "1  打印所有任务\n"
+    "2  打印所有线程状态\n"
+    "3  打印Toolnet UDP监听任务\n"
+    "4  打印Toolnet TCP监听任务\n"
+    "5  打开Toolnet UDP监听调试打印\n"
+    "6  关闭Toolnet UDP监听调试打印\n"
+    "7  打开Toolnet TCP监听调试打印\n"
+    "8  关闭Toolnet TCP监听调试打印\n";
+constexpr const char* k_event_title = "诊断 事件管理";
 constexpr const char* k_res_title = "诊断 中间层记录的内存、句柄等";
 constexpr const char* k_res_help =
     "中间层内存分两类: 一类是通过中间层malloc申请的注册内存, 在此查询;\n"
@@ -132,21 +144,34 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         VESK_ASSERT(0);
     }
     curl_global_init(CURL_GLOBAL_ALL);
-    if (ops != VESK_UTILITY_OPS_MAIN_APP) {
+    if (ops == VESK_UTILITY_OPS_MAIN_APP) {
+        // The event manager and the watchdog come with their own services; NULL until then.
+        m_timer = new_accounted<vesk_utility_timer>(k_purpose_timer);
+        // An A/V allocation that reaches the rotation threshold pulls the rotation task forward.
+        vesk_mem_set_rotate_waker(timer_rotate_waker);
+    } else {
         m_timer = nullptr;
         m_event_manage = nullptr;
         m_watch_dog_manage = nullptr;
     }
-    regist_diag_clients();
+    regist_diag_clients(ops);
+    // The agent's poll runs on the timer: the proxy server, which has none, ends here in the
+    // get_timer assertion. The system-command client starts here once it exists.
+    m_diagnose->start();
 }
 
-void vesk_utility_res_manage::regist_diag_clients()
+void vesk_utility_res_manage::regist_diag_clients(vesk_utility_ops_type ops)
 {
     // Each client is pushed at the head, so the last registered is index 0 on the console.
-    // The timer and the event manager take their places between the resource manager and
-    // the string pool.
     m_diagnose->regist_diag(m_thread_pool, k_thread_pool_title, k_thread_pool_help);
     m_diagnose->regist_diag(this, k_res_title, k_res_help);
+    m_diagnose->regist_diag(m_timer, k_timer_title, k_timer_help);
+    // The event manager registers here once it exists (the main application's slot is NULL
+    // until then). The proxy server registers both of its empty slots, as the start-up order
+    // has it: the second NULL is refused as a repeat ("repeat, why?"), and the NULL timer entry
+    // is never served, since that role stops at the agent's start.
+    if (ops != VESK_UTILITY_OPS_MAIN_APP)
+        m_diagnose->regist_diag(nullptr, k_event_title, "");
     m_diagnose->regist_diag(m_string_pool, k_string_pool_title, k_pool_help);
     m_diagnose->regist_diag(m_little_mem_pool, k_little_pool_title, k_pool_help);
     m_diagnose->regist_diag(m_av_reader_pool, k_av_reader_pool_title, k_pool_help);

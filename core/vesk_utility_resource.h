@@ -77,7 +77,7 @@ private:
     vesk_utility_res_manage() = default;
     ~vesk_utility_res_manage() override;
 
-    void regist_diag_clients();
+    void regist_diag_clients(vesk_utility_ops_type ops);
     void dump_handles(vesk_soft::print_fn print);
     void dump_counters(vesk_soft::print_fn print);
 

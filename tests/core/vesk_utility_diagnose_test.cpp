@@ -324,9 +324,11 @@ TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirst)
     EXPECT_EQ(vesk_utility_regist_diag(nullptr, "x", "y"), VESK_ERR_INVALID_PARAM);
     vesk_diagnose_agent* agent = vesk_utility_res_manage::instance()->get_diagnose();
     std::atomic<bool> run {true};
+    // The process agent is polled by its timer task (first run 30 s after start-up); waking
+    // that task keeps the polls coming without a second thread calling work().
     std::thread pump([&] {
         while (run) {
-            agent->work();
+            vesk_utility_c_timer_wakeup(utility_diagnose_thread, agent, 0, VESK_TIMER_TASK_COMMON);
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     });

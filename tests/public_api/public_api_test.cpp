@@ -1,6 +1,7 @@
 // A firmware module's view of the layer: this file sees only vesk_utility.h and links only
-// the shared library. It calls every entry point of the entry, registry, helper, lock and
-// accounting families with their exported signatures and checks what a caller can observe.
+// the shared library. It calls every entry point of the entry, registry, helper, lock,
+// accounting and timer families with their exported signatures and checks what a caller can
+// observe.
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -167,6 +168,24 @@ int main()
         CHECK(vesk_utility_delete_interuptable_sleep(nap, __FILE__, __func__) == VESK_OK);
     }
     CHECK(vesk_utility_delete_lock(nullptr, __FILE__, __func__) == VESK_ERR_INVALID_PARAM);
+
+    // Timers: a one-shot task runs on a common thread and is gone afterwards.
+    static volatile int s_timer_runs = 0;
+    const vesk_timer_callback once = [](void* p, unsigned int*, vesk_timer_task_type* type) {
+        if (p == &s_timer_runs && *type == VESK_TIMER_TASK_COMMON)
+            s_timer_runs = s_timer_runs + 1;
+        return VESK_TIMER_RET_DELETE;
+    };
+    CHECK(vesk_utility_c_regist_timer(0x40, once, 0x1, 10, (void*)&s_timer_runs, VESK_TIMER_TASK_COMMON, 0)
+        == VESK_OK);
+    for (int i = 0; i < 60000 && s_timer_runs == 0; i++)
+        usleep(1000);
+    CHECK(s_timer_runs == 1);
+    CHECK(vesk_utility_c_timer_wakeup(once, (void*)&s_timer_runs, 0, VESK_TIMER_TASK_ALL) == VESK_OK);
+    CHECK(vesk_utility_c_unregist_timer(once, (void*)&s_timer_runs, 1, VESK_TIMER_TASK_ALL) == VESK_OK);
+    CHECK(vesk_utility_c_regist_timer(0x40, nullptr, 0x1, 10, nullptr, VESK_TIMER_TASK_COMMON, 0)
+        == VESK_ERR_INVALID_PARAM);
+    CHECK(vesk_utility_adj_real_time_thr_num(1) == VESK_OK); // never lowers the group
 
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);

@@ -1,0 +1,231 @@
+// vesk_utility_timer_diag - the timer service's console commands: the task tables (1) and the
+// service-thread tables (2). Lists are copied under a try-lock and printed after it is
+// released, so a slow console never holds up the service threads.
+#include <time.h>
+
+#include <cstdio>
+
+#include "vesk_utility_log.h"
+#include "vesk_utility_mem_account.h"
+#include "vesk_utility_purposes.h"
+#include "vesk_utility_timer.h"
+
+namespace vesk_utility
+{
+
+using namespace vesk_soft;
+
+namespace
+{
+
+constexpr const char* k_separator = "------------------------------------------------------------------------\n";
+
+// One task as the tables show it, copied under the list's lock.
+struct task_row {
+    uint32_t usr_id;
+    uint32_t purpose;
+    uint32_t interval;
+    uint32_t suspended;
+    uint32_t last_sec, last_nsec;
+    uint32_t due_sec, due_nsec;
+};
+
+struct now_stamp {
+    uint32_t sec, nsec;
+};
+
+now_stamp now_stamp_mono()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return {static_cast<uint32_t>(ts.tv_sec), static_cast<uint32_t>(ts.tv_nsec)};
+}
+
+// Milliseconds from (sec, nsec) to now; negative when it lies ahead.
+int ms_since(uint32_t sec, uint32_t nsec, now_stamp now)
+{
+    const int64_t us = (static_cast<int64_t>(now.sec) - sec) * 1000000 + (static_cast<int64_t>(now.nsec) - nsec) / 1000;
+    return static_cast<int>(us / 1000);
+}
+
+// "%d.%d": seconds and milliseconds of the monotonic clock.
+void format_time(char* buf, size_t size, uint32_t sec, uint32_t nsec)
+{
+    snprintf(buf, size, "%d.%d", static_cast<int>(sec), static_cast<int>(nsec / 1000000));
+}
+
+const char* k_task_titles[4] = {
+    "-----------------------常规任务: 等待执行的任务--------------------------\n",
+    "-----------------------常规任务: 正在执行的任务--------------------------\n",
+    "-----------------------实时任务: 等待执行的任务--------------------------\n",
+    "-----------------------实时任务: 正在执行的任务--------------------------\n",
+};
+
+} // namespace
+
+VESK_ERR vesk_utility_timer::diagnose(int para, print_fn print)
+{
+    switch (para) {
+    case 1:
+        dump_tasks(print);
+        break;
+    case 2:
+        dump_threads(print);
+        break;
+    case 3:
+    case 4:
+    case 5:
+    case 6:
+    case 7:
+    case 8:
+        // These belong to the UDP/TCP network tool (as its para - 2), which this build lacks.
+        print("para = %d: network tool diagnose %d not available, the network tool is not built in\n", para, para - 2);
+        break;
+    default:
+        print("para = %d not support!\n", para);
+        break;
+    }
+    return VESK_OK;
+}
+
+void vesk_utility_timer::dump_tasks(print_fn print)
+{
+    vesk_timer_queue* const lists[4] = {&m_comm_set.wait, &m_comm_set.run, &m_rt_set.wait, &m_rt_set.run};
+    for (int i = 0; i < 4; i++) {
+        if (i > 0)
+            print(k_separator);
+        print("%s", k_task_titles[i]);
+        dump_list(lists[i], i % 2 == 0, print);
+    }
+}
+
+void vesk_utility_timer::dump_list(vesk_timer_queue* que, bool waiting, print_fn print)
+{
+    // Room for every node there is: a list never holds more.
+    const uint32_t capacity = m_node_total.load(std::memory_order_relaxed);
+    task_row* rows = static_cast<task_row*>(
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_scratch, capacity * sizeof(task_row), alignof(task_row)));
+    if (rows == nullptr) {
+        print("malloc %u rows fail!\n", capacity);
+        return;
+    }
+    // A try-lock: the console never waits for the service.
+    if (pthread_mutex_trylock(&que->lock) != 0) {
+        print("sorry, try lock fail!\n");
+        vesk_free(__FILE__, __func__, rows);
+        return;
+    }
+    uint32_t n = 0;
+    for (vesk_timer_task_node* p = que->que_head; p != nullptr && n < capacity; p = p->next, n++)
+        rows[n]
+            = {p->usr_id, p->purpose, p->interval, p->suspended, p->last_sec, p->last_nsec, p->due_sec, p->due_nsec};
+    pthread_mutex_unlock(&que->lock);
+
+    if (n == 0) {
+        print("have no task\n");
+        vesk_free(__FILE__, __func__, rows);
+        return;
+    }
+    if (waiting)
+        print("%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", "上次调用时间", "当前时间",
+            "定时间隔(ms)", "超时时间(ms)");
+    else
+        print("%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", "调用时间", "当前时间",
+            "定时间隔(ms)", "已耗时(ms)");
+    const now_stamp now = now_stamp_mono();
+    char last[24];
+    char cur[24];
+    format_time(cur, sizeof(cur), now.sec, now.nsec);
+    for (uint32_t i = 0; i < n; i++) {
+        const task_row& r = rows[i];
+        format_time(last, sizeof(last), r.last_sec, r.last_nsec);
+        if (waiting) {
+            char state[32];
+            const int late = ms_since(r.due_sec, r.due_nsec, now);
+            if (r.suspended)
+                snprintf(state, sizeof(state), "暂停执行");
+            else if (late >= 0)
+                snprintf(state, sizeof(state), "超时%d", late);
+            else
+                snprintf(state, sizeof(state), "还差%d", -late);
+            print("%-6d0x%-10x0x%-10x%-18s%-12s%-14d%-14s\n", static_cast<int>(i + 1), r.usr_id, r.purpose, last, cur,
+                static_cast<int>(r.interval), state);
+        } else {
+            print("%-6d0x%-10x0x%-10x%-18s%-12s%-14d%-14d\n", static_cast<int>(i + 1), r.usr_id, r.purpose, last, cur,
+                static_cast<int>(r.interval), ms_since(r.last_sec, r.last_nsec, now));
+        }
+    }
+    vesk_free(__FILE__, __func__, rows);
+}
+
+void vesk_utility_timer::dump_threads(print_fn print)
+{
+    struct group {
+        vesk_timer_thread* thr;
+        uint32_t num;
+    };
+    pthread_mutex_lock(&m_thr_lock);
+    const group groups[5]
+        = {{m_comm_thr, m_comm_thr_num}, {m_comm_thr_adj, m_comm_thr_adj_num}, {m_comm_thr_temp, m_comm_thr_temp_num},
+            {m_real_time_thr, m_real_time_thr_num}, {m_real_time_thr_adj, m_real_time_thr_adj_num}};
+    pthread_mutex_unlock(&m_thr_lock);
+
+    struct table {
+        const char* title;
+        int first, last; // groups[first..last]
+    };
+    const table tables[3] = {
+        {"-----------------------常规任务线程池--------------------------\n", 0, 1},
+        {"-----------------------常规任务临时工线程池--------------------------\n", 2, 2},
+        {"-----------------------实时任务线程池--------------------------\n", 3, 4},
+    };
+    const now_stamp now = now_stamp_mono();
+    for (const table& t : tables) {
+        print("%s", t.title);
+        print("%-6s%-12s%-14s%-80s\n", "编号", "线程PID", "线程状态", "任务状态信息");
+        int row = 1;
+        for (int g = t.first; g <= t.last; g++) {
+            for (uint32_t i = 0; i < groups[g].num; i++, row++) {
+                const vesk_timer_thread& d = groups[g].thr[i];
+                const uint32_t state = d.state;
+                const uint32_t sec = d.start_sec;
+                const uint32_t nsec = d.start_nsec;
+                char state_text[48];
+                char detail[160];
+                snprintf(detail, sizeof(detail), "上次任务: ID(0x%x、0x%x),执行时间(%d.%d),耗时(%dms),已过(%dms)",
+                    static_cast<unsigned>(d.usr_id), static_cast<unsigned>(d.purpose), static_cast<int>(sec),
+                    static_cast<int>(nsec / 1000000), static_cast<int>(d.duration_ms), ms_since(sec, nsec, now));
+                switch (state) {
+                case VESK_TIMER_THR_NOT_STARTED:
+                    snprintf(state_text, sizeof(state_text), "未创建");
+                    break;
+                case VESK_TIMER_THR_SLEEPING:
+                    snprintf(state_text, sizeof(state_text), "睡眠(%dms)", static_cast<int>(d.sleep_ms));
+                    break;
+                case VESK_TIMER_THR_FETCHING:
+                    snprintf(state_text, sizeof(state_text), "等待任务");
+                    break;
+                case VESK_TIMER_THR_RUNNING:
+                    snprintf(state_text, sizeof(state_text), "执行任务");
+                    snprintf(detail, sizeof(detail), "当前任务: ID(0x%x、0x%x),执行时间(%d.%d),已耗时(%dms)",
+                        static_cast<unsigned>(d.usr_id), static_cast<unsigned>(d.purpose), static_cast<int>(sec),
+                        static_cast<int>(nsec / 1000000), ms_since(sec, nsec, now));
+                    break;
+                case VESK_TIMER_THR_RETURNED:
+                    snprintf(state_text, sizeof(state_text), "结束任务");
+                    break;
+                case VESK_TIMER_THR_EXITED:
+                    snprintf(state_text, sizeof(state_text), "线程已退出");
+                    break;
+                default:
+                    snprintf(state_text, sizeof(state_text), "未知(0x%x)", state);
+                    snprintf(detail, sizeof(detail), "-");
+                    break;
+                }
+                print("%-6d%-12d%-14s%-80s\n", row, static_cast<int>(d.pid), state_text, detail);
+            }
+        }
+    }
+}
+
+} // namespace vesk_utility

@@ -1,0 +1,726 @@
+// The timer service with its real threads, in the process's own instance (each test runs in a
+// process of its own). Waits are for conditions, with deadlines far above what any machine
+// needs; nothing asserts a duration. A few checks assert that something did NOT happen during
+// a pause: they cannot fail on a correct service however slow the machine.
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sched/vesk_utility_timer.h"
+#include "test_support.h"
+#include "vesk_utility_diagnose.h"
+#include "vesk_utility_log.h"
+#include "vesk_utility_mem_account.h"
+#include "vesk_utility_resource.h"
+
+using namespace vesk_soft;
+using namespace vesk_utility;
+
+namespace vesk_utility
+{
+
+// Reads the service's lists and thread slots under their own locks.
+class timer_probe
+{
+public:
+    static vesk_utility_timer* timer() { return vesk_utility_res_manage::instance()->get_timer(); }
+
+    static int count(vesk_timer_queue* que, vesk_timer_callback func, void* param)
+    {
+        int n = 0;
+        pthread_mutex_lock(&que->lock);
+        for (vesk_timer_task_node* p = que->que_head; p != nullptr; p = p->next)
+            n += (p->func == func && (param == nullptr || p->param == param)) ? 1 : 0;
+        pthread_mutex_unlock(&que->lock);
+        return n;
+    }
+    static int waiting(vesk_timer_callback f, void* p = nullptr, bool rt = false)
+    {
+        return count(rt ? &timer()->m_rt_set.wait : &timer()->m_comm_set.wait, f, p);
+    }
+    static int running(vesk_timer_callback f, void* p = nullptr, bool rt = false)
+    {
+        return count(rt ? &timer()->m_rt_set.run : &timer()->m_comm_set.run, f, p);
+    }
+    static bool in_slot(vesk_timer_callback f, void* p)
+    {
+        pthread_mutex_lock(&timer()->m_slot_lock);
+        const bool in = timer()->m_slot != nullptr && timer()->m_slot->func == f && timer()->m_slot->param == p;
+        pthread_mutex_unlock(&timer()->m_slot_lock);
+        return in;
+    }
+    static bool marked(vesk_timer_callback f, void* p) { return timer()->has_del_mark(f, p); }
+    static uint32_t node_total() { return timer()->m_node_total; }
+    static uint32_t free_nodes()
+    {
+        uint32_t n = 0;
+        pthread_mutex_lock(&timer()->m_free_que.lock);
+        for (vesk_timer_task_node* p = timer()->m_free_que.que_head; p != nullptr; p = p->next)
+            n++;
+        pthread_mutex_unlock(&timer()->m_free_que.lock);
+        return n;
+    }
+    // States of the temporary slots (empty while there are none).
+    static std::vector<uint32_t> temp_states()
+    {
+        std::vector<uint32_t> s;
+        pthread_mutex_lock(&timer()->m_thr_lock);
+        for (uint32_t i = 0; i < timer()->m_comm_thr_temp_num; i++)
+            s.push_back(timer()->m_comm_thr_temp[i].state);
+        pthread_mutex_unlock(&timer()->m_thr_lock);
+        return s;
+    }
+    static void insert_sorted(vesk_timer_queue* q, vesk_timer_task_node* n)
+    {
+        vesk_utility_timer::que_insert_sorted(q, n);
+    }
+    static vesk_timer_task_node* fetch(vesk_timer_task_set* set, uint32_t* wait)
+    {
+        return timer()->fetch_que(set, k_timer_comm_backoff_us, wait);
+    }
+};
+
+} // namespace vesk_utility
+
+namespace
+{
+
+using clock_type = std::chrono::steady_clock;
+
+// Polls cond until it holds or the (generous) deadline passes.
+template <class F> bool wait_for(F cond, int seconds = 60)
+{
+    const auto deadline = clock_type::now() + std::chrono::seconds(seconds);
+    while (!cond()) {
+        if (clock_type::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+void pause_ms(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+// A task whose every run is scripted by the test: what it returns and what it leaves in
+// *next_ms; it records what it was given.
+struct scripted {
+    std::atomic<int> runs {0};
+    std::atomic<unsigned> seen_next_ms {0};
+    std::atomic<int> seen_type {-1};
+    std::atomic<int> ret {VESK_TIMER_RET_CONTINUE};
+    std::atomic<unsigned> set_next_ms {0}; // 0: leave *next_ms alone
+    char thread_name[16] = {};
+};
+
+vesk_timer_ret_code scripted_cb(void* param, unsigned int* next_ms, vesk_timer_task_type* type)
+{
+    scripted* s = static_cast<scripted*>(param);
+    s->seen_next_ms = *next_ms;
+    s->seen_type = *type;
+    prctl(PR_GET_NAME, s->thread_name, 0, 0, 0);
+    if (s->set_next_ms != 0)
+        *next_ms = s->set_next_ms;
+    const vesk_timer_ret_code r = static_cast<vesk_timer_ret_code>(s->ret.load());
+    s->runs++;
+    return r;
+}
+
+// A task that holds its thread until released.
+struct blocker {
+    std::atomic<int> entered {0};
+    std::atomic<bool> release {false};
+    std::atomic<int> finished {0};
+    std::atomic<int>* concurrent = nullptr; // optional: running count
+    std::atomic<int>* peak = nullptr;
+    int ret = VESK_TIMER_RET_DELETE;
+};
+
+vesk_timer_ret_code blocker_cb(void* param, unsigned int* next_ms, vesk_timer_task_type*)
+{
+    blocker* b = static_cast<blocker*>(param);
+    if (b->concurrent != nullptr) {
+        const int now = ++*b->concurrent;
+        int p = b->peak->load();
+        while (now > p && !b->peak->compare_exchange_weak(p, now)) { }
+    }
+    b->entered++;
+    while (!b->release)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    if (b->concurrent != nullptr)
+        --*b->concurrent;
+    b->finished++;
+    *next_ms = 10;
+    return static_cast<vesk_timer_ret_code>(b->ret);
+}
+
+std::atomic<int> s_quick_runs {0};
+vesk_timer_ret_code quick_once_cb(void*, unsigned int*, vesk_timer_task_type*)
+{
+    s_quick_runs++;
+    return VESK_TIMER_RET_DELETE;
+}
+
+// Lines of `text` that contain `needle`.
+std::vector<std::string> lines_with(const std::string& text, const std::string& needle)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        if (line.find(needle) != std::string::npos)
+            out.push_back(line);
+    }
+    return out;
+}
+
+} // namespace
+
+TEST(TimerTest, CallbackDecidesContinueSuspendAndDelete)
+{
+    scripted s;
+    s.set_next_ms = 10;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1234, 50, &s, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    // The first run sees the registered interval; later runs the one the callback left.
+    ASSERT_TRUE(wait_for([&] { return s.runs >= 1; }));
+    EXPECT_EQ(s.seen_type, VESK_TIMER_TASK_COMMON);
+    EXPECT_STREQ(s.thread_name, "timer_common");
+    ASSERT_TRUE(wait_for([&] { return s.runs >= 3; }));
+    EXPECT_EQ(s.seen_next_ms, 10u);
+
+    s.ret = VESK_TIMER_RET_SUSPEND;
+    const int before = s.runs;
+    ASSERT_TRUE(wait_for([&] { return s.runs > before && timer_probe::waiting(scripted_cb, &s) == 1; }));
+    const int suspended_at = s.runs;
+    pause_ms(300);
+    EXPECT_EQ(s.runs, suspended_at) << "a suspended task ran without a wake-up";
+
+    // Wake-up with delay 0 runs it at once; DELETE then frees it and a later wake-up finds nothing.
+    s.ret = VESK_TIMER_RET_DELETE;
+    EXPECT_EQ(vesk_utility_c_timer_wakeup(scripted_cb, &s, 0, VESK_TIMER_TASK_ALL), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return s.runs == suspended_at + 1; }));
+    ASSERT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &s) == 0; }));
+    EXPECT_EQ(timer_probe::waiting(scripted_cb, &s), 0);
+    EXPECT_EQ(vesk_utility_c_timer_wakeup(scripted_cb, &s, 0, VESK_TIMER_TASK_COMMON), VESK_OK);
+    pause_ms(300);
+    EXPECT_EQ(s.runs, suspended_at + 1);
+}
+
+TEST(TimerTest, RealTimeTasksRunOnTheRealTimeThreads)
+{
+    scripted s;
+    s.ret = VESK_TIMER_RET_DELETE;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1, 10, &s, VESK_TIMER_TASK_REAL_TIME, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return s.runs == 1; }));
+    EXPECT_EQ(s.seen_type, VESK_TIMER_TASK_REAL_TIME);
+    EXPECT_STREQ(s.thread_name, "timer_realtime");
+    EXPECT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &s, true) == 0; }));
+}
+
+TEST(TimerTest, SameTaskRegisteredTwiceStaysOneNode)
+{
+    scripted s;
+    s.ret = VESK_TIMER_RET_DELETE;
+    const std::string out = vesk_test::capture_stdout([&] {
+        ASSERT_EQ(
+            vesk_utility_c_regist_timer(0x42, scripted_cb, 0x77, 10, &s, VESK_TIMER_TASK_COMMON, 3600000), VESK_OK);
+        // Re-armed with the new first delay: it runs now instead of in an hour.
+        ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x77, 10, &s, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+        EXPECT_LE(timer_probe::waiting(scripted_cb, &s) + timer_probe::running(scripted_cb, &s), 1);
+        ASSERT_TRUE(wait_for([&] { return s.runs == 1; }));
+    });
+    EXPECT_NE(out.find("[UTL] DEBUG! vesk_utility_timer::regist_c_func["), std::string::npos) << out;
+    EXPECT_NE(out.find("user_id = 0x42, purpose_id = 0x77, already exist!\n"), std::string::npos) << out;
+    pause_ms(200);
+    EXPECT_EQ(s.runs, 1) << "a second node ran";
+
+    // While the task runs, registering it again changes nothing: the run requeues it.
+    blocker b;
+    b.ret = VESK_TIMER_RET_CONTINUE;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, blocker_cb, 0x78, 10, &b, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return b.entered == 1; }));
+    EXPECT_EQ(vesk_utility_c_regist_timer(0x42, blocker_cb, 0x78, 10, &b, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    EXPECT_EQ(timer_probe::waiting(blocker_cb, &b), 0);
+    EXPECT_EQ(timer_probe::running(blocker_cb, &b), 1);
+    b.release = true;
+    ASSERT_TRUE(wait_for([&] { return b.finished >= 1; }));
+    EXPECT_EQ(vesk_utility_c_unregist_timer(blocker_cb, &b, 1, VESK_TIMER_TASK_COMMON), VESK_OK);
+    EXPECT_EQ(timer_probe::waiting(blocker_cb, &b) + timer_probe::running(blocker_cb, &b), 0);
+}
+
+TEST(TimerTest, UnregisterWithWaitReturnsOnlyAfterTheRunEnds)
+{
+    blocker b;
+    b.ret = VESK_TIMER_RET_CONTINUE;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x51, blocker_cb, 0x52, 10, &b, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return b.entered == 1; }));
+
+    std::atomic<bool> returned {false};
+    int finished_at_return = -1;
+    std::string out = vesk_test::capture_stdout([&] {
+        std::thread t([&] {
+            EXPECT_EQ(vesk_utility_c_unregist_timer(blocker_cb, &b, 1, VESK_TIMER_TASK_ALL), VESK_OK);
+            finished_at_return = b.finished;
+            returned = true;
+        });
+        pause_ms(200);
+        EXPECT_FALSE(returned) << "returned while the callback was still running";
+        b.release = true;
+        t.join();
+    });
+    EXPECT_EQ(finished_at_return, 1);
+    EXPECT_NE(out.find("user_id = 0x51, purpose_id = 0x52, usr_para = "), std::string::npos) << out;
+    EXPECT_NE(out.find(" wait_time = 0ms!\n"), std::string::npos) << out;
+    EXPECT_EQ(timer_probe::waiting(blocker_cb, &b) + timer_probe::running(blocker_cb, &b), 0);
+    EXPECT_FALSE(timer_probe::marked(blocker_cb, &b));
+    pause_ms(200);
+    EXPECT_EQ(b.entered, 1) << "ran again after unregistration";
+
+    // Without wait it returns while the run goes on; the node goes when the callback returns.
+    blocker c;
+    c.ret = VESK_TIMER_RET_CONTINUE;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x51, blocker_cb, 0x53, 10, &c, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return c.entered == 1; }));
+    EXPECT_EQ(vesk_utility_c_unregist_timer(blocker_cb, &c, 0, VESK_TIMER_TASK_COMMON), VESK_OK);
+    EXPECT_EQ(c.finished, 0);
+    EXPECT_EQ(timer_probe::running(blocker_cb, &c), 1);
+    c.release = true;
+    ASSERT_TRUE(
+        wait_for([&] { return timer_probe::running(blocker_cb, &c) == 0 && !timer_probe::marked(blocker_cb, &c); }));
+    EXPECT_EQ(timer_probe::waiting(blocker_cb, &c), 0);
+    pause_ms(200);
+    EXPECT_EQ(c.entered, 1);
+}
+
+TEST(TimerTest, MarkForATaskFoundNowhereExpiresAndRegistrationClearsIt)
+{
+    scripted s;
+    s.ret = VESK_TIMER_RET_DELETE;
+    // Nothing to remove: the mark stays about a second in case the task was moving, then goes.
+    ASSERT_EQ(vesk_utility_c_unregist_timer(scripted_cb, &s, 0, VESK_TIMER_TASK_ALL), VESK_OK);
+    EXPECT_TRUE(timer_probe::marked(scripted_cb, &s));
+    EXPECT_TRUE(wait_for([&] { return !timer_probe::marked(scripted_cb, &s); }));
+
+    // A registration right after an unregistration is not eaten by the fresh mark.
+    ASSERT_EQ(vesk_utility_c_unregist_timer(scripted_cb, &s, 0, VESK_TIMER_TASK_ALL), VESK_OK);
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1, 10, &s, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    EXPECT_FALSE(timer_probe::marked(scripted_cb, &s));
+    EXPECT_TRUE(wait_for([&] { return s.runs == 1; }));
+
+    // Unregistering a waiting task frees it at once.
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1, 10, &s, VESK_TIMER_TASK_REAL_TIME, 3600000), VESK_OK);
+    EXPECT_EQ(timer_probe::waiting(scripted_cb, &s, true), 1);
+    ASSERT_EQ(vesk_utility_c_unregist_timer(scripted_cb, &s, 1, VESK_TIMER_TASK_REAL_TIME), VESK_OK);
+    EXPECT_EQ(timer_probe::waiting(scripted_cb, &s, true), 0);
+    EXPECT_FALSE(timer_probe::marked(scripted_cb, &s));
+}
+
+TEST(TimerTest, TasksBeyondThePoolTakeOverflowNodesAndStillRun)
+{
+    constexpr int k_tasks = 430; // the pool has 428 nodes, one of them the agent's poll
+    std::vector<char> params(k_tasks);
+    s_quick_runs = 0;
+    const std::string out = vesk_test::capture_stdout([&] {
+        for (int i = 0; i < k_tasks; i++)
+            ASSERT_EQ(
+                vesk_utility_c_regist_timer(0x60, quick_once_cb, 0x61, 10, &params[i], VESK_TIMER_TASK_COMMON, 1000),
+                VESK_OK);
+        EXPECT_TRUE(wait_for([&] { return s_quick_runs == k_tasks; }));
+    });
+    EXPECT_GE(vesk_test::count_of(out, "m_task_node_pool_num = 428 overflow!\n"), 2) << out;
+    EXPECT_GT(timer_probe::node_total(), 428u);
+    // Every node, overflow ones included, is back on the free list but the agent's.
+    EXPECT_TRUE(wait_for([&] { return timer_probe::free_nodes() == timer_probe::node_total() - 1; }));
+}
+
+TEST(TimerTest, NoSleepTaskRunsBackToBackWithAWarningEachTime)
+{
+    struct counter {
+        std::atomic<int> runs {0};
+    } c;
+    const auto cb = [](void* param, unsigned int* next_ms, vesk_timer_task_type*) {
+        counter* k = static_cast<counter*>(param);
+        *next_ms = 0;
+        return ++k->runs < 4 ? VESK_TIMER_RET_CONTINUE : VESK_TIMER_RET_DELETE;
+    };
+    const std::string out = vesk_test::capture_stdout([&] {
+        ASSERT_EQ(vesk_utility_c_regist_timer(0x71, cb, 0x72, 10, &c, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+        ASSERT_TRUE(wait_for([&] { return c.runs == 4; }));
+        ASSERT_TRUE(wait_for([&] { return timer_probe::running(cb, &c) == 0; }));
+    });
+    EXPECT_EQ(vesk_test::count_of(out, "[UTL] WARNING! timer_task_thread["), 3) << out;
+    EXPECT_EQ(vesk_test::count_of(out, "user_id = 0x71, purpose_id = 0x72 no sleep!\n"), 3) << out;
+}
+
+TEST(TimerTest, LimitedPurposeRunsAtMostTwoAtOnceByDefault)
+{
+    std::atomic<int> concurrent {0};
+    std::atomic<int> peak {0};
+    blocker b[4];
+    for (blocker& x : b) {
+        x.concurrent = &concurrent;
+        x.peak = &peak;
+        ASSERT_EQ(vesk_utility_c_regist_timer(
+                      0x80, blocker_cb, VESK_TIMER_PURPOSE_LIMITED, 10, &x, VESK_TIMER_TASK_COMMON, 0),
+            VESK_OK);
+    }
+    ASSERT_TRUE(wait_for([&] { return concurrent == 2; }));
+    pause_ms(400); // three idle threads fetch the other two meanwhile, and must put them back
+    EXPECT_EQ(peak, 2);
+    for (blocker& x : b)
+        x.release = true;
+    EXPECT_TRUE(wait_for([&] {
+        int done = 0;
+        for (blocker& x : b)
+            done += x.finished;
+        return done == 4;
+    }));
+    EXPECT_EQ(peak, 2);
+}
+
+TEST(TimerTest, RotationSlotIsPulledForwardByTheAllocatorAtMostEvery200ms)
+{
+    scripted s;
+    s.set_next_ms = 3600000;
+    ASSERT_EQ(vesk_utility_c_regist_timer(
+                  0x13, scripted_cb, VESK_TIMER_PURPOSE_ROTATE, 600, &s, VESK_TIMER_TASK_COMMON, 3600000),
+        VESK_OK);
+    EXPECT_EQ(timer_probe::waiting(scripted_cb, &s), 0) << "the slot task is in no queue";
+    EXPECT_TRUE(timer_probe::in_slot(scripted_cb, &s));
+    const auto first_pull = clock_type::now();
+    timer_rotate_waker();
+    ASSERT_TRUE(wait_for([&] { return s.runs == 1; }));
+    // A second pull within 200 ms of the first is ignored (checked only when the machine was
+    // quick enough to make it in time).
+    timer_rotate_waker();
+    const auto second_pull = clock_type::now();
+    if (second_pull - first_pull < std::chrono::milliseconds(150)) {
+        pause_ms(400);
+        EXPECT_EQ(s.runs, 1) << "pulled again within 200 ms";
+    }
+    std::this_thread::sleep_until(second_pull + std::chrono::milliseconds(250));
+    ASSERT_TRUE(wait_for([&] { return timer_probe::in_slot(scripted_cb, &s); }));
+    const int before = s.runs;
+
+    // The allocator's path: an A/V cache block that reaches the rotation threshold.
+    vesk_mem_set_av_limits(4096, 1 << 20);
+    std::string out;
+    void* block = nullptr;
+    out = vesk_test::capture_stdout([&] { block = vesk_malloc(VESK_USER_AV_CACHE, 0x9110C, 8192, 1); });
+    ASSERT_NE(block, nullptr);
+    EXPECT_NE(out.find("wakeup_rotate!"), std::string::npos) << out;
+    EXPECT_TRUE(wait_for([&] { return s.runs == before + 1; }));
+    vesk_free(__FILE__, __func__, block);
+}
+
+TEST(TimerTest, FetchWatchdogRunsOnTheCheckThreadAndMayStretchItsInterval)
+{
+    struct wd {
+        std::atomic<int> calls {0};
+        std::atomic<bool> type_null {true};
+    } w;
+    const auto cb = [](void* param, unsigned int* next_ms, vesk_timer_task_type* type) {
+        wd* x = static_cast<wd*>(param);
+        if (type != nullptr)
+            x->type_null = false;
+        if (++x->calls == 3)
+            *next_ms = 3600000;
+        return VESK_TIMER_RET_CONTINUE;
+    };
+    ASSERT_EQ(vesk_utility_c_regist_fetch_wd_timer(cb, 20, &w), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return w.calls >= 3; }));
+    pause_ms(400);
+    EXPECT_EQ(w.calls, 3) << "the stretched interval was not kept";
+    EXPECT_TRUE(w.type_null);
+    EXPECT_EQ(vesk_utility_c_regist_fetch_wd_timer(nullptr, 0, nullptr), VESK_OK);
+}
+
+TEST(TimerTest, TemporaryThreadsStartForOverdueTasksAndRetireWhenIdle)
+{
+    ASSERT_EQ(vesk_utility_adj_comm_thr_num(5, 3), VESK_OK); // no new threads, three temporary slots
+    EXPECT_EQ(timer_probe::temp_states(), std::vector<uint32_t>(3, VESK_TIMER_THR_NOT_STARTED));
+
+    // Five blockers hold the five common threads; eight quick tasks then fall behind.
+    blocker b[5];
+    for (blocker& x : b)
+        ASSERT_EQ(vesk_utility_c_regist_timer(0x90, blocker_cb, 0x91, 10, &x, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] {
+        int n = 0;
+        for (blocker& x : b)
+            n += x.entered;
+        return n == 5;
+    }));
+    std::vector<char> params(8);
+    s_quick_runs = 0;
+    std::string out = vesk_test::capture_stdout([&] {
+        for (char& p : params)
+            ASSERT_EQ(
+                vesk_utility_c_regist_timer(0x92, quick_once_cb, 0x93, 10, &p, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+        // Only temporary threads can run them: every common thread is held.
+        EXPECT_TRUE(wait_for([&] { return s_quick_runs == 8; }));
+    });
+    int started = 0;
+    for (uint32_t st : timer_probe::temp_states())
+        started += st != VESK_TIMER_THR_NOT_STARTED ? 1 : 0;
+    EXPECT_GE(started, 1);
+    // More wanted than the three slots give (how many the check saw overdue depends on when
+    // it ran): said, with the number actually started.
+    if (out.find("need_creat_num") != std::string::npos) {
+        EXPECT_TRUE(std::regex_search(out, std::regex("need_creat_num = [1-5], creat_num = [0-3] \\*{7}\n"))) << out;
+    }
+
+    const std::string table = vesk_test::capture_stdout([] { timer_probe::timer()->diagnose(2, vesk_print_stdout); });
+    const size_t temp_title = table.find("常规任务临时工线程池");
+    ASSERT_NE(temp_title, std::string::npos) << table;
+
+    // Released, the common threads are idle again; after ten idle seconds the temporary
+    // threads are told to leave and do.
+    for (blocker& x : b)
+        x.release = true;
+    out = vesk_test::capture_stdout([&] {
+        EXPECT_TRUE(wait_for(
+            [&] {
+                for (uint32_t st : timer_probe::temp_states()) {
+                    if (st != VESK_TIMER_THR_NOT_STARTED && st != VESK_TIMER_THR_EXITED)
+                        return false;
+                }
+                return true;
+            },
+            120));
+    });
+    EXPECT_GE(vesk_test::count_of(out, "exit tmp thread_"), started) << out;
+    EXPECT_NE(out.find("[UTL] vesk_utility_timer::check["), std::string::npos) << out;
+    EXPECT_NE(out.find("_thr_"), std::string::npos) << out;
+    EXPECT_NE(out.find(", have no task, exit! *********\n"), std::string::npos) << out;
+}
+
+TEST(TimerTest, SortedInsertionKeepsDueOrderArrivalOrderAndSuspendedAtTheTail)
+{
+    vesk_timer_queue q = {PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr, 1, 0};
+    vesk_timer_task_node n[6] = {};
+    const uint32_t due[6] = {5, 3, 5, 9, 1, 2}; // n[5] is suspended
+    for (int i = 0; i < 6; i++) {
+        n[i].due_sec = due[i];
+        n[i].usr_id = static_cast<uint32_t>(i);
+    }
+    n[5].suspended = 1;
+    n[3].suspended = 1;
+    for (int i = 0; i < 6; i++)
+        timer_probe::insert_sorted(&q, &n[i]);
+    std::vector<uint32_t> order;
+    for (vesk_timer_task_node* p = q.que_head; p != nullptr; p = p->next)
+        order.push_back(p->usr_id);
+    // Due 1, 3, 5 (first arrival), 5 (second), then the suspended ones in arrival order.
+    EXPECT_EQ(order, (std::vector<uint32_t> {4, 1, 0, 2, 3, 5}));
+    EXPECT_EQ(q.que_tail, &n[5]);
+    EXPECT_EQ(q.que_head->pre, nullptr);
+}
+
+TEST(TimerTest, FetchTakesDueHeadsAndBacksOffFromEarlyOnes)
+{
+    vesk_timer_task_set set
+        = {{PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr, 1, 0}, {PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr, 0, 0}};
+    vesk_timer_task_node far = {};
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    far.due_sec = static_cast<uint32_t>(now.tv_sec) + 1000;
+    far.due_nsec = static_cast<uint32_t>(now.tv_nsec);
+    far.func = scripted_cb;
+    timer_probe::insert_sorted(&set.wait, &far);
+    uint32_t wait1 = 100;
+    EXPECT_EQ(timer_probe::fetch(&set, &wait1), nullptr);
+    EXPECT_EQ(far.backoff, 1u);
+    EXPECT_LE(wait1, 1000000u);
+    EXPECT_GT(wait1, 900000u);
+    uint32_t wait2 = 100;
+    EXPECT_EQ(timer_probe::fetch(&set, &wait2), nullptr);
+    EXPECT_EQ(far.backoff, 2u);
+
+    // A head that is due moves to the running list; the far one stays behind it.
+    vesk_timer_task_node due_now = {};
+    due_now.due_sec = static_cast<uint32_t>(now.tv_sec);
+    due_now.func = scripted_cb;
+    timer_probe::insert_sorted(&set.wait, &due_now);
+    uint32_t wait3 = 100;
+    EXPECT_EQ(timer_probe::fetch(&set, &wait3), &due_now);
+    EXPECT_EQ(set.run.que_head, &due_now);
+    EXPECT_EQ(set.wait.que_head, &far);
+    // A suspended head means everything waiting is suspended.
+    far.suspended = 1;
+    uint32_t wait4 = 100;
+    EXPECT_EQ(timer_probe::fetch(&set, &wait4), nullptr);
+    EXPECT_EQ(wait4, 100u);
+}
+
+TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
+{
+    scripted suspended;
+    suspended.ret = VESK_TIMER_RET_SUSPEND;
+    ASSERT_EQ(
+        vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1234, 50, &suspended, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return timer_probe::waiting(scripted_cb, &suspended) == 1 && suspended.runs == 1; }));
+    blocker running;
+    running.ret = VESK_TIMER_RET_DELETE;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x43, blocker_cb, 0x5678, 70, &running, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return running.entered == 1; }));
+    scripted later;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x44, scripted_cb, 0x9abc, 90, &later, VESK_TIMER_TASK_REAL_TIME, 3600000),
+        VESK_OK);
+
+    vesk_utility_timer* t = timer_probe::timer();
+    const std::string tasks = vesk_test::capture_stdout([&] { t->diagnose(1, vesk_print_stdout); });
+    const char* titles[] = {
+        "-----------------------常规任务: 等待执行的任务--------------------------\n",
+        "-----------------------常规任务: 正在执行的任务--------------------------\n",
+        "-----------------------实时任务: 等待执行的任务--------------------------\n",
+        "-----------------------实时任务: 正在执行的任务--------------------------\n",
+    };
+    size_t at = 0;
+    for (const char* title : titles) {
+        const size_t found = tasks.find(title, at);
+        ASSERT_NE(found, std::string::npos) << title << tasks;
+        at = found;
+    }
+    char header[256];
+    snprintf(header, sizeof(header), "%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的",
+        "上次调用时间", "当前时间", "定时间隔(ms)", "超时时间(ms)");
+    EXPECT_NE(tasks.find(header), std::string::npos) << tasks;
+    snprintf(header, sizeof(header), "%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", "调用时间",
+        "当前时间", "定时间隔(ms)", "已耗时(ms)");
+    EXPECT_NE(tasks.find(header), std::string::npos) << tasks;
+    // The real-time running list is empty.
+    EXPECT_NE(tasks.find(std::string(titles[3]) + "have no task\n"), std::string::npos) << tasks;
+
+    const auto row_matches = [&](const std::string& needle, const std::string& pattern) {
+        const std::vector<std::string> rows = lines_with(tasks, needle);
+        return rows.size() == 1 && std::regex_match(rows[0], std::regex(pattern));
+    };
+    // Waiting: number, ids, last run and current time ("%d.%d"), interval, state.
+    EXPECT_TRUE(
+        row_matches("0x1234", "[0-9]+ +0x42        0x1234      [0-9]+\\.[0-9]+ +[0-9]+\\.[0-9]+ +50 +暂停执行 *"))
+        << tasks;
+    EXPECT_TRUE(row_matches("0x9abc", "1     0x44        0x9abc      0\\.0 +[0-9]+\\.[0-9]+ +90 +还差[0-9]+ *"))
+        << tasks;
+    // Running: the last column is the time spent so far.
+    EXPECT_TRUE(row_matches("0x5678", "[0-9]+ +0x43        0x5678      [0-9]+\\.[0-9]+ +[0-9]+\\.[0-9]+ +70 +[0-9]+ *"))
+        << tasks;
+
+    const std::string threads = vesk_test::capture_stdout([&] { t->diagnose(2, vesk_print_stdout); });
+    const char* thread_titles[] = {
+        "-----------------------常规任务线程池--------------------------\n",
+        "-----------------------常规任务临时工线程池--------------------------\n",
+        "-----------------------实时任务线程池--------------------------\n",
+    };
+    snprintf(header, sizeof(header), "%-6s%-12s%-14s%-80s\n", "编号", "线程PID", "线程状态", "任务状态信息");
+    at = 0;
+    for (const char* title : thread_titles) {
+        const size_t found = threads.find(std::string(title) + header, at);
+        ASSERT_NE(found, std::string::npos) << title << threads;
+        at = found;
+    }
+    // Five common rows and two real-time rows, the holder's showing its task.
+    const std::regex row("[1-9] {5}[0-9]+ +(睡眠\\([0-9]+ms\\)|等待任务|执行任务|结束任务) +(上次|当前)任务: .*");
+    int rows = 0;
+    std::istringstream in(threads);
+    for (std::string line; std::getline(in, line);)
+        rows += std::regex_match(line, row) ? 1 : 0;
+    EXPECT_EQ(rows, 7) << threads;
+    EXPECT_EQ(lines_with(threads, "当前任务: ID(0x43、0x5678),执行时间(").size(), 1u) << threads;
+
+    const std::string others = vesk_test::capture_stdout([&] {
+        t->diagnose(3, vesk_print_stdout);
+        t->diagnose(9, vesk_print_stdout);
+    });
+    EXPECT_NE(others.find("para = 3: network tool diagnose 1 not available"), std::string::npos) << others;
+    EXPECT_NE(others.find("para = 9 not support!\n"), std::string::npos) << others;
+    running.release = true;
+    EXPECT_TRUE(wait_for([&] { return running.finished == 1; }));
+}
+
+// Start-up end to end: the agent in this very process is polled by its timer task, whose first
+// run comes 30 s after initialisation, and answers the console binary.
+TEST(TimerConsoleTest, AgentPolledByTheTimerAnswersTheConsole)
+{
+    const std::string path = vesk_test::private_root() + "/usr/lib/libutility.socket";
+    const auto console = [&](const std::string& args) {
+        // The deadline covers the 30 s until the first poll many times over.
+        FILE* p = popen(("timeout 240 " + std::string(VESK_DIAG_BIN) + " --socket " + path + " " + args).c_str(), "r");
+        std::string out;
+        char buf[4096];
+        size_t n;
+        while (p != nullptr && (n = fread(buf, 1, sizeof(buf), p)) > 0)
+            out.append(buf, n);
+        EXPECT_EQ(p != nullptr ? pclose(p) : -1, 0) << out;
+        return out;
+    };
+    const std::string list = console("list");
+    // Registration order: thread pool, resource manager, timer, (event manager,) string pool,
+    // little-memory pool, A/V-reader pool, each pushed at the head.
+    const auto idx_of = [&](const std::string& title) {
+        const size_t at = list.find("  purpose = '" + title + "'");
+        if (at == std::string::npos)
+            return -1;
+        const size_t idx_at = list.rfind("client idx = ", at);
+        return atoi(list.c_str() + idx_at + strlen("client idx = "));
+    };
+    const int clients = vesk_test::count_of(list, "client idx = ");
+    EXPECT_EQ(idx_of("诊断 音视频读者跨块中转内存池"), 0) << list;
+    EXPECT_EQ(idx_of("诊断 常规小内存池"), 1) << list;
+    EXPECT_EQ(idx_of("诊断 字符串内存池"), 2) << list;
+    const int timer_idx = idx_of("诊断 定时器");
+    EXPECT_GE(timer_idx, 3) << list;
+    EXPECT_EQ(idx_of("诊断 中间层记录的内存、句柄等"), timer_idx + 1) << list;
+    EXPECT_EQ(idx_of("诊断 线程池"), timer_idx + 2) << list;
+    EXPECT_EQ(idx_of("诊断 线程池"), clients - 1) << list;
+
+    const std::string help = console("help " + std::to_string(timer_idx));
+    EXPECT_NE(help.find("purpose is '诊断 定时器'\n"), std::string::npos) << help;
+    EXPECT_NE(help.find("1  打印所有任务\n2  打印所有线程状态\n"), std::string::npos) << help;
+    const std::string tasks = console("run " + std::to_string(timer_idx) + " 1");
+    // The agent's own poll is running while it answers: user 0x13, purpose 137, 1000 ms.
+    EXPECT_TRUE(std::regex_search(tasks, std::regex("\n1 +0x13 +0x89 +[0-9.]+ +[0-9.]+ +1000 +[0-9]+ *\n"))) << tasks;
+}
+
+TEST(TimerDeathTest, AdjustmentsAreOneTime)
+{
+    // A raise that adds threads, then any second adjustment.
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_adj_comm_thr_num(6, 0);
+            vesk_utility_adj_comm_thr_num(7, 0);
+        },
+        "ASSERT!\n >File name: sched/vesk_utility_timer.cpp\n >Function: adj_comm_thr_num\n >Line No: [0-9]+\n"
+        " >Condition: m_comm_thr_adj == NULL\n");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_adj_comm_thr_num(5, 2);
+            vesk_utility_adj_comm_thr_num(5, 0);
+        },
+        ">Condition: m_comm_thr_temp == NULL\n");
+    // An adjustment that changes no thread count leaves the next one free...
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_adj_comm_thr_num(3, 0);
+            vesk_utility_adj_comm_thr_num(6, 0);
+            vesk_utility_adj_real_time_thr_num(2);
+            vesk_utility_adj_real_time_thr_num(3);
+            vesk_utility_adj_real_time_thr_num(3); // nothing to add: no effect
+            vesk_utility_adj_real_time_thr_num(4);
+        },
+        // ...and the real-time group takes one raise after start-up.
+        ">Function: adj_real_time_thr_num\n >Line No: [0-9]+\n >Condition: m_real_time_thr_adj == NULL\n");
+    VESK_EXPECT_FATAL(timer_probe::timer()->~vesk_utility_timer(),
+        ">Function: ~vesk_utility_timer\n >Line No: [0-9]+\n >Condition: 0\n");
+    VESK_EXPECT_FATAL(utility_diagnose_thread(nullptr, nullptr, nullptr),
+        ">Function: utility_diagnose_thread\n >Line No: [0-9]+\n >Condition: userParam != NULL\n");
+}
