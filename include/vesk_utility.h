@@ -8,5 +8,6 @@
 #include "vesk_utility_memory.h"
 #include "vesk_utility_thread.h"
 #include "vesk_utility_lock.h"
+#include "vesk_utility_json.h"
 
 #endif  // VESK_UTILITY_H
