@@ -255,6 +255,12 @@ bool vesk_tool_json_V2::proc_fetch_parent(const char* key_pos, vesk_json_path_ar
             VESK_LOG_ERR(k_cls, "key_%d, parent == NULL why?\n", i);
             return false;
         }
+        // Every node a path passes through, the leaf's parent included, must be a container:
+        // a path through a scalar is the caller's programming error.
+        if (son->type != VESK_TOOL_JSON_OBJECT && son->type != VESK_TOOL_JSON_ARRAY) {
+            VESK_LOG_ERR(k_cls, "parent->type = %d why??\n", son->type);
+            VESK_ASSERT(0);
+        }
         parent = son;
     }
     f.parent = parent;
