@@ -414,11 +414,31 @@ const char* parse_value(vesk_tool_JSON* item, const char* value, int depth)
 // json_len() and the export_*() functions follow the same layout byte for byte; the fuzz
 // target checks that what is printed is exactly what was measured.
 
+// What snprintf("%d") writes, without the formatter: most numbers of a configuration are
+// integers, and every number is formatted twice (measured, then printed).
+int format_int(int32_t v, char* str)
+{
+    char tmp[12];
+    uint32_t u = v < 0 ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v);
+    int n = 0;
+    do {
+        tmp[n++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    int len = 0;
+    if (v < 0)
+        str[len++] = '-';
+    while (n > 0)
+        str[len++] = tmp[--n];
+    str[len] = '\0';
+    return len;
+}
+
 int format_number(const vesk_tool_JSON* item, char (&str)[64])
 {
     const double d = item->valuedouble;
     if (fabs(static_cast<double>(item->valueint) - d) <= DBL_EPSILON && d <= INT_MAX && d >= INT_MIN)
-        return snprintf(str, 21, "%d", item->valueint);
+        return format_int(item->valueint, str);  // the "%d" case (21 characters of room)
     if (fabs(floor(d) - d) <= DBL_EPSILON && fabs(d) < 1.0e60)
         return snprintf(str, sizeof(str), "%.0f", d);
     if (fabs(d) < 1.0e-6 || fabs(d) > 1.0e9)
