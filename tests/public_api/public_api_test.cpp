@@ -38,7 +38,7 @@ void* named_routine(void* arg)
     char path[64];
     snprintf(path, sizeof(path), "/proc/self/task/%ld/comm", static_cast<long>(syscall(SYS_gettid)));
     if (vesk_utility_enter_thread(self, "api_worker") == VESK_OK) {
-        char comm[32] = { 0 };
+        char comm[32] = {0};
         FILE* fp = fopen(path, "r");
         if (fp != nullptr) {
             if (fgets(comm, sizeof(comm), fp) != nullptr && strcmp(comm, "api_worker\n") == 0)
@@ -60,7 +60,7 @@ int main()
     CHECK(vesk_utility_malloc(0x40, 1, 16, 1) == nullptr); // refused before init
     unsigned long early = 0;
     volatile int named = 0;
-    vesk_thread_creat_ctl ctl = { VESK_THREAD_WORK_COMMON, 0, named_routine, (void*)&named, 0, 0 };
+    vesk_thread_creat_ctl ctl = {VESK_THREAD_WORK_COMMON, 0, named_routine, (void*)&named, 0, 0};
     CHECK(vesk_utility_creat_thread(&ctl, "api", &early) == VESK_ERR_NOT_INIT && early == 0);
     CHECK(vesk_utility_retrieve_thread(1) == VESK_ERR_NOT_INIT);
     CHECK(vesk_utility_init(VESK_UTILITY_OPS_MAIN_APP) == VESK_OK);
@@ -167,6 +167,21 @@ int main()
         CHECK(vesk_utility_delete_interuptable_sleep(nap, __FILE__, __func__) == VESK_OK);
     }
     CHECK(vesk_utility_delete_lock(nullptr, __FILE__, __func__) == VESK_ERR_INVALID_PARAM);
+
+    vesk_json_operate_V2* doc = vesk_utility_new_json_operate_V2("{\"chn\":[]}", 0x40, "api json");
+    CHECK(doc != nullptr);
+    if (doc != nullptr) {
+        doc->execSetInt("chn[%d].fps", 25, 0);
+        int32_t fps = 0;
+        CHECK(doc->execTryGetInt("chn[0].fps", &fps) == VESK_OK && fps == 25);
+        char out[32];
+        CHECK(doc->exportContent(out, sizeof(out)) == doc->getContentSize()
+            && strcmp(out, "{\"chn\":[{\"fps\":25}]}") == 0);
+        CHECK(vesk_utility_delete_json_operate_V2(doc, __FILE__, __func__) == VESK_OK);
+    }
+    vesk_json_operate* doc1 = vesk_utility_new_json_operate(nullptr, 0x40, "api json v1");
+    CHECK(doc1 != nullptr && doc1->add_item_string("name", "gate") == VESK_OK);
+    CHECK(doc1 != nullptr && vesk_utility_delete_json_operate(doc1, __FILE__, __func__) == VESK_OK);
 
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);
