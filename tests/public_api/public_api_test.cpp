@@ -38,7 +38,7 @@ void* named_routine(void* arg)
     char path[64];
     snprintf(path, sizeof(path), "/proc/self/task/%ld/comm", static_cast<long>(syscall(SYS_gettid)));
     if (vesk_utility_enter_thread(self, "api_worker") == VESK_OK) {
-        char comm[32] = {0};
+        char comm[32] = { 0 };
         FILE* fp = fopen(path, "r");
         if (fp != nullptr) {
             if (fgets(comm, sizeof(comm), fp) != nullptr && strcmp(comm, "api_worker\n") == 0)
@@ -60,7 +60,7 @@ int main()
     CHECK(vesk_utility_malloc(0x40, 1, 16, 1) == nullptr); // refused before init
     unsigned long early = 0;
     volatile int named = 0;
-    vesk_thread_creat_ctl ctl = {VESK_THREAD_WORK_COMMON, 0, named_routine, (void*)&named, 0, 0};
+    vesk_thread_creat_ctl ctl = { VESK_THREAD_WORK_COMMON, 0, named_routine, (void*)&named, 0, 0 };
     CHECK(vesk_utility_creat_thread(&ctl, "api", &early) == VESK_ERR_NOT_INIT && early == 0);
     CHECK(vesk_utility_retrieve_thread(1) == VESK_ERR_NOT_INIT);
     CHECK(vesk_utility_init(VESK_UTILITY_OPS_MAIN_APP) == VESK_OK);
