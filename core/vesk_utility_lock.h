@@ -130,7 +130,7 @@ private:
     pthread_mutex_t m_mutex;
     pthread_condattr_t m_cond_attr;
     pthread_cond_t m_cond;
-    int32_t m_flag = 0; // kept for the layout; always 0
+    [[maybe_unused]] int32_t m_flag = 0; // kept for the layout; always 0
 };
 
 } // namespace vesk_utility

@@ -11,6 +11,7 @@
 
 #include "vesk_utility_core.h"
 #include "vesk_utility_diagnose.h"
+#include "vesk_utility_json_impl.h"
 #include "vesk_utility_lock.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
@@ -120,6 +121,7 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
 {
     m_registry.init_node_pool();
     vesk_lock_install_printers(m_registry);  // dump modes 1-4 of the lock lists
+    vesk_json_install_printers(m_registry);  // dump modes 5-6 of the JSON lists
     // Published one by one: from here on small blocks and strings are routed into them.
     __atomic_store_n(&m_av_reader_pool,
                      new_accounted<utility_little_mem_pool>(k_purpose_av_reader_pool, k_av_reader_pool_chunk_size,

@@ -14,5 +14,6 @@
 #include "vesk_utility_net.h"
 #include "vesk_utility_sqlite.h"
 #include "vesk_utility_file.h"
+#include "vesk_utility_json.h"
 
 #endif  // VESK_UTILITY_H

@@ -186,6 +186,20 @@ int main()
     CHECK(vesk_utility_c_regist_timer(0x40, nullptr, 0x1, 10, nullptr, VESK_TIMER_TASK_COMMON, 0)
         == VESK_ERR_INVALID_PARAM);
     CHECK(vesk_utility_adj_real_time_thr_num(1) == VESK_OK); // never lowers the group
+    vesk_json_operate_V2* doc = vesk_utility_new_json_operate_V2("{\"chn\":[]}", 0x40, "api json");
+    CHECK(doc != nullptr);
+    if (doc != nullptr) {
+        doc->execSetInt("chn[%d].fps", 25, 0);
+        int32_t fps = 0;
+        CHECK(doc->execTryGetInt("chn[0].fps", &fps) == VESK_OK && fps == 25);
+        char out[32];
+        CHECK(doc->exportContent(out, sizeof(out)) == doc->getContentSize()
+            && strcmp(out, "{\"chn\":[{\"fps\":25}]}") == 0);
+        CHECK(vesk_utility_delete_json_operate_V2(doc, __FILE__, __func__) == VESK_OK);
+    }
+    vesk_json_operate* doc1 = vesk_utility_new_json_operate(nullptr, 0x40, "api json v1");
+    CHECK(doc1 != nullptr && doc1->add_item_string("name", "gate") == VESK_OK);
+    CHECK(doc1 != nullptr && vesk_utility_delete_json_operate(doc1, __FILE__, __func__) == VESK_OK);
 
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);
