@@ -17,6 +17,12 @@ if(vesk_sanitize_flags)
   # Frame pointers give whole stacks in reports; -O1 keeps the instrumented tests quick
   # without inlining away the frames that a report names.
   add_compile_options(${vesk_sanitize_flags} -fno-omit-frame-pointer -g -O1)
+  # GCC 12's flow analysis under the sanitizers' instrumentation reports uninitialised members
+  # inside libstdc++'s own <regex> and <functional> (used by the tests); the plain builds keep
+  # the warning as an error for our code.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-Wno-error=maybe-uninitialized)
+  endif()
   # GCC links the runtime into the shared library too, so -Wl,--no-undefined still holds.
   add_link_options(${vesk_sanitize_flags})
 endif()

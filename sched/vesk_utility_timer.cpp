@@ -841,6 +841,7 @@ void* vesk_utility_timer::timer_check_thread(void* param)
     vesk_utility_timer* self = static_cast<vesk_utility_timer*>(param);
     enter_thread(thread_pool(), pthread_self(), "timer_check_thread");
     VESK_PLAIN_FN("thread enter !");
+    self->m_check_entered.store(true, std::memory_order_release);
     for (;;)
         vesk_utility_sleep_ms(self->check());
     return nullptr;

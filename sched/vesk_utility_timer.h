@@ -173,6 +173,9 @@ public:
     // the allocator (under its budget mutex) when the A/V cache reaches its rotation threshold.
     void pull_rotate_forward();
 
+    // True once the check thread has announced itself: start-up has printed all it prints.
+    bool check_thread_entered() const { return m_check_entered.load(std::memory_order_acquire); }
+
 private:
     friend class timer_probe;
 
@@ -255,6 +258,7 @@ private:
     vesk_timer_task_node* m_node_last = nullptr;
     vesk_timer_queue m_free_que;
     std::atomic<uint32_t> m_node_total {0}; // pool plus overflow nodes
+    std::atomic<bool> m_check_entered {false};
 
     pthread_mutex_t m_limited_lock;
     uint32_t m_limited_running = 0; // GUARDED_BY(m_limited_lock)
