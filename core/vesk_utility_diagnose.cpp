@@ -140,7 +140,7 @@ VESK_ERR vesk_diagnose_agent::regist_diag(vesk_diagnose_client* client, const ch
         }
     }
     client_node* node = static_cast<client_node*>(
-        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, sizeof(client_node), 1));
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_clients, sizeof(client_node), vesk_obj_align<client_node>()));
     if (node == nullptr) {
         VESK_LOG_ERR(k_cls, "malloc %zu fail!\n", sizeof(client_node));
         return VESK_OK;

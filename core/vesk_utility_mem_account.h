@@ -69,6 +69,16 @@ uint32_t vesk_mem_av_total();
 // A/V cache installs the call that wakes its rotation task. NULL: nobody to wake.
 void vesk_mem_set_rotate_waker(void (*waker)());
 
+// The alignment to ask for when allocating records of type T: its own, capped at a pointer's.
+// On the board that is 4, so small records stay in the little-memory pool (whose blocks are
+// word-aligned; ARMv7 reads 64-bit fields from word-aligned addresses). On a 64-bit host it
+// is 8, which sends them to the heap, where they are aligned for their pointers.
+template <class T>
+constexpr unsigned vesk_obj_align()
+{
+    return alignof(T) < alignof(void*) ? static_cast<unsigned>(alignof(T)) : static_cast<unsigned>(alignof(void*));
+}
+
 // Front doors of the accounting used throughout the layer; they route by size, caller and
 // purpose and work before vesk_utility_init (SQLite and the protocol libraries call them).
 void* vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align);

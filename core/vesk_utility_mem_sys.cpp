@@ -158,7 +158,7 @@ void dump_smaps(FILE* fp, bool detail, print_fn print)
     smaps_map* maps = nullptr;
     if (detail) {
         maps = static_cast<smaps_map*>(
-            vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_scratch, sizeof(smaps_map) * k_smaps_max_maps, 1));
+            vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_scratch, sizeof(smaps_map) * k_smaps_max_maps, vesk_obj_align<smaps_map>()));
         if (maps == nullptr)
             detail = false;
     }

@@ -27,7 +27,7 @@ vesk_handle_registry::vesk_handle_registry()
 void vesk_handle_registry::init_node_pool()
 {
     const unsigned bytes = k_registry_pool_nodes * sizeof(vesk_registry_node);
-    m_node_pool = static_cast<vesk_registry_node*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_registry_node, bytes, 1));
+    m_node_pool = static_cast<vesk_registry_node*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_registry_node, bytes, vesk_obj_align<vesk_registry_node>()));
     VESK_ASSERT(m_node_pool != NULL);
     memset(m_node_pool, 0, bytes);
     m_node_last = m_node_pool + (k_registry_pool_nodes - 1);
@@ -45,7 +45,7 @@ vesk_registry_node* vesk_handle_registry::take_node()
     pthread_mutex_unlock(&m_node_lock);
     if (node == nullptr)
         node = static_cast<vesk_registry_node*>(
-            vesk_malloc(VESK_USER_UTILITY, k_purpose_registry_node, sizeof(vesk_registry_node), 1));
+            vesk_malloc(VESK_USER_UTILITY, k_purpose_registry_node, sizeof(vesk_registry_node), vesk_obj_align<vesk_registry_node>()));
     return node;
 }
 

@@ -51,7 +51,7 @@ constexpr const char* k_ipv6_zero_dst = "00000000000000000000000000000000";
 
 template <class T> T* net_alloc()
 {
-    void* p = vesk_malloc(VESK_USER_UTILITY, k_purpose_net_lists, sizeof(T), 1);
+    void* p = vesk_malloc(VESK_USER_UTILITY, k_purpose_net_lists, sizeof(T), vesk_obj_align<T>());
     if (p != nullptr)
         memset(p, 0, sizeof(T));
     return static_cast<T*>(p);

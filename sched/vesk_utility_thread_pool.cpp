@@ -39,7 +39,7 @@ vesk_thread_record* new_record()
 {
     if (s_fail_record_alloc.load(std::memory_order_relaxed))
         return nullptr;
-    void* p = vesk_malloc(VESK_USER_UTILITY, k_purpose_thread_record, sizeof(vesk_thread_record), 1);
+    void* p = vesk_malloc(VESK_USER_UTILITY, k_purpose_thread_record, sizeof(vesk_thread_record), vesk_obj_align<vesk_thread_record>());
     if (p != nullptr)
         memset(p, 0, sizeof(vesk_thread_record));
     return static_cast<vesk_thread_record*>(p);
@@ -283,8 +283,8 @@ bool utility_thread_pool::proc_init_node()
     if (!m_view_busy.compare_exchange_strong(busy, true, std::memory_order_acq_rel))
         return false;
     const unsigned bytes = k_cpu_table_capacity * sizeof(vesk_cpu_sample);
-    m_prev = static_cast<vesk_cpu_sample*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cpu_sample, bytes, 1));
-    m_cur = static_cast<vesk_cpu_sample*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cpu_sample, bytes, 1));
+    m_prev = static_cast<vesk_cpu_sample*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cpu_sample, bytes, vesk_obj_align<vesk_cpu_sample>()));
+    m_cur = static_cast<vesk_cpu_sample*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cpu_sample, bytes, vesk_obj_align<vesk_cpu_sample>()));
     if (m_prev == nullptr || m_cur == nullptr) {
         proc_free_node();
         m_view_busy.store(false, std::memory_order_release);

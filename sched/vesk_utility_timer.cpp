@@ -118,7 +118,7 @@ vesk_utility_timer::vesk_utility_timer()
     pthread_mutex_init(&m_thr_lock, nullptr);
 
     vesk_timer_task_node* task_node = static_cast<vesk_timer_task_node*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_timer,
-        m_task_node_pool_num * sizeof(vesk_timer_task_node), alignof(vesk_timer_task_node)));
+        m_task_node_pool_num * sizeof(vesk_timer_task_node), vesk_obj_align<vesk_timer_task_node>()));
     VESK_ASSERT(task_node != NULL);
     memset(static_cast<void*>(task_node), 0, m_task_node_pool_num * sizeof(vesk_timer_task_node));
     m_node_first = task_node;
@@ -155,7 +155,7 @@ vesk_timer_task_node* vesk_utility_timer::take_node()
     if (node == nullptr) {
         VESK_LOG_WARN(k_cls, "m_task_node_pool_num = %d overflow!\n", m_task_node_pool_num);
         node = static_cast<vesk_timer_task_node*>(vesk_malloc(
-            VESK_USER_UTILITY, k_purpose_timer, sizeof(vesk_timer_task_node), alignof(vesk_timer_task_node)));
+            VESK_USER_UTILITY, k_purpose_timer, sizeof(vesk_timer_task_node), vesk_obj_align<vesk_timer_task_node>()));
         if (node == nullptr)
             return nullptr;
         m_node_total.fetch_add(1, std::memory_order_relaxed);
@@ -745,7 +745,7 @@ bool vesk_utility_timer::start_thread(vesk_timer_thread* thr, uint32_t work_type
 vesk_timer_thread* vesk_utility_timer::new_threads(uint32_t count, uint32_t type, uint32_t first_index)
 {
     vesk_timer_thread* thr = static_cast<vesk_timer_thread*>(
-        vesk_malloc(VESK_USER_UTILITY, k_purpose_timer, count * sizeof(vesk_timer_thread), alignof(vesk_timer_thread)));
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_timer, count * sizeof(vesk_timer_thread), vesk_obj_align<vesk_timer_thread>()));
     if (thr == nullptr)
         return nullptr;
     for (uint32_t i = 0; i < count; i++) {

@@ -104,7 +104,7 @@ void vesk_utility_timer::dump_list(vesk_timer_queue* que, bool waiting, print_fn
     // Room for every node there is: a list never holds more.
     const uint32_t capacity = m_node_total.load(std::memory_order_relaxed);
     task_row* rows = static_cast<task_row*>(
-        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_scratch, capacity * sizeof(task_row), alignof(task_row)));
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_scratch, capacity * sizeof(task_row), vesk_obj_align<task_row>()));
     if (rows == nullptr) {
         print("malloc %u rows fail!\n", capacity);
         return;

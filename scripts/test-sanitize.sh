@@ -19,7 +19,7 @@ jobs_to_run=("$@")
 configure_and_build() {
     local dir=$1 sanitize=$2
     cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_SANITIZE="$sanitize" \
-        -DVESK_BUILD_BENCH=OFF >/dev/null
+        -DVESK_BUILD_BENCH=OFF -DVESK_BUILD_TOOLS=ON >/dev/null
     cmake --build "$dir" -j "$jobs"
 }
 

@@ -32,7 +32,7 @@ thread_local const char* s_ep = nullptr;
 
 vesk_tool_JSON* new_item()
 {
-    void* p = vesk_malloc(k_json_usr_id, k_json_purpose, sizeof(vesk_tool_JSON), 1);
+    void* p = vesk_malloc(k_json_usr_id, k_json_purpose, sizeof(vesk_tool_JSON), vesk_obj_align<vesk_tool_JSON>());
     if (p != nullptr)
         memset(p, 0, sizeof(vesk_tool_JSON));
     return static_cast<vesk_tool_JSON*>(p);
