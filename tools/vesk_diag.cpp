@@ -1,11 +1,13 @@
 // vesk_diag - the console of the diagnostics socket: lists a process's diagnose clients,
 // shows a client's help and runs its numbered commands, one-shot or at an interactive prompt.
 //
-//   vesk_diag [--socket PATH | --proxy] [list | help N | run N PARA]
+//   vesk_diag [--socket PATH | --proxy] [--timeout SEC] [list | help N | run N PARA]
 //
 // Without --socket it connects to the main application's socket under $VESK_UTILITY_ROOT
 // (--proxy: the proxy server's). The agent polls once a second, so answers start within
-// about a second. Ctrl-C ends a running command by closing the connection.
+// about a second; a process started less than 30 s ago has not begun polling yet. An agent
+// that sends nothing for --timeout seconds (default 60) is given up. Ctrl-C ends a running
+// command by closing the connection.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -42,7 +44,7 @@ enum class result { ok, retry, interrupted, failed };
 
 class console {
 public:
-    explicit console(std::string path) : m_path(std::move(path)) {}
+    console(std::string path, int timeout_s) : m_path(std::move(path)), m_timeout_s(timeout_s) {}
     ~console() { disconnect(); }
 
     bool connect_agent()
@@ -61,6 +63,8 @@ public:
             close(fd);
             return false;
         }
+        timeval tv = {m_timeout_s, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
         s_fd = fd;
         return true;
     }
@@ -98,6 +102,11 @@ private:
             const ssize_t n = recv(s_fd, p, len, 0);
             if (n < 0 && errno == EINTR && !s_interrupted)
                 continue;
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                fprintf(stderr, "vesk_diag: no answer from %s within %d s\n", m_path.c_str(), m_timeout_s);
+                m_timed_out = true;
+                return false;
+            }
             if (n <= 0)
                 return false;
             p += n;
@@ -122,6 +131,8 @@ private:
             if (!read_exact(&ans, sizeof(ans))) {
                 if (s_interrupted)
                     return result::interrupted;
+                if (m_timed_out)
+                    return result::failed;
                 // Nothing answered yet: the agent had dropped an idle connection.
                 return (!got_text && may_retry) ? result::retry : result::failed;
             }
@@ -151,13 +162,15 @@ private:
     }
 
     std::string m_path;
+    int m_timeout_s;
+    bool m_timed_out = false;
     uint32_t m_seq = 0;
 };
 
 void usage()
 {
     fprintf(stderr,
-            "usage: vesk_diag [--socket PATH | --proxy] [list | help N | run N PARA]\n"
+            "usage: vesk_diag [--socket PATH | --proxy] [--timeout SEC] [list | help N | run N PARA]\n"
             "  list          list the diagnose clients of the process\n"
             "  help N        title and commands of client N\n"
             "  run N PARA    run command PARA of client N (Ctrl-C stops it)\n"
@@ -196,10 +209,17 @@ int main(int argc, char** argv)
     char path[sizeof(sockaddr_un::sun_path)];
     vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main);
     std::vector<std::string> words;
+    int timeout_s = 60;
     for (int i = 1; i < argc; i++) {
         const std::string a = argv[i];
         if (a == "--socket" && i + 1 < argc) {
             snprintf(path, sizeof(path), "%s", argv[++i]);
+        } else if (a == "--timeout" && i + 1 < argc) {
+            timeout_s = atoi(argv[++i]);
+            if (timeout_s <= 0) {
+                usage();
+                return 2;
+            }
         } else if (a == "--proxy") {
             vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy);
         } else if (a == "-h" || a == "--help") {
@@ -215,7 +235,7 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &sa, nullptr);  // no SA_RESTART: a blocked read returns at once
     signal(SIGPIPE, SIG_IGN);
 
-    console c(path);
+    console c(path, timeout_s);
     if (!words.empty()) {
         if (!c.connect_agent())
             return 1;

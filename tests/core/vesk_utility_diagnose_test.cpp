@@ -371,3 +371,16 @@ TEST(DiagConsoleTest, MissingSocketFailsClearly)
     EXPECT_NE(std::string(buf, n).find("cannot connect to /nonexistent/x.sock: No such file or directory"),
         std::string::npos);
 }
+
+TEST_F(DiagnoseTest, ConsoleGivesUpOnAnAgentThatNeverAnswers)
+{
+    // Nothing polls this agent: the connection is queued but never served.
+    const std::string cmd = std::string(VESK_DIAG_BIN) + " --timeout 1 --socket " + m_path + " list 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    char buf[512] = {};
+    const size_t n = fread(buf, 1, sizeof(buf) - 1, p);
+    const int status = pclose(p);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_NE(std::string(buf, n).find("no answer from " + m_path + " within 1 s"), std::string::npos) << buf;
+}
