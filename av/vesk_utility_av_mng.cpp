@@ -73,7 +73,7 @@ vesk_utility_av_mng* vesk_utility_av_mng::instance()
         void* mem = vesk_malloc(VESK_USER_UTILITY, k_purpose_av_manager, sizeof(vesk_utility_av_mng),
             vesk_obj_align<vesk_utility_av_mng>());
         VESK_ASSERT(mem != NULL);
-        p = new (mem) vesk_utility_av_mng();
+        p = new (mem) vesk_utility_av_mng(true);
         // The 0x88 slot: the allocator's wakeup_rotate pulls this task forward under pressure.
         vesk_utility_c_regist_timer(VESK_USER_UTILITY, rotate_block, VESK_TIMER_PURPOSE_ROTATE, k_av_rotate_regist_ms,
             p, VESK_TIMER_TASK_COMMON, k_av_rotate_first_ms);
@@ -82,7 +82,7 @@ vesk_utility_av_mng* vesk_utility_av_mng::instance()
     return p;
 }
 
-vesk_utility_av_mng::vesk_utility_av_mng()
+vesk_utility_av_mng::vesk_utility_av_mng(bool regist_diag)
 {
     memset(m_chn_blocks, 0, sizeof(m_chn_blocks));
     pthread_mutex_init(&m_pool_lock, nullptr);
@@ -96,7 +96,7 @@ vesk_utility_av_mng::vesk_utility_av_mng()
     }
     m_pool_last = &m_av_block_pool[k_av_pool_size - 1];
     m_free_head = m_av_block_pool;
-    proc_init();
+    proc_init(regist_diag);
 }
 
 // Only managers of tests and benchmarks end: the lists are emptied, the pool returned.
@@ -124,7 +124,7 @@ vesk_utility_av_mng::~vesk_utility_av_mng()
     pthread_mutex_destroy(&m_pool_lock);
 }
 
-void vesk_utility_av_mng::proc_init()
+void vesk_utility_av_mng::proc_init(bool regist_diag)
 {
     for (uint32_t i = 0; i < k_av_chn_num; i++) {
         m_ivr_to_ipc_idx[i] = i;
@@ -136,6 +136,8 @@ void vesk_utility_av_mng::proc_init()
             chn.lists[t].next_blk_id = k_av_first_blk_id;
         }
     }
+    if (!regist_diag)
+        return;
     vesk_diagnose_agent* diagnose = vesk_utility_res_manage::instance()->get_diagnose();
     VESK_ASSERT(diagnose != NULL);
     diagnose->regist_diag(this, k_av_title, k_av_help);

@@ -103,8 +103,10 @@ public:
     // The process's manager, created on first use with its rotation task and diagnose entry.
     static vesk_utility_av_mng* instance();
 
-    // A manager of its own, without rotation task (tests and benchmarks drive rotate_pass).
-    vesk_utility_av_mng();
+    // A manager of its own, without rotation task (tests and benchmarks drive rotate_pass);
+    // only the process's manager registers with the diagnose agent, which keeps its clients
+    // for the life of the process.
+    explicit vesk_utility_av_mng(bool regist_diag = false);
     ~vesk_utility_av_mng() override;
     vesk_utility_av_mng(const vesk_utility_av_mng&) = delete;
     vesk_utility_av_mng& operator=(const vesk_utility_av_mng&) = delete;
@@ -147,7 +149,7 @@ public:
     uint32_t pool_free_count();
 
 private:
-    void proc_init();
+    void proc_init(bool regist_diag);
     vesk_av_block* proc_malloc_av_block();
     void proc_push_av_block(vesk_av_stream_list& list, vesk_IPC_stream_block_head* block);
     void proc_free_av_block(vesk_av_block* blk);
