@@ -283,13 +283,21 @@ void vesk_utility_av_mng::rotate_pass(const vesk_av_time& now)
     for (uint32_t ipc = 0; ipc < k_av_chn_num; ipc++) {
         vesk_av_chn_blocks& chn = m_chn_blocks[ipc];
         for (vesk_av_stream_list& list : chn.lists) {
-            pthread_mutex_lock(&chn.lock);
-            proc_update_stat(list, now);
-            const uint32_t cap = list.blk_cnt < k_av_rotate_batch ? list.blk_cnt : k_av_rotate_batch;
-            const uint32_t n = cap != 0 ? proc_rotate_blk(ipc, list, out, cap, now) : 0;
-            pthread_mutex_unlock(&chn.lock);
-            for (uint32_t i = 0; i < n; i++)
-                proc_free_av_block(out[i]);
+            // The scratch array is bounded (it lives on the timer thread's stack): a list with
+            // more to free than it holds is walked again at once.
+            bool first = true;
+            uint32_t n = 0;
+            do {
+                pthread_mutex_lock(&chn.lock);
+                if (first)
+                    proc_update_stat(list, now);
+                first = false;
+                const uint32_t cap = list.blk_cnt < k_av_rotate_batch ? list.blk_cnt : k_av_rotate_batch;
+                n = cap != 0 ? proc_rotate_blk(ipc, list, out, cap, now) : 0;
+                pthread_mutex_unlock(&chn.lock);
+                for (uint32_t i = 0; i < n; i++)
+                    proc_free_av_block(out[i]);
+            } while (n == k_av_rotate_batch);
         }
     }
 }

@@ -35,7 +35,7 @@ inline vesk_soft::vesk_IPC_stream_block_head* make_block(
 inline vesk_soft::vesk_av_time at(const vesk_soft::vesk_av_time& t, int64_t ms)
 {
     const int64_t ns = static_cast<int64_t>(t.sec) * 1000000000 + t.nsec + ms * 1000000;
-    return vesk_soft::vesk_av_time { static_cast<uint32_t>(ns / 1000000000), static_cast<uint32_t>(ns % 1000000000) };
+    return vesk_soft::vesk_av_time {static_cast<uint32_t>(ns / 1000000000), static_cast<uint32_t>(ns % 1000000000)};
 }
 
 // Block ids of one list, oldest first, read under the channel lock.

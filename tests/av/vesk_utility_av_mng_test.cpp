@@ -63,7 +63,8 @@ TEST(AvMngTest, PushChainsBlocksFromId9527AndRefusesBadBlocksUntouched)
     memset(stub, 0xFF, type_end);
     auto* bad = reinterpret_cast<vesk_IPC_stream_block_head*>(stub);
     bad->block_type = 4;
-    const std::string out = vesk_test::capture_stdout([&] { EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.push_av_block(7, bad)); });
+    const std::string out
+        = vesk_test::capture_stdout([&] { EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.push_av_block(7, bad)); });
     EXPECT_NE(std::string::npos, out.find("Invalid Block Type:0x4"));
     free(stub);
     const std::string out2 = vesk_test::capture_stdout([&] {

@@ -33,10 +33,10 @@ struct stream_profile {
 // Scaled-down bit rates (about 1.6 Mbit/s main per camera) keep the copy cost low under qemu
 // while still turning the budget over many times.
 constexpr stream_profile k_profiles[4] = {
-    { VESK_AV_STREAM_MAIN, 0x9110C, 64 * 1024, 8000, 1 },
-    { VESK_AV_STREAM_SUB, 0x9110D, 16 * 1024, 2000, 1 },
-    { VESK_AV_STREAM_AUDIO, 0x9110E, 4 * 1024, 320, 1 },
-    { VESK_AV_STREAM_SMART, 0x9110F, 4 * 1024, 200, 5 },
+    {VESK_AV_STREAM_MAIN, 0x9110C, 64 * 1024, 8000, 1},
+    {VESK_AV_STREAM_SUB, 0x9110D, 16 * 1024, 2000, 1},
+    {VESK_AV_STREAM_AUDIO, 0x9110E, 4 * 1024, 320, 1},
+    {VESK_AV_STREAM_SMART, 0x9110F, 4 * 1024, 200, 5},
 };
 
 } // namespace
@@ -58,9 +58,9 @@ TEST(AvSoakTest, FullLoadStaysWithinBudgetAndReturnsEverything)
         ASSERT_GE(mng->malloc_magic_ofset(ch, 1, 1, 0x600 + ch), 0);
     }
 
-    std::atomic<bool> stop { false };
-    std::atomic<uint32_t> peak { 0 };
-    std::atomic<uint32_t> refused { 0 };
+    std::atomic<bool> stop {false};
+    std::atomic<uint32_t> peak {0};
+    std::atomic<uint32_t> refused {0};
     std::vector<std::thread> writers;
     for (const stream_profile& p : k_profiles) {
         writers.emplace_back([&, p] {

@@ -89,8 +89,8 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     EXPECT_EQ(2u, n->frame_no);
 
     // Join the pieces as a reader does: the tags chain, the continuation lengths add up.
-    std::vector<uint8_t> joined(reinterpret_cast<const uint8_t*>(n + 1),
-        reinterpret_cast<const uint8_t*>(n + 1) + n->stored_len);
+    std::vector<uint8_t> joined(
+        reinterpret_cast<const uint8_t*>(n + 1), reinterpret_cast<const uint8_t*>(n + 1) + n->stored_len);
     uint32_t tag = a->trail_tag;
     for (size_t i = 1; i < 3; i++) {
         EXPECT_EQ(tag, v[i]->lead_tag);
@@ -208,7 +208,7 @@ TEST(AvLogoTest, MissingLargeLogoFallsBackAndBadFilesStayEmpty)
 {
     const std::string root = vesk_test::private_root() + "/logos";
     mkdir(root.c_str(), 0755);
-    for (const char* d : { "/mnt", "/mnt/mtd", "/mnt/mtd/res", "/mnt/mtd/res/platform", "/mnt/mtd/app" })
+    for (const char* d : {"/mnt", "/mnt/mtd", "/mnt/mtd/res", "/mnt/mtd/res/platform", "/mnt/mtd/app"})
         mkdir((root + d).c_str(), 0755);
     write_nvr(root + "/mnt/mtd/res/platform/novideo.nvr", 352, 288, 500, 500);
     write_nvr(root + "/mnt/mtd/res/platform/not_connect_camera_mid.nvr", 704, 576, 800, 800);
@@ -217,8 +217,10 @@ TEST(AvLogoTest, MissingLargeLogoFallsBackAndBadFilesStayEmpty)
     vesk_logo_table table;
     const std::string out = vesk_test::capture_stdout([&] { table.load(root.c_str()); });
     EXPECT_EQ(16, vesk_test::count_of(out, "[Load Logo Frame] Open Failed "));
-    EXPECT_NE(std::string::npos, out.find("not_connect_camera.nvr Vertify Logo Frame Width[0] Height[288] Not Invalid"));
-    EXPECT_NE(std::string::npos, out.find("[Load Logo Frame] Read " + root + "/mnt/mtd/res/platform/company.nvr Logo Frame Failed"));
+    EXPECT_NE(
+        std::string::npos, out.find("not_connect_camera.nvr Vertify Logo Frame Width[0] Height[288] Not Invalid"));
+    EXPECT_NE(std::string::npos,
+        out.find("[Load Logo Frame] Read " + root + "/mnt/mtd/res/platform/company.nvr Logo Frame Failed"));
 
     _tagVeskFrameHeader* f = nullptr;
     uint32_t len = 0;
