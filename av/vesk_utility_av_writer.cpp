@@ -138,6 +138,8 @@ VESK_ERR av_writer_put(
         b->width = header->usWidth;
         b->height = header->usHeight;
     }
+    // Read before the unlock: a final block may be freed by rotation at any moment after it.
+    uint32_t prev_tag = b->trail_tag;
     if (stored != frame_len) {
         b->is_full = 1;
         finish_locked(b);
@@ -151,7 +153,6 @@ VESK_ERR av_writer_put(
     w->cur = nullptr;
     const uint8_t* rest = static_cast<const uint8_t*>(payload) + first_payload;
     uint32_t left = frame_len - stored;
-    uint32_t prev_tag = b->trail_tag;
     while (left != 0) {
         vesk_IPC_stream_block_head* c = open_block(w);
         if (c == nullptr)
@@ -169,8 +170,8 @@ VESK_ERR av_writer_put(
             c->receiving = 0;
             c->block_state = 1;
         }
-        mng->push_av_block(w->ipc_idx, c);
         prev_tag = c->trail_tag;
+        mng->push_av_block(w->ipc_idx, c);
         if (left == 0)
             w->cur = c;
     }
