@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "vesk_utility.h"
+#include "av/vesk_utility_av_mng.h"
 #include "vesk_utility_diagnose.h"
 #include "vesk_utility_hooks.h"
 #include "vesk_utility_log.h"
@@ -74,7 +75,7 @@ VESK_ERR vesk_utility_init(vesk_utility_ops_type ops)
         install_protocol_allocators();
         res()->construct_res(ops);
         s_ops_type.store(ops, std::memory_order_release);
-        // The logo frames are loaded here once the A/V cache exists.
+        load_logo_frame();
     }
     pthread_mutex_unlock(&s_init_lock);
     return VESK_OK;

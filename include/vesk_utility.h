@@ -10,6 +10,7 @@
 #include "vesk_utility_lock.h"
 #include "vesk_utility_timer.h"
 #include "vesk_utility_av_types.h"
+#include "vesk_utility_av.h"
 #include "vesk_utility_media.h"
 #include "vesk_utility_net.h"
 #include "vesk_utility_sqlite.h"

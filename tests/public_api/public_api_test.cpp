@@ -248,6 +248,44 @@ int main()
             vesk_utility_relase_if_config(cfg);
     }
 
+    // A/V cache: a stream fed through the block writer, its statistics, readers and logos.
+    {
+        vesk_av_block_writer w;
+        CHECK(vesk_utility_av_writer_init(&w, 30, VESK_AV_STREAM_MAIN, 0x9110C, 4096, 16) == VESK_OK);
+        unsigned char payload[3000] = { 0 };
+        _tagVeskFrameHeader h {};
+        h.uiStartId = VESK_FRAME_STARTCODE;
+        h.uiFrameType = VESK_FRAME_TYPE_I;
+        h.uiLength = sizeof(payload);
+        h.usWidth = 640;
+        for (int i = 0; i < 4; i++) {
+            h.uiFrameNo = i;
+            CHECK(vesk_utility_av_writer_put(&w, &h, payload) == VESK_OK);
+        }
+        CHECK(vesk_utility_av_writer_close(&w) == VESK_OK);
+        vesk_IPC_stream_block_head bad {};
+        bad.block_type = 4;
+        CHECK(vesk_utility_push_av_block(0, &bad) == VESK_ERR_INVALID_PARAM);
+        CHECK(vesk_utility_set_chn_connect_status(32, 1) == VESK_ERR_INVALID_PARAM);
+        CHECK(vesk_utility_switch_av_ivr_ch(31, 30) == VESK_OK);
+        CHECK(vesk_utility_switch_av_ivr_ch(31, 30) == VESK_OK);
+        vesk_stream_stat_info info;
+        CHECK(vesk_utility_get_stream_stat_info(30, VESK_AV_STREAM_MAIN, &info) == VESK_OK);
+        _tagVeskFrameHeader last;
+        CHECK(vesk_utility_get_last_frame_head(30, VESK_AV_STREAM_NUM, last) == VESK_ERR_INVALID_PARAM);
+        vesk_av_reader* r = vesk_utility_new_av_reader(VESK_AV_READER_REAL_TIME, VESK_AV_READER_STREAM_USER, 0x10);
+        CHECK(r != nullptr && r->set_chn(3) == VESK_OK && r->is_free());
+        CHECK(vesk_utility_delete_av_reader(r, __FILE__, __func__) == VESK_OK);
+        vesk_bps_real_info meter {};
+        CHECK(vesk_utility_update_real_bps_info("api", &meter, &h) == VESK_OK && meter.width == 640);
+        CHECK(vesk_utility_dump_real_bps("api", &meter) == VESK_OK);
+        CHECK(vesk_utility_av_convert_type(VESK_ENC_STR_AUDIO) == VESK_AV_STREAM_AUDIO);
+        _tagVeskFrameHeader* logo = nullptr;
+        unsigned int logo_len = 0;
+        CHECK(vesk_utility_get_logo_frame(VESK_LOGO_NO_VIDEO, 1, &logo, &logo_len) == VESK_ERR_OPERATE_FAIL);
+        CHECK(vesk_utility_set_av_max_cache(32u << 20, 40u << 20) == VESK_OK);
+    }
+
     rmdir(root);
     fprintf(stderr, "%s\n", s_failures == 0 ? "public API: all checks passed" : "public API: failures");
     return s_failures == 0 ? 0 : 1;

@@ -1,0 +1,97 @@
+// vesk_utility_av_api - the exported wrappers of the A/V cache: each checks that the layer is
+// initialised and forwards to the block manager or the logo table.
+#include "vesk_utility_av.h"
+#include "vesk_utility_av_logo.h"
+#include "vesk_utility_av_mng.h"
+#include "vesk_utility_log.h"
+#include "vesk_utility_mem_account.h"
+#include "vesk_utility_resource.h"
+
+namespace vesk_soft
+{
+
+using namespace vesk_utility;
+
+namespace
+{
+
+bool av_ready()
+{
+    if (vesk_ops_type() != 0)
+        return true;
+    VESK_ERR_FN("Utility Module Not Init");
+    return false;
+}
+
+} // namespace
+
+VESK_ERR vesk_utility_push_av_block(uint32_t ipc_idx, vesk_IPC_stream_block_head* block)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return vesk_utility_av_mng::instance()->push_av_block(ipc_idx, block);
+}
+
+VESK_ERR vesk_utility_set_av_max_cache(uint32_t start_rotate, uint32_t forbid_malloc)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    VESK_DBG_FN(
+        "s_av_start_rotate_size = %dMB, s_av_forbid_malloc_size = %dMB\n", start_rotate >> 20, forbid_malloc >> 20);
+    vesk_mem_set_av_limits(start_rotate, forbid_malloc);
+    vesk_utility_av_mng::instance()->set_av_max_cache(start_rotate);
+    return VESK_OK;
+}
+
+VESK_ERR vesk_utility_set_chn_connect_status(uint32_t ipc_idx, uint32_t status)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return vesk_utility_av_mng::instance()->set_chn_connect_status(ipc_idx, status);
+}
+
+VESK_ERR vesk_utility_switch_av_ivr_ch(uint32_t ivr_ch_a, uint32_t ivr_ch_b)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return vesk_utility_av_mng::instance()->switch_ivr_ch(ivr_ch_a, ivr_ch_b);
+}
+
+vesk_av_reader* vesk_utility_new_av_reader(
+    vesk_av_reader_work_mode mode, vesk_av_reader_usr_type usr_type, vesk_av_reader_purpose purpose)
+{
+    if (!av_ready())
+        return nullptr;
+    return vesk_utility_av_mng::instance()->new_av_reader(mode, usr_type, purpose);
+}
+
+VESK_ERR vesk_utility_delete_av_reader(vesk_av_reader* reader, const char* file, const char* func)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return vesk_utility_av_mng::instance()->delete_av_reader(reader, file, func);
+}
+
+VESK_ERR vesk_utility_get_stream_stat_info(uint32_t ivr_ch, vesk_av_stream_type type, vesk_stream_stat_info* info)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return vesk_utility_av_mng::instance()->get_stream_stat_info(ivr_ch, type, info);
+}
+
+VESK_ERR vesk_utility_get_last_frame_head(uint32_t ivr_ch, vesk_av_stream_type type, _tagVeskFrameHeader& header)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return vesk_utility_av_mng::instance()->get_last_frame_info(ivr_ch, type, header);
+}
+
+VESK_ERR vesk_utility_get_logo_frame(
+    vesk_logo_type type, VESK_BOOL large, _tagVeskFrameHeader** frame, uint32_t* length)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return logo_table().get(type, large != 0, frame, length);
+}
+
+} // namespace vesk_soft
