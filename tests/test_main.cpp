@@ -15,6 +15,9 @@ int main(int argc, char** argv)
     // Death tests re-execute the binary, so a child starts from a clean, single-threaded
     // process even though the timer threads run in the parent.
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    // Listing the tests (CTest's discovery) must print nothing else: no start-up at all.
+    if (testing::GTEST_FLAG(list_tests))
+        return RUN_ALL_TESTS();
     vesk_test::make_private_root();
     vesk_soft::vesk_utility_init(vesk_soft::VESK_UTILITY_OPS_MAIN_APP);
     // The timer's check thread greets asynchronously; tests that match printed output exactly
