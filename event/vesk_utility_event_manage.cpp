@@ -177,7 +177,7 @@ void vesk_utility_event_manage::proc_init_list(event_list<Node>& list, uint32_t 
     list.lock = new vesk_rw_lock_realize(lock_name);
 }
 
-vesk_utility_event_manage::vesk_utility_event_manage()
+vesk_utility_event_manage::vesk_utility_event_manage(uint32_t info_nodes)
 {
     m_valid_time[0].store(6);
     m_valid_time[1].store(8);
@@ -198,7 +198,7 @@ vesk_utility_event_manage::vesk_utility_event_manage()
     VESK_ASSERT(m_oberver_manage.oberver != NULL);
     std::memset(m_oberver_manage.oberver, 0, sizeof(event_oberver_slot) * k_event_observer_slots);
 
-    m_info_pool = new (std::nothrow) event_node_pool(k_event_info_nodes, sizeof(event_info_node), k_purpose_event_info);
+    m_info_pool = new (std::nothrow) event_node_pool(info_nodes, sizeof(event_info_node), k_purpose_event_info);
     m_schedule_pool = new (std::nothrow)
         event_node_pool(k_event_schedule_nodes, sizeof(event_schedule_node), k_purpose_event_schedule);
     m_filter_pool
@@ -697,7 +697,7 @@ VESK_ERR vesk_utility_event_manage::get_event_info(
 void vesk_utility_event_manage::dump_events(print_fn print)
 {
     list_guard guard(m_info_list.lock, false, __func__);
-    print("active events: %u of %u\n", m_info_list.count, k_event_info_nodes);
+    print("active events: %u of %u\n", m_info_list.count, m_info_pool->count());
     print("%-4s %-5s %-5s %-5s %-5s %-7s %-10s %-10s %-9s %s\n", "no", "main", "sub", "index", "local", "trigger",
         "start", "last", "countdown", "text");
     unsigned i = 0;

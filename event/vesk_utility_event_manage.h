@@ -126,8 +126,9 @@ class vesk_utility_event_manage final : public vesk_soft::vesk_diagnose_client
 {
 public:
     // Allocates the pools, the observer table and the notify batch (failures are fatal) and
-    // registers the check task: every 1000 ms, first after 30 s.
-    vesk_utility_event_manage();
+    // registers the check task: every 1000 ms, first after 30 s. info_nodes bounds the active
+    // events; only tests that need more than one batch of them change it.
+    explicit vesk_utility_event_manage(uint32_t info_nodes = k_event_info_nodes);
     // The service lives as long as the process: destroying it is fatal.
     ~vesk_utility_event_manage() override;
     vesk_utility_event_manage(const vesk_utility_event_manage&) = delete;
