@@ -19,6 +19,7 @@
 #include "vesk_utility_pool.h"
 #include "vesk_utility_thread_pool.h"
 #include "sched/vesk_utility_timer.h"
+#include "event/vesk_utility_event_manage.h"
 
 namespace vesk_utility {
 
@@ -147,8 +148,9 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     }
     curl_global_init(CURL_GLOBAL_ALL);
     if (ops == VESK_UTILITY_OPS_MAIN_APP) {
-        // The event manager and the watchdog come with their own services; NULL until then.
+        // The watchdog comes with its own service; NULL until then.
         m_timer = new_accounted<vesk_utility_timer>(k_purpose_timer);
+        m_event_manage = new_accounted<vesk_utility_event_manage>(k_purpose_event_manage);
         // An A/V allocation that reaches the rotation threshold pulls the rotation task forward.
         vesk_mem_set_rotate_waker(timer_rotate_waker);
     } else {
@@ -168,12 +170,11 @@ void vesk_utility_res_manage::regist_diag_clients(vesk_utility_ops_type ops)
     m_diagnose->regist_diag(m_thread_pool, k_thread_pool_title, k_thread_pool_help);
     m_diagnose->regist_diag(this, k_res_title, k_res_help);
     m_diagnose->regist_diag(m_timer, k_timer_title, k_timer_help);
-    // The event manager registers here once it exists (the main application's slot is NULL
-    // until then). The proxy server registers both of its empty slots, as the start-up order
-    // has it: the second NULL is refused as a repeat ("repeat, why?"), and the NULL timer entry
-    // is never served, since that role stops at the agent's start.
-    if (ops != VESK_UTILITY_OPS_MAIN_APP)
-        m_diagnose->regist_diag(nullptr, k_event_title, "");
+    // The proxy server registers both of its empty slots, as the start-up order has it: the
+    // second NULL is refused as a repeat ("repeat, why?"), and the NULL timer entry is never
+    // served, since that role stops at the agent's start.
+    (void)ops;
+    m_diagnose->regist_diag(m_event_manage, k_event_title, "");
     m_diagnose->regist_diag(m_string_pool, k_string_pool_title, k_pool_help);
     m_diagnose->regist_diag(m_little_mem_pool, k_little_pool_title, k_pool_help);
     m_diagnose->regist_diag(m_av_reader_pool, k_av_reader_pool_title, k_pool_help);

@@ -9,6 +9,7 @@
 #include "vesk_utility_thread.h"
 #include "vesk_utility_lock.h"
 #include "vesk_utility_timer.h"
+#include "vesk_utility_event.h"
 #include "vesk_utility_av_types.h"
 #include "vesk_utility_av.h"
 #include "vesk_utility_media.h"

@@ -1,6 +1,6 @@
 // A firmware module's view of the layer: this file sees only vesk_utility.h and links only
 // the shared library. It calls every entry point of the entry, registry, helper, lock,
-// accounting and timer families with their exported signatures and checks what a caller can
+// accounting, timer and event families with their exported signatures and checks what a caller can
 // observe.
 #include <fcntl.h>
 #include <pthread.h>
@@ -200,6 +200,45 @@ int main()
     vesk_json_operate* doc1 = vesk_utility_new_json_operate(nullptr, 0x40, "api json v1");
     CHECK(doc1 != nullptr && doc1->add_item_string("name", "gate") == VESK_OK);
     CHECK(doc1 != nullptr && vesk_utility_delete_json_operate(doc1, __FILE__, __func__) == VESK_OK);
+
+    // Events: every exported entry, through the header's records.
+    {
+        struct quiet : vesk_event_oberver {
+            void on_event(const vesk_event_detail_info*, unsigned) const override { }
+        } obs;
+        CHECK(vesk_utility_register_event_oberver(0x40, &obs) == VESK_OK);
+        vesk_event_info disk = {};
+        disk.main_type = VESK_EVENT_DISK_EVENT;
+        disk.sub_type = VESK_EVENT_SUB_DISK_FULL;
+        disk.index = 1;
+        CHECK(vesk_utility_set_event_state(&disk, 1) == VESK_OK);
+        const vesk_event_id id = { VESK_EVENT_DISK_EVENT, 0, VESK_EVENT_SUB_DISK_FULL, 1, 0, { 0, 0, 0 } };
+        VESK_BOOL active = 0;
+        long start = 0, last = 0;
+        CHECK(vesk_utility_get_event_state(&id, &active, &start, &last) == VESK_OK && active == 1 && start > 0);
+        const vesk_event_type any = { VESK_EVENT_MAIN_ANY, VESK_EVENT_SUB_TYPE_ANY };
+        CHECK(vesk_utility_get_event_state(&any, &active) == VESK_OK && active == 1);
+        CHECK(vesk_utility_set_event_filter(VESK_EVENT_USER_LOCAL, &id, 1) == VESK_OK);
+        CHECK(vesk_utility_set_event_filter(VESK_EVENT_USER_REMOTE, &any, 1) == VESK_OK);
+        vesk_event_detail_info rec[2];
+        uint32_t count = 9;
+        CHECK(vesk_utility_get_event_info(VESK_EVENT_USER_LOCAL, rec, 2, &count) == VESK_OK && count == 0);
+        CHECK(vesk_utility_set_event_filter(VESK_EVENT_USER_LOCAL, &id, 0) == VESK_OK);
+        CHECK(vesk_utility_get_event_info(VESK_EVENT_USER_LOCAL, rec, 2, &count) == VESK_OK && count == 1
+            && rec[0].is_trigger == 1);
+        vesk_arming_shedule sched = {};
+        sched.day[1][0].end_minute = 60;
+        vesk_event_id chn = { VESK_EVENT_CHANNEL_EVENT, 1, VESK_EVENT_SUB_MOTION, 2, 0, { 0, 0, 0 } };
+        CHECK(vesk_utility_set_event_arming(&chn, &sched) == VESK_OK);
+        vesk_arming_shedule back = {};
+        CHECK(vesk_utility_get_event_arming(&chn, &back) == VESK_OK && back.day[1][0].end_minute == 60);
+        VESK_BOOL push = 0;
+        CHECK(vesk_utility_set_event_push_state(1) == VESK_OK && vesk_utility_get_event_push_state(&push) == VESK_OK
+            && push == 1);
+        CHECK(vesk_utility_set_event_valid_time(6) == VESK_OK);
+        CHECK(vesk_utility_set_event_state(&disk, 0) == VESK_OK);
+        CHECK(vesk_utility_unregister_event_oberver(0x40, &obs) == VESK_OK);
+    }
 
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);
