@@ -86,7 +86,7 @@ std::string format(const char* fmt, ...)
 // Pools of the tests' own; never destroyed, like the layer's.
 utility_little_mem_pool* private_little_pool(uint32_t chunk_size)
 {
-    return new utility_little_mem_pool(chunk_size, 0x3999);
+    return vesk_test::never_destroyed(new utility_little_mem_pool(chunk_size, 0x3999));
 }
 
 void fill(void* p, size_t n, unsigned char v)
@@ -432,7 +432,7 @@ TEST(PoolDumpTest, LittlePoolSummaryNodeTableAndTotals)
 
 TEST(PoolDumpTest, StringPoolTableShowsTheStrings)
 {
-    utility_string_pool* pool = new utility_string_pool();
+    utility_string_pool* pool = vesk_test::never_destroyed(new utility_string_pool());
     char* s = pool->strdup(0x33, 0x3301, "cam1", 64, nullptr); // need 9
     const char* area = chunk_addr_of(s);
     const uint32_t empty = k_string_pool_chunk_size - CH - NH - (9 + NH);
