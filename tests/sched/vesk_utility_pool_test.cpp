@@ -31,20 +31,27 @@ vesk_utility_res_manage* res()
     return vesk_utility_res_manage::instance();
 }
 
-const utility_string_pool_mem_node* node_of(const void* p)
+// The header fields before a block, read out by value: a string's header sits at any byte
+// address, and the assertions bind references to what they compare.
+struct node_fields {
+    uint32_t magic_0, mem_ofset, mem_size, usr_mem_size, usr_id, purpose;
+};
+
+node_fields node_of(const void* p)
 {
-    return reinterpret_cast<const utility_string_pool_mem_node*>(static_cast<const char*>(p) - NH);
+    const auto* n = reinterpret_cast<const utility_string_pool_mem_node*>(static_cast<const char*>(p) - NH);
+    return { n->magic_0, n->mem_ofset, n->mem_size, n->usr_mem_size, n->usr_id, n->purpose };
 }
 
 const char* chunk_addr_of(const void* p)
 {
-    return static_cast<const char*>(p) - node_of(p)->mem_ofset;
+    return static_cast<const char*>(p) - node_of(p).mem_ofset;
 }
 
 uint32_t magic_1_of(const void* p)
 {
     uint32_t v;
-    memcpy(&v, static_cast<const char*>(p) + node_of(p)->usr_mem_size, 4);
+    memcpy(&v, static_cast<const char*>(p) + node_of(p).usr_mem_size, 4);
     return v;
 }
 
@@ -79,7 +86,7 @@ std::string format(const char* fmt, ...)
 // Pools of the tests' own; never destroyed, like the layer's.
 utility_little_mem_pool* private_little_pool(uint32_t chunk_size)
 {
-    return new utility_little_mem_pool(chunk_size, 0x3999);
+    return vesk_test::never_destroyed(new utility_little_mem_pool(chunk_size, 0x3999));
 }
 
 void fill(void* p, size_t n, unsigned char v)
@@ -115,20 +122,20 @@ TEST(StringPoolTest, CopiesAreGuardedCarvedFromTheTailAndCoalesceOnBothSides)
     for (int i = 0; i < 4; i++) {
         s[i] = vesk_utility_strdup(0x50 + i, 0x5000 + i, text[i].c_str(), 1000);
         ASSERT_NE(s[i], nullptr);
-        EXPECT_EQ(node_of(s[i])->magic_0, k_pool_magic_0);
-        EXPECT_EQ(node_of(s[i])->usr_mem_size, text[i].size() + 1);
-        EXPECT_EQ(node_of(s[i])->mem_size, text[i].size() + 5);
-        EXPECT_EQ(node_of(s[i])->usr_id, 0x50u + i);
-        EXPECT_EQ(node_of(s[i])->purpose, 0x5000u + i);
+        EXPECT_EQ(node_of(s[i]).magic_0, k_pool_magic_0);
+        EXPECT_EQ(node_of(s[i]).usr_mem_size, text[i].size() + 1);
+        EXPECT_EQ(node_of(s[i]).mem_size, text[i].size() + 5);
+        EXPECT_EQ(node_of(s[i]).usr_id, 0x50u + i);
+        EXPECT_EQ(node_of(s[i]).purpose, 0x5000u + i);
         EXPECT_EQ(magic_1_of(s[i]), k_pool_magic_1);
     }
     EXPECT_EQ(pool->chunk_count(), 1u);
     EXPECT_EQ(pool->total_mem_size(), base.strings + k_string_pool_chunk_size);
     // The first copy takes the chunk's tail; each later one sits right before the previous.
     const char* area = chunk_addr_of(s[0]);
-    EXPECT_EQ(s[0] + node_of(s[0])->mem_size, area + (k_string_pool_chunk_size - CH));
+    EXPECT_EQ(s[0] + node_of(s[0]).mem_size, area + (k_string_pool_chunk_size - CH));
     for (int i = 1; i < 4; i++)
-        EXPECT_EQ(s[i] + node_of(s[i])->mem_size + NH, s[i - 1]);
+        EXPECT_EQ(s[i] + node_of(s[i]).mem_size + NH, s[i - 1]);
 
     // Layout now: [empty][s3][s2][s1][s0]. Freeing s1 (right of s2), then s3 (left of s2)
     // leaves two holes; freeing s2 merges all three with the leading empty node.
@@ -138,9 +145,9 @@ TEST(StringPoolTest, CopiesAreGuardedCarvedFromTheTailAndCoalesceOnBothSides)
     EXPECT_NE(dump(*pool, 2).find("used/empty[node] = 2/2,"), std::string::npos);
     EXPECT_STREQ(s[2], text[2].c_str());
     vesk_utility_free(__FILE__, __func__, s[2]);
-    const uint32_t one_hole = k_string_pool_chunk_size - CH - NH - node_of(s[0])->mem_size;
+    const uint32_t one_hole = k_string_pool_chunk_size - CH - NH - node_of(s[0]).mem_size;
     EXPECT_NE(dump(*pool, 2).find(format("used/empty[node] = 1/1, used/empty/total[size] = %u[0KB]/%u[31KB]",
-                  NH + node_of(s[0])->mem_size, one_hole)),
+                  NH + node_of(s[0]).mem_size, one_hole)),
         std::string::npos)
         << dump(*pool, 2);
 
@@ -161,7 +168,7 @@ TEST(StringPoolTest, LengthLimitsAndTheBigBufferBoundary)
     char* cut = pool->strdup(0x51, 0x5101, "front door camera", 5, &len);
     EXPECT_STREQ(cut, "front");
     EXPECT_EQ(len, 5u);
-    EXPECT_EQ(node_of(cut)->usr_mem_size, 6u);
+    EXPECT_EQ(node_of(cut).usr_mem_size, 6u);
     char* empty = pool->strdup(0x51, 0x5101, "", 5, &len);
     EXPECT_STREQ(empty, "");
     EXPECT_EQ(len, 0u);
@@ -274,11 +281,11 @@ TEST(LittlePoolTest, BestFitSplitThresholdAndChunkRelease)
     // beside it still takes it whole.
     char* whole = static_cast<char*>(pool->malloc(0x63, 0x6302, 100 - NH - 32 - 4));
     EXPECT_EQ(whole, b[1]);
-    EXPECT_EQ(node_of(whole)->mem_size, 100u);
+    EXPECT_EQ(node_of(whole).mem_size, 100u);
     // 12 (need 16) into the 204-byte hole: split, the new node at the hole's tail.
     char* split = static_cast<char*>(pool->malloc(0x63, 0x6303, 12));
     EXPECT_EQ(split, b[3] + 204 - 16);
-    EXPECT_EQ(node_of(split)->mem_size, 16u);
+    EXPECT_EQ(node_of(split).mem_size, 16u);
     for (int i : { 0, 2, 4, 6 })
         EXPECT_TRUE(holds(b[i], sizes[i], static_cast<unsigned char>(i + 1))) << i;
 
@@ -425,7 +432,7 @@ TEST(PoolDumpTest, LittlePoolSummaryNodeTableAndTotals)
 
 TEST(PoolDumpTest, StringPoolTableShowsTheStrings)
 {
-    utility_string_pool* pool = new utility_string_pool();
+    utility_string_pool* pool = vesk_test::never_destroyed(new utility_string_pool());
     char* s = pool->strdup(0x33, 0x3301, "cam1", 64, nullptr); // need 9
     const char* area = chunk_addr_of(s);
     const uint32_t empty = k_string_pool_chunk_size - CH - NH - (9 + NH);

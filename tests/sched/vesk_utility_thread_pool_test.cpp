@@ -117,7 +117,7 @@ utility_thread_pool& live_pool()
 // A pool of its own for a test; never destroyed (destruction is fatal by design).
 utility_thread_pool& private_pool()
 {
-    return *new utility_thread_pool();
+    return *vesk_test::never_destroyed(new utility_thread_pool());
 }
 
 bool wait_until(const std::function<bool()>& cond)
