@@ -313,8 +313,16 @@ TEST(AvMngDeathTest, MisuseIsFatalWithTheExactCondition)
     VESK_EXPECT_FATAL(vesk_utility_av_mng::rotate_block(nullptr, &next, &tt), "Condition: user_param != NULL");
     VESK_EXPECT_FATAL(
         {
+            vesk_av_block_writer w;
+            vesk_utility_av_writer_init(&w, 9, VESK_AV_STREAM_AUDIO, 0x9110E, 1024, 8);
+            _tagVeskFrameHeader h {};
+            h.uiStartId = VESK_FRAME_STARTCODE;
+            h.uiLength = 4;
+            vesk_utility_av_writer_put(&w, &h, "abcd");
             vesk_av_reader* r = vesk_utility_new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
-            static_cast<vesk_av_reader_v1*>(r)->add_ref();
+            r->set_chn(9);
+            vesk_IPC_stream_block_head* held = nullptr;
+            r->get_block(VESK_AV_STREAM_AUDIO, &held, 1);
             vesk_utility_delete_av_reader(r, "rec.cpp", "stop");
         },
         "rec.cpp stop AV Reader Reference Resouce Not Empty, Can't Delete");
