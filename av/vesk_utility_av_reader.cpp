@@ -55,6 +55,11 @@ vesk_av_block* find_blk(vesk_av_stream_list& list, uint64_t id)
     return nullptr;
 }
 
+bool later(const vesk_av_time& a, const vesk_av_time& b)
+{
+    return a.sec != b.sec ? a.sec > b.sec : a.nsec > b.nsec;
+}
+
 vesk_av_frame_node* node_of(const vesk_av_block* b, uint32_t idx)
 {
     return b->block->frame_index[idx];
@@ -376,7 +381,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
         }
         if (is_video(str_type)) {
             if (k2b != nullptr
-                && (kb == nullptr || av_diff_ms(k2b->block->key2_time, kb->block->key_time) > 0
+                && (kb == nullptr || later(k2b->block->key2_time, kb->block->key_time)
                     || (k2b == kb && kb->block->last_key2_idx > kb->block->last_key_idx))) {
                 b = k2b;
                 i = static_cast<int32_t>(k2b->block->last_key2_idx);

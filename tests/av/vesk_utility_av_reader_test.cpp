@@ -1,0 +1,377 @@
+// Tests of the A/V reader against a private manager fed by the block writer: start point,
+// order across blocks, joined split frames, key-frame resync, logos, references and pacing
+// outputs, block reading, and the fatal misuses.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "av_test_blocks.h"
+#include "test_support.h"
+#include "vesk_utility_av_logo.h"
+
+using namespace vesk_soft;
+using namespace vesk_utility;
+using vesk_test::at;
+using vesk_test::list_ids;
+
+namespace
+{
+
+constexpr uint32_t k_ipc = 3;
+
+// Payload byte j of frame fno: checkable without keeping the frames.
+uint8_t pattern(uint32_t fno, uint32_t j)
+{
+    return static_cast<uint8_t>(fno * 31 + j);
+}
+
+struct feed {
+    vesk_utility_av_mng& mng;
+    vesk_av_block_writer w;
+    feed(vesk_utility_av_mng& m, uint32_t block_bytes, vesk_av_stream_type type = VESK_AV_STREAM_MAIN)
+        : mng(m)
+    {
+        vesk_utility_av_writer_init(&w, k_ipc, type, 0x9110C, block_bytes, 64);
+        mng.set_chn_connect_status(k_ipc, 1);
+    }
+    void put(uint32_t fno, uint32_t type, uint32_t len = 100)
+    {
+        _tagVeskFrameHeader h {};
+        h.uiStartId = VESK_FRAME_STARTCODE;
+        h.uiFrameType = type;
+        h.uiFrameNo = fno;
+        h.uiLength = len;
+        h.uiTimeStamp = fno * 2970; // 33 ms
+        std::vector<uint8_t> p(len);
+        for (uint32_t j = 0; j < len; j++)
+            p[j] = pattern(fno, j);
+        ASSERT_EQ(VESK_OK, av_writer_put(&mng, &w, &h, p.data()));
+    }
+};
+
+bool intact(const _tagVeskFrameHeader* f)
+{
+    const auto* p = reinterpret_cast<const uint8_t*>(f + 1);
+    for (uint32_t j = 0; j < f->uiLength; j++)
+        if (p[j] != pattern(f->uiFrameNo, j))
+            return false;
+    return true;
+}
+
+vesk_av_reader* new_reader(vesk_utility_av_mng& mng, vesk_av_reader_usr_type usr = VESK_AV_READER_STREAM_USER)
+{
+    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, usr, 0x77);
+    r->set_chn(k_ipc);
+    return r;
+}
+
+// Reads one frame, checks it, puts it; returns its number (or ~0u when nothing came).
+uint32_t read_one(vesk_av_reader* r, vesk_av_stream_type t = VESK_AV_STREAM_MAIN, uint32_t* interval = nullptr)
+{
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    if (r->get_frame(t, &f, 0, &next) != VESK_OK)
+        return ~0u;
+    EXPECT_TRUE(intact(f)) << "frame " << f->uiFrameNo;
+    const uint32_t fno = f->uiFrameNo;
+    EXPECT_EQ(VESK_OK, r->put_frame(t, f));
+    if (interval != nullptr)
+        *interval = next;
+    return fno;
+}
+
+} // namespace
+
+TEST(AvReaderTest, StartsAtNewestKeyFrameAndReadsInOrderAcrossBlocks)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024); // about 6 frames per block
+    for (uint32_t n = 0; n < 40; n++)
+        in.put(n, n % 25 == 0 ? VESK_FRAME_TYPE_I : 2);
+    vesk_av_reader* r = new_reader(mng);
+    uint32_t interval = 0;
+    EXPECT_EQ(25u, read_one(r, VESK_AV_STREAM_MAIN, &interval));
+    EXPECT_EQ(0u, interval) << "free run: the next frame is there";
+    for (uint32_t n = 26; n < 40; n++)
+        ASSERT_EQ(n, read_one(r, VESK_AV_STREAM_MAIN, &interval));
+    EXPECT_EQ(33u, interval) << "nothing newer: the last frame interval";
+    EXPECT_EQ(~0u, read_one(r));
+    for (uint32_t n = 40; n < 60; n++)
+        in.put(n, n == 50 ? VESK_FRAME_TYPE_I : n == 55 ? VESK_FRAME_TYPE_KEY2 : 2);
+    for (uint32_t n = 40; n < 60; n++)
+        ASSERT_EQ(n, read_one(r));
+
+    vesk_av_reader* late = new_reader(mng);
+    EXPECT_EQ(55u, read_one(late)) << "the second key type is newer than the I frame";
+    vesk_av_reader* audio = new_reader(mng);
+    EXPECT_EQ(~0u, read_one(audio, VESK_AV_STREAM_AUDIO));
+    EXPECT_TRUE(r->is_free());
+    for (vesk_av_reader* x : {r, late, audio})
+        EXPECT_EQ(VESK_OK, mng.delete_av_reader(x, __FILE__, __func__));
+}
+
+TEST(AvReaderTest, FrameSplitOverThreeBlocksArrivesAsOneCopy)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    in.put(1, VESK_FRAME_TYPE_I, 2500);
+    in.put(2, 2, 50);
+    vesk_av_reader* r = new_reader(mng);
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    ASSERT_EQ("9527,9528,9529", list_ids(mng, k_ipc, 0));
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    EXPECT_EQ(1u, f->uiFrameNo);
+    EXPECT_EQ(2500u, f->uiLength);
+    EXPECT_TRUE(intact(f));
+    EXPECT_EQ(0u, next);
+    _tagVeskFrameHeader* again = nullptr;
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &again, 0, &next));
+    EXPECT_EQ(f, again);
+    EXPECT_EQ(40u, next);
+    EXPECT_FALSE(r->is_free()) << "the copy counts";
+    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    EXPECT_TRUE(r->is_free());
+    EXPECT_EQ(2u, read_one(r));
+    mng.delete_av_reader(r, __FILE__, __func__);
+}
+
+TEST(AvReaderTest, BrokenContinuationDropsTheFrameAndResyncs)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    in.put(0, VESK_FRAME_TYPE_I);
+    vesk_av_reader* r = new_reader(mng);
+    ASSERT_EQ(0u, read_one(r));
+    in.put(1, 2, 2000);
+    {
+        // The continuation's tag no longer matches: the piece was lost.
+        vesk_av_chn_blocks& chn = mng.chn_blocks(k_ipc);
+        chn.lists[0].tail->block->lead_tag ^= 0x5A; // the last of the three pieces
+    }
+    in.put(2, 2);
+    in.put(3, VESK_FRAME_TYPE_I);
+    uint32_t got = 0;
+    const std::string out = vesk_test::capture_stdout([&] { got = read_one(r); });
+    EXPECT_EQ(3u, got);
+    EXPECT_NE(std::string::npos, out.find("Block drop")) << out;
+    EXPECT_NE(std::string::npos, out.find("ch_3 jump [9527_1] to [9529_0]")) << out;
+    mng.delete_av_reader(r, __FILE__, __func__);
+}
+
+TEST(AvReaderTest, GapSkipsToNextKeyFrameAndLogsTheDrop)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    for (uint32_t n = 0; n < 5; n++)
+        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
+    vesk_av_reader* r = new_reader(mng);
+    for (uint32_t n = 0; n < 5; n++)
+        ASSERT_EQ(n, read_one(r));
+    in.put(7, 2);
+    in.put(8, 2);
+    EXPECT_EQ(~0u, read_one(r)) << "no key frame to resync on yet";
+    in.put(9, VESK_FRAME_TYPE_KEY2);
+    in.put(10, 2);
+    uint32_t got = 0;
+    const std::string out = vesk_test::capture_stdout([&] { got = read_one(r); });
+    EXPECT_EQ(9u, got);
+    EXPECT_NE(std::string::npos, out.find("ch_3 last_ref_blk[9527_4/"));
+    EXPECT_NE(std::string::npos, out.find("Fno[9] type_0x12, drop 5 frames!")) << out;
+    EXPECT_EQ(10u, read_one(r));
+    mng.delete_av_reader(r, __FILE__, __func__);
+}
+
+TEST(AvReaderTest, HeldBlocksStayAndGoOnceReleased)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    for (uint32_t n = 0; n < 20; n++)
+        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
+    av_writer_close(&mng, &in.w);
+    vesk_av_reader* r = new_reader(mng);
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    const std::string all = list_ids(mng, k_ipc, 0);
+    mng.set_av_max_cache(1); // every unreferenced block is under pressure
+    const vesk_av_time later = at(av_now(), 20000);
+    mng.rotate_pass(later);
+    EXPECT_EQ("9527", list_ids(mng, k_ipc, 0)) << "only the held block stays";
+    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    mng.rotate_pass(later);
+    EXPECT_EQ("", list_ids(mng, k_ipc, 0)) << all;
+    // The reader resumes after the rotated-out blocks once new ones come.
+    in.put(30, VESK_FRAME_TYPE_I);
+    EXPECT_EQ(30u, read_one(r));
+    mng.delete_av_reader(r, __FILE__, __func__);
+}
+
+TEST(AvReaderTest, FinishedBlocksLoseTheReadersBitSoTheyGoWithoutPressure)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    vesk_av_reader* r = new_reader(mng);
+    vesk_av_reader* snap = new_reader(mng, VESK_AV_READER_SNAP_USER);
+    EXPECT_EQ(~0u, read_one(r)); // takes the user bit
+    EXPECT_EQ(~0u, read_one(snap));
+    for (uint32_t n = 0; n < 20; n++)
+        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
+    const vesk_av_time later = at(av_now(), 1000);
+    mng.rotate_pass(later);
+    EXPECT_EQ("9527,9528,9529,9530", list_ids(mng, k_ipc, 0)) << "the stream user has not read them";
+    for (uint32_t n = 0; n < 20; n++)
+        ASSERT_EQ(n, read_one(r));
+    mng.rotate_pass(later);
+    EXPECT_EQ("9527,9530", list_ids(mng, k_ipc, 0))
+        << "read blocks go, but the snap user keeps the newest key-frame block and the one written stays";
+    mng.delete_av_reader(r, __FILE__, __func__);
+    mng.delete_av_reader(snap, __FILE__, __func__);
+}
+
+TEST(AvReaderTest, DisconnectedCameraAndLostVideoGiveLogoFrames)
+{
+    const std::string root = vesk_test::private_root() + "/reader_logos";
+    std::string dir = root;
+    mkdir(dir.c_str(), 0755);
+    for (const char* d : {"/mnt", "/mtd", "/res", "/platform"})
+        mkdir((dir += d).c_str(), 0755);
+    const auto write_nvr = [&](const char* name, uint16_t w, uint32_t len) {
+        uint8_t head[16] = {};
+        memcpy(head + 4, &w, 2);
+        memcpy(head + 6, &w, 2);
+        memcpy(head + 8, &len, 4);
+        std::vector<uint8_t> body(len, 0x11);
+        const int fd = open((dir + "/" + name).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_EQ(16, write(fd, head, 16));
+        ASSERT_EQ(static_cast<ssize_t>(len), write(fd, body.data(), len));
+        close(fd);
+    };
+    write_nvr("not_connect_camera.nvr", 352, 100);
+    write_nvr("not_connect_camera_mid.nvr", 704, 200);
+    write_nvr("novideo.nvr", 352, 300);
+    write_nvr("novideo_mid.nvr", 704, 400);
+    vesk_test::capture_stdout([&] { logo_table().load(root.c_str()); });
+
+    vesk_utility_av_mng mng;
+    vesk_av_reader* r = new_reader(mng);
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    EXPECT_EQ(200u, f->uiLength) << "camera not connected, large logo for the main stream";
+    EXPECT_TRUE(r->is_free()) << "a logo holds no block";
+    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_SUB, &f, 0, &next));
+    EXPECT_EQ(100u, f->uiLength);
+    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_SUB, f));
+
+    feed in(mng, 1024); // connects the camera
+    in.put(0, VESK_FRAME_TYPE_I);
+    EXPECT_EQ(0u, read_one(r));
+    const vesk_av_time now = av_now();
+    mng.rotate_pass(now);
+    mng.rotate_pass(at(now, 11000)); // no block for 11 s: no video
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    EXPECT_EQ(400u, f->uiLength);
+    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    mng.delete_av_reader(r, __FILE__, __func__);
+}
+
+TEST(AvReaderTest, InvalidCallsAndRemapResetTheRightWay)
+{
+    vesk_utility_av_mng mng;
+    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    EXPECT_EQ(5000u, next);
+    r->set_chn(k_ipc);
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->get_frame(VESK_AV_STREAM_NUM, &f, 0, &next));
+
+    feed in(mng, 1024);
+    for (uint32_t n = 0; n < 3; n++)
+        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
+    EXPECT_EQ(0u, read_one(r));
+    // Recorder channel 3 now shows camera 5: the history of camera 3 is dropped.
+    ASSERT_EQ(VESK_OK, mng.switch_ivr_ch(k_ipc, 5));
+    vesk_av_block_writer w5;
+    vesk_utility_av_writer_init(&w5, 5, VESK_AV_STREAM_MAIN, 0x9110C, 1024, 64);
+    mng.set_chn_connect_status(5, 1);
+    _tagVeskFrameHeader h {};
+    h.uiStartId = VESK_FRAME_STARTCODE;
+    h.uiFrameType = VESK_FRAME_TYPE_I;
+    h.uiFrameNo = 900;
+    ASSERT_EQ(VESK_OK, av_writer_put(&mng, &w5, &h, nullptr));
+    EXPECT_EQ(900u, read_one(r));
+    mng.delete_av_reader(r, __FILE__, __func__);
+}
+
+TEST(AvReaderTest, BlocksAreHandedOutWholeOnceFinalOrWhenForced)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024, VESK_AV_STREAM_AUDIO);
+    for (uint32_t n = 0; n < 8; n++)
+        in.put(n, 2);
+    vesk_av_reader* r = new_reader(mng);
+    vesk_IPC_stream_block_head* b = nullptr;
+    ASSERT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &b, 0));
+    EXPECT_EQ(6u, b->node_num);
+    vesk_IPC_stream_block_head* again = nullptr;
+    EXPECT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &again, 0));
+    EXPECT_EQ(b, again);
+    EXPECT_EQ(VESK_OK, r->put_block(VESK_AV_STREAM_AUDIO, b));
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, r->get_block(VESK_AV_STREAM_AUDIO, &b, 0)) << "still receiving, young";
+    ASSERT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &b, 1));
+    EXPECT_EQ(2u, b->node_num);
+    EXPECT_EQ(VESK_OK, r->put_block(VESK_AV_STREAM_AUDIO, b));
+    in.put(8, 2);
+    ASSERT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &b, 1));
+    EXPECT_EQ(3u, b->node_num) << "a growing block is handed out again";
+    EXPECT_EQ(VESK_OK, r->put_block(VESK_AV_STREAM_AUDIO, b));
+    EXPECT_TRUE(r->is_free());
+    mng.delete_av_reader(r, __FILE__, __func__);
+}
+
+TEST(AvReaderDeathTest, ReferenceMisuseIsFatal)
+{
+    const auto setup = [](vesk_utility_av_mng& mng, _tagVeskFrameHeader** f) {
+        feed in(mng, 1024);
+        in.put(0, VESK_FRAME_TYPE_I);
+        vesk_av_reader* r = new_reader(mng);
+        uint32_t next = 0;
+        r->get_frame(VESK_AV_STREAM_MAIN, f, 0, &next);
+        return r;
+    };
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_av_mng mng;
+            _tagVeskFrameHeader* f = nullptr;
+            setup(mng, &f)->put_frame(VESK_AV_STREAM_MAIN, f + 1);
+        },
+        "Not Match");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_av_mng mng;
+            _tagVeskFrameHeader* f = nullptr;
+            setup(mng, &f)->reset_history(VESK_AV_STREAM_MAIN);
+        },
+        "StreamType:0 Reference Resouce Not Empty, Can't Reset");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_av_mng mng;
+            _tagVeskFrameHeader* f = nullptr;
+            setup(mng, &f)->set_chn(4);
+        },
+        "Can't Change Chn");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_av_mng mng;
+            _tagVeskFrameHeader* f = nullptr;
+            vesk_av_reader* r = setup(mng, &f);
+            r->put_block(VESK_AV_STREAM_MAIN, nullptr);
+        },
+        "Reference Block Not Match");
+}
