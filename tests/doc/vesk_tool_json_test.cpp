@@ -162,16 +162,13 @@ TEST_F(JsonTreeTest, ContainersFailAtTheOffendingByte)
     EXPECT_EQ(fail_offset("[1,2"), 4);
     EXPECT_EQ(fail_offset("@"), 0);
 
-    vesk_tool_JSON* empty = vesk_tool_JSON_parse(" [ ] ");
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(empty->type, VESK_TOOL_JSON_ARRAY);
-    EXPECT_EQ(field(empty->child), nullptr);
-    vesk_tool_JSON_delete(empty);
-    empty = vesk_tool_JSON_parse("{\n}");
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(empty->type, VESK_TOOL_JSON_OBJECT);
-    EXPECT_EQ(field(empty->child), nullptr);
-    vesk_tool_JSON_delete(empty);
+    for (const char* text : {" [ ] ", "{\n}"}) {
+        vesk_tool_JSON* empty = vesk_tool_JSON_parse(text);
+        ASSERT_NE(empty, nullptr);
+        EXPECT_EQ(empty->type, text[1] == '[' ? VESK_TOOL_JSON_ARRAY : VESK_TOOL_JSON_OBJECT);
+        EXPECT_EQ(field(empty->child), nullptr);
+        vesk_tool_JSON_delete(empty);
+    }
 }
 
 TEST_F(JsonTreeTest, NestingIsBoundedSoNoTextExhaustsTheStack)
@@ -268,7 +265,6 @@ TEST_F(JsonTreeTest, CompactAndFormattedLayouts)
     vesk_tool_JSON* root = vesk_tool_JSON_parse(text);
     ASSERT_NE(root, nullptr);
     EXPECT_EQ(print(root, 0), text);
-    EXPECT_EQ(print(root, 0).size(), 19u);
     EXPECT_EQ(print(root, 1), "{\n\t\"a\":\t[1, 2],\n\t\"b\":\t\"x\"\n}");
     vesk_tool_JSON_delete(root);
 
@@ -331,10 +327,10 @@ TEST_F(JsonTreeTest, BufferOfThePrintSizeFitsAndOneLessIsRefused)
     vesk_tool_JSON_delete(s);
 
     vesk_tool_JSON* f = vesk_tool_JSON_create_bool(0);
-    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, 5), 1); });
-    EXPECT_NE(out.find("out_buf_size = 5"), std::string::npos) << out;
-    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, 0), 1); });
-    EXPECT_NE(out.find("out_buf_size = 0"), std::string::npos) << out;
+    for (int size : {5, 0}) {
+        out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, size), 1); });
+        EXPECT_NE(out.find("out_buf_size = " + std::to_string(size)), std::string::npos) << out;
+    }
     EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, 6), 6);
     EXPECT_STREQ(buf, "false");
     vesk_tool_JSON_delete(f);
