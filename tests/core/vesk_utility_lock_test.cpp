@@ -191,7 +191,7 @@ TEST(LockTest, StateTextsFollowTheHolderAndTheObjectIsAccounted)
     EXPECT_EQ(reg.is_valid(VESK_LIST_COMMON_LOCK, key(lk)), 0);
 }
 
-TEST(LockTest, AnyThreadMayUnlockAndTheLockerMayThenLockAgain)
+TEST(LockTest, AnyThreadMayUnlockAndTrylockNeverWaitsWhateverItsTimeout)
 {
     vesk_lock* lk = vesk_utility_new_lock(0x41, "handover");
     ASSERT_NE(lk, nullptr);
@@ -208,23 +208,17 @@ TEST(LockTest, AnyThreadMayUnlockAndTheLockerMayThenLockAgain)
     // The holder thread was cleared by the other thread's unlock: no dead-lock report.
     EXPECT_EQ(lk->lock("a.cpp", "produce"), VESK_OK);
     EXPECT_EQ(lk->unlock("a.cpp", "produce"), VESK_OK);
-    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
-}
 
-TEST(LockTest, TrylockNeverWaitsWhateverItsTimeout)
-{
-    vesk_lock* lk = vesk_utility_new_lock(0x41, "busy");
-    ASSERT_NE(lk, nullptr);
     holder_thread holder([&] { lk->lock("other.cpp", "hold"); }, [&] { lk->unlock("other.cpp", "hold"); });
     // Each call returns before the holder's 3 s deadline; one that waited would get the lock.
     EXPECT_EQ(lk->trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
     EXPECT_EQ(lk->trylock("t.cpp", "try", 1999), VESK_ERR_LOCK_BUSY);
     EXPECT_EQ(lk->trylock("t.cpp", "try", 0), VESK_ERR_LOCK_BUSY);
-    EXPECT_TRUE(matches_exactly(state_of(lk), locked_by("busy", "other.cpp hold")));
+    EXPECT_TRUE(matches_exactly(state_of(lk), locked_by("handover", "other.cpp hold")));
     holder.release_and_join();
     // Free: the timed form takes it at once.
     EXPECT_EQ(lk->trylock("t.cpp", "try", 5000), VESK_OK);
-    EXPECT_TRUE(matches_exactly(state_of(lk), locked_by("busy", "t.cpp try")));
+    EXPECT_TRUE(matches_exactly(state_of(lk), locked_by("handover", "t.cpp try")));
     EXPECT_EQ(lk->unlock("t.cpp", "try"), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
 }
@@ -367,7 +361,7 @@ TEST(LockDeathTest, DeadLockIllegalUnlockBrokenBooksAndDeletingAHeldLockAreFatal
 
 // ---- vesk_rw_lock ---------------------------------------------------------------------------
 
-TEST(RwLockTest, UnlockReportsBusyAndReleasesReadersAndWriter)
+TEST(RwLockTest, UnlockReportsBusyReleasesReadersAndWriterAndTriesNeverWait)
 {
     vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "index");
     ASSERT_NE(rw, nullptr);
@@ -405,13 +399,8 @@ TEST(RwLockTest, UnlockReportsBusyAndReleasesReadersAndWriter)
     EXPECT_TRUE(
         matches_exactly(state_of(rw), "'index' is locked 1 times, wr_lock usr is 'no usr', lock time = <N> sec"));
     EXPECT_EQ(rw->unlock("r.cpp", "done"), VESK_ERR_LOCK_BUSY);
-    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
-}
 
-TEST(RwLockTest, TryOperationsNeverWait)
-{
-    vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x42, "held");
-    ASSERT_NE(rw, nullptr);
+    // Try operations never wait, for another thread's writer or reader.
     holder_thread writer([&] { rw->wr_lock("other.cpp", "hold"); }, [&] { rw->unlock("other.cpp", "hold"); });
     EXPECT_EQ(rw->rd_trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
     EXPECT_EQ(rw->wr_trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
@@ -419,7 +408,7 @@ TEST(RwLockTest, TryOperationsNeverWait)
     holder_thread reader([&] { rw->rd_lock(); }, [&] { rw->unlock("other.cpp", "read"); });
     EXPECT_EQ(rw->wr_trylock("t.cpp", "try", 5000), VESK_ERR_LOCK_BUSY);
     reader.release_and_join();
-    EXPECT_EQ(state_of(rw), "held is idel");
+    EXPECT_EQ(state_of(rw), "index is idel");
     EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
 }
 
@@ -570,17 +559,6 @@ TEST(SleepTest, TimesOutIsCutShortByWakeupAndLosesEarlyWakeups)
     EXPECT_EQ(vesk_utility_delete_interuptable_sleep(s, __FILE__, __func__), VESK_OK);
 }
 
-TEST(SleepDeathTest, ConditionAttributeFailureIsFatal)
-{
-    VESK_EXPECT_FATAL(
-        {
-            failing_init fail;
-            vesk_utility_new_interuptable_sleep(0x43, "nap");
-        },
-        "ASSERT!\n >File name: core/vesk_utility_lock.cpp\n >Function: interuptable_sleep\n >Line No: [0-9]+\n "
-        ">Condition: 0\n");
-}
-
 // ---- Dumps ----------------------------------------------------------------------------------
 
 TEST(LockDumpTest, ModesListAllLocksOrOnlyTheHeldOnes)
@@ -651,8 +629,15 @@ TEST(LockDumpTest, ResourceManagerCommandsThreeAndSevenShowTheLocks)
     EXPECT_EQ(vesk_utility_delete_interuptable_sleep(s, __FILE__, __func__), VESK_OK);
 }
 
-TEST(LockDeathTest, DoubleDeleteNamesTheCaller)
+TEST(SleepDeathTest, ConditionAttributeFailureAndDoubleDeleteAreFatal)
 {
+    VESK_EXPECT_FATAL(
+        {
+            failing_init fail;
+            vesk_utility_new_interuptable_sleep(0x43, "nap");
+        },
+        "ASSERT!\n >File name: core/vesk_utility_lock.cpp\n >Function: interuptable_sleep\n >Line No: [0-9]+\n "
+        ">Condition: 0\n");
     VESK_EXPECT_FATAL(
         {
             vesk_interuptable_sleep* s = vesk_utility_new_interuptable_sleep(0x43, "nap");
