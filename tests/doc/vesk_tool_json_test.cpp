@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "json_test_memory.h"
@@ -92,15 +93,11 @@ std::string parsed_string(const std::string& text)
 
 TEST_F(JsonTreeTest, NumbersPrintWithTheirThresholds)
 {
-    EXPECT_EQ(number_text(3), "3");
-    EXPECT_EQ(number_text(3.5), "3.500000");
-    EXPECT_EQ(number_text(1e10), "10000000000");
-    EXPECT_EQ(number_text(1.5e10), "15000000000");
-    EXPECT_EQ(number_text(0.0000001), "1.000000e-07");
-    EXPECT_EQ(number_text(5000000000.5), "5.000000e+09");
-    EXPECT_EQ(number_text(-2147483648.0), "-2147483648");
-    EXPECT_EQ(number_text(1e60), "1.000000e+60");
-    EXPECT_EQ(number_text(-0.25), "-0.250000");
+    const std::pair<double, const char*> cases[] = {{3, "3"}, {3.5, "3.500000"}, {1e10, "10000000000"},
+        {1.5e10, "15000000000"}, {0.0000001, "1.000000e-07"}, {5000000000.5, "5.000000e+09"},
+        {-2147483648.0, "-2147483648"}, {1e60, "1.000000e+60"}, {-0.25, "-0.250000"}};
+    for (const auto& c : cases)
+        EXPECT_EQ(number_text(c.first), c.second) << c.first;
 
     // valueint saturates like the board's conversion; the printer then falls back to %.0f.
     vesk_tool_JSON* big = vesk_tool_JSON_parse("5e9");
@@ -153,25 +150,18 @@ TEST_F(JsonTreeTest, LiteralsAreMatchedByPrefixAndWhitespaceIsEveryByteUpTo32)
 
 TEST_F(JsonTreeTest, ContainersFailAtTheOffendingByte)
 {
-    EXPECT_EQ(fail_offset("[1, 2,]"), 6);
-    EXPECT_EQ(fail_offset("[1 2]"), 3);
-    EXPECT_EQ(fail_offset("{\"a\" 1}"), 5);
-    EXPECT_EQ(fail_offset("{\"a\":1 \"b\":2}"), 7);
-    EXPECT_EQ(fail_offset("{a:1}"), 1);
-    EXPECT_EQ(fail_offset("{\"a\":}"), 5);
-    EXPECT_EQ(fail_offset("[1,2"), 4);
-    EXPECT_EQ(fail_offset("@"), 0);
+    const std::pair<const char*, long> cases[] = {{"[1, 2,]", 6}, {"[1 2]", 3}, {"{\"a\" 1}", 5},
+        {"{\"a\":1 \"b\":2}", 7}, {"{a:1}", 1}, {"{\"a\":}", 5}, {"[1,2", 4}, {"@", 0}};
+    for (const auto& c : cases)
+        EXPECT_EQ(fail_offset(c.first), c.second) << c.first;
 
-    vesk_tool_JSON* empty = vesk_tool_JSON_parse(" [ ] ");
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(empty->type, VESK_TOOL_JSON_ARRAY);
-    EXPECT_EQ(field(empty->child), nullptr);
-    vesk_tool_JSON_delete(empty);
-    empty = vesk_tool_JSON_parse("{\n}");
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(empty->type, VESK_TOOL_JSON_OBJECT);
-    EXPECT_EQ(field(empty->child), nullptr);
-    vesk_tool_JSON_delete(empty);
+    for (const char* text : {" [ ] ", "{\n}"}) {
+        vesk_tool_JSON* empty = vesk_tool_JSON_parse(text);
+        ASSERT_NE(empty, nullptr);
+        EXPECT_EQ(empty->type, text[1] == '[' ? VESK_TOOL_JSON_ARRAY : VESK_TOOL_JSON_OBJECT);
+        EXPECT_EQ(field(empty->child), nullptr);
+        vesk_tool_JSON_delete(empty);
+    }
 }
 
 TEST_F(JsonTreeTest, NestingIsBoundedSoNoTextExhaustsTheStack)
@@ -224,7 +214,6 @@ TEST_F(JsonTreeTest, UnicodeDigitsAreReadAsScanfReadsThem)
     const char alphabet[] = {' ', '+', '-', '0', 'x', '1', 'f', 'g'};
     const int n = sizeof(alphabet);
     char x[7] = {};
-    int checked = 0;
     for (int code = 0; code < n * n * n * n * n * n; code++) {
         int c = code;
         for (int i = 0; i < 6; i++, c /= n)
@@ -245,9 +234,7 @@ TEST_F(JsonTreeTest, UnicodeDigitsAreReadAsScanfReadsThem)
         }
         expect += std::string(x + 4, 2);
         ASSERT_EQ(parsed_string(std::string("\"\\u") + x + "\""), expect) << "'" << x << "'";
-        checked++;
     }
-    EXPECT_EQ(checked, n * n * n * n * n * n);
 }
 
 TEST_F(JsonTreeTest, PrinterWritesStringsVerbatim)
@@ -268,7 +255,6 @@ TEST_F(JsonTreeTest, CompactAndFormattedLayouts)
     vesk_tool_JSON* root = vesk_tool_JSON_parse(text);
     ASSERT_NE(root, nullptr);
     EXPECT_EQ(print(root, 0), text);
-    EXPECT_EQ(print(root, 0).size(), 19u);
     EXPECT_EQ(print(root, 1), "{\n\t\"a\":\t[1, 2],\n\t\"b\":\t\"x\"\n}");
     vesk_tool_JSON_delete(root);
 
@@ -331,10 +317,10 @@ TEST_F(JsonTreeTest, BufferOfThePrintSizeFitsAndOneLessIsRefused)
     vesk_tool_JSON_delete(s);
 
     vesk_tool_JSON* f = vesk_tool_JSON_create_bool(0);
-    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, 5), 1); });
-    EXPECT_NE(out.find("out_buf_size = 5"), std::string::npos) << out;
-    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, 0), 1); });
-    EXPECT_NE(out.find("out_buf_size = 0"), std::string::npos) << out;
+    for (int size : {5, 0}) {
+        out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, size), 1); });
+        EXPECT_NE(out.find("out_buf_size = " + std::to_string(size)), std::string::npos) << out;
+    }
     EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, 6), 6);
     EXPECT_STREQ(buf, "false");
     vesk_tool_JSON_delete(f);

@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -39,16 +41,8 @@ std::vector<unsigned char> pattern(size_t n, unsigned seed)
 
 std::string slurp(const std::string& path)
 {
-    std::string out;
-    FILE* f = fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        return "<missing>";
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), f)) > 0)
-        out.append(buf, n);
-    fclose(f);
-    return out;
+    std::ifstream in(path, std::ios::binary);
+    return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
 // Puts the default system calls back whatever the test does.
@@ -235,26 +229,22 @@ TEST(TxtFileOpsTest, LinesRoundTripAndLongLinesReportTheirLength)
 TEST(FileOperateApiTest, OperatorsAreRecordedUntilDeleted)
 {
     vesk_handle_registry& reg = vesk_utility_res_manage::instance()->registry();
-    const unsigned bins = reg.list_size(VESK_LIST_BIN);
-    const unsigned txts = reg.list_size(VESK_LIST_TXT);
-    const unsigned blocks = reg.list_size(VESK_LIST_BLOCK);
+    const auto sizes = [&] {
+        return std::vector<unsigned> {
+            reg.list_size(VESK_LIST_BIN), reg.list_size(VESK_LIST_TXT), reg.list_size(VESK_LIST_BLOCK)};
+    };
+    const std::vector<unsigned> before = sizes();
     vesk_binary_file_operate* b = vesk_utility_new_binary_operate(0x41, "rec");
     vesk_txt_file_operate* t = vesk_utility_new_txt_operate(0x41, "cfg");
     vesk_block_file_operate* k = vesk_utility_new_block_operate(0x41, "blk");
-    ASSERT_NE(b, nullptr);
-    ASSERT_NE(t, nullptr);
-    ASSERT_NE(k, nullptr);
-    EXPECT_EQ(reg.list_size(VESK_LIST_BIN), bins + 1);
-    EXPECT_EQ(reg.list_size(VESK_LIST_TXT), txts + 1);
-    EXPECT_EQ(reg.list_size(VESK_LIST_BLOCK), blocks + 1);
+    ASSERT_TRUE(b != nullptr && t != nullptr && k != nullptr);
+    EXPECT_EQ(sizes(), (std::vector<unsigned> {before[0] + 1, before[1] + 1, before[2] + 1}));
     // Deleting an open operator closes its file.
     ASSERT_EQ(b->open(file_path("api.dat").c_str(), 0, VESK_FILE_CREATE), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_binary_operate(b, __FILE__, __func__), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_txt_operate(t, __FILE__, __func__), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_block_operate(k, __FILE__, __func__), VESK_OK);
-    EXPECT_EQ(reg.list_size(VESK_LIST_BIN), bins);
-    EXPECT_EQ(reg.list_size(VESK_LIST_TXT), txts);
-    EXPECT_EQ(reg.list_size(VESK_LIST_BLOCK), blocks);
+    EXPECT_EQ(sizes(), before);
     EXPECT_EQ(vesk_utility_delete_block_operate(nullptr, __FILE__, __func__), VESK_ERR_INVALID_PARAM);
 }
 
@@ -311,15 +301,12 @@ TEST(BlockFileOpsTest, MountLookupTakesTheLongestCoveringMount)
 
 TEST(BlockFileOpsTest, DeviceFlagsFollowTheModelAndCacheMode)
 {
-    EXPECT_EQ(block_file_ops::device_flags(1, 0), O_RDONLY | O_LARGEFILE);
-    EXPECT_EQ(block_file_ops::device_flags(2, 0), O_WRONLY | O_LARGEFILE);
-    for (int mode = 1; mode <= 3; mode++) {
-        EXPECT_EQ(block_file_ops::device_flags(1, mode), O_RDONLY | O_LARGEFILE | O_DSYNC);
-        EXPECT_EQ(block_file_ops::device_flags(2, mode), O_WRONLY | O_LARGEFILE | O_DSYNC);
+    // Cache modes 1 to 3 write through, 4 bypasses the page cache, others neither.
+    const int by_mode[] = {0, O_DSYNC, O_DSYNC, O_DSYNC, O_DIRECT, 0};
+    for (int mode = 0; mode <= 5; mode++) {
+        EXPECT_EQ(block_file_ops::device_flags(1, mode), O_RDONLY | O_LARGEFILE | by_mode[mode]) << mode;
+        EXPECT_EQ(block_file_ops::device_flags(2, mode), O_WRONLY | O_LARGEFILE | by_mode[mode]) << mode;
     }
-    EXPECT_EQ(block_file_ops::device_flags(1, 4), O_RDONLY | O_LARGEFILE | O_DIRECT);
-    EXPECT_EQ(block_file_ops::device_flags(2, 4), O_WRONLY | O_LARGEFILE | O_DIRECT);
-    EXPECT_EQ(block_file_ops::device_flags(2, 5), O_WRONLY | O_LARGEFILE);
     EXPECT_EQ(block_file_ops::device_flags(3, 0), -1);
 #if defined(__arm__)
     EXPECT_EQ(block_file_ops::device_flags(1, 0), 0x20000);
@@ -367,8 +354,7 @@ TEST(BlockFileOpsTest, NetworkAndSnapshotFilesFallBackToTheBinaryOperator)
         EXPECT_EQ(idle.open(nullptr, 0, 1, 0), VESK_ERR_INVALID_PARAM);
         EXPECT_EQ(idle.open(file_path("nas/rec.dat").c_str(), 0, 3, 0), VESK_ERR_OPERATE_FAIL);
     });
-    EXPECT_NE(out.find("block_file_ops::read"), std::string::npos);
-    EXPECT_NE(out.find("m_ops_type = 0 not support"), std::string::npos);
-    EXPECT_NE(out.find("fname is null!"), std::string::npos);
-    EXPECT_NE(out.find("mode = 3 not support!"), std::string::npos);
+    for (const char* text :
+        {"block_file_ops::read", "m_ops_type = 0 not support", "fname is null!", "mode = 3 not support!"})
+        EXPECT_NE(out.find(text), std::string::npos) << text << out;
 }

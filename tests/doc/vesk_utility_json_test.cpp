@@ -349,14 +349,12 @@ TEST_F(JsonOperatorTest, NameChainReadsConvertBoolsAndLargeNumbers)
         = v1("{\"t\":true,\"f\":false,\"big\":4294967297,\"neg\":-3.9,\"s\":\"str\",\"n\":null,\"o\":{\"k\":\"v\"}}");
     int v = 9;
     double d = 9;
-    EXPECT_EQ(j->try_get_item_int("t", v), VESK_OK);
-    EXPECT_EQ(v, 1);
-    EXPECT_EQ(j->try_get_item_int("f", v), VESK_OK);
-    EXPECT_EQ(v, 0);
-    EXPECT_EQ(j->try_get_item_int("big", v), VESK_OK);
-    EXPECT_EQ(v, 1); // through 64 bits, low 32 kept
-    EXPECT_EQ(j->try_get_item_int("neg", v), VESK_OK);
-    EXPECT_EQ(v, -3);
+    // "big" goes through 64 bits and keeps the low 32.
+    for (const auto& c : {std::make_pair("t", 1), {"f", 0}, {"big", 1}, {"neg", -3}}) {
+        v = 9;
+        EXPECT_EQ(j->try_get_item_int(c.first, v), VESK_OK) << c.first;
+        EXPECT_EQ(v, c.second) << c.first;
+    }
     EXPECT_EQ(j->try_get_item_double("t", d), VESK_OK);
     EXPECT_EQ(d, 1.0);
     EXPECT_EQ(j->try_get_item_int("s", v), VESK_ERR_FAIL);

@@ -162,12 +162,9 @@ TEST(RtpTest, InvalidParametersAreRejectedAndLogged)
     out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM); });
     EXPECT_NE(out.find("nInDataSize 0, pOutData "), std::string::npos) << out;
     EXPECT_NE(out.find(", nOutSize 64\n"), std::string::npos) << out;
-    p = {nullptr, 20, buf.data(), 64};
-    EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM);
-    p = {in.data(), static_cast<int32_t>(in.size()), nullptr, 64};
-    EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM);
-    p = {in.data(), -5, buf.data(), 64};
-    EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM);
+    for (_tagVesk_rtp_h264_param bad : {_tagVesk_rtp_h264_param {nullptr, 20, buf.data(), 64},
+             {in.data(), static_cast<int32_t>(in.size()), nullptr, 64}, {in.data(), -5, buf.data(), 64}})
+        EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&bad), VESK_ERR_INVALID_PARAM);
     // Not interleaved at all.
     EXPECT_EQ(convert({0x80, 0x60, 0, 1}).err, VESK_ERR_INVALID_PARAM);
 }
@@ -176,49 +173,37 @@ TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionKeepingEarlierUnits)
 {
     bytes good;
     interleave(good, rtp_packet(k_pt, {0x41, 1, 2}));
-    const bytes want = join({k_start, {0x41, 1, 2}});
-
-    // Last packet announces more bytes than there are.
-    bytes in = good;
-    interleave(in, rtp_packet(k_pt, {0x41, 3, 4, 5}));
-    in.resize(in.size() - 2);
-    result r = convert(in);
-    ASSERT_EQ(r.err, VESK_OK);
-    EXPECT_EQ(r.out, want);
-
-    // Fifteen CSRCs announced in a 14-byte packet, then a valid packet that is never reached.
-    in = good;
-    interleave(in, bytes {0x8F, k_pt, 0, 2, 0, 0, 0, 0, 1, 2, 3, 4, 0x41, 9});
-    interleave(in, rtp_packet(k_pt, {0x41, 7}));
-    r = convert(in);
-    ASSERT_EQ(r.err, VESK_OK);
-    EXPECT_EQ(r.out, want);
-
-    // An extension whose length runs past the packet, and an X bit with no room for the
-    // length field at all.
     const bytes long_ext = {0xBE, 0xDE, 0x00, 0x40, 1, 2, 3, 4};
-    in = good;
-    interleave(in, rtp_packet(k_pt, {0x41, 9, 9}, 3, 0, &long_ext));
-    r = convert(in);
-    EXPECT_EQ(r.out, want);
-    in = good;
-    interleave(in, bytes {0x90, k_pt, 0, 3, 0, 0, 0, 0, 1, 2, 3, 4, 0x41});
-    r = convert(in);
-    EXPECT_EQ(r.out, want);
-
-    // A header that exactly fills the packet leaves no NAL header; an FU-A without its FU
-    // header cannot be joined either.
-    in = good;
-    interleave(in, rtp_packet(k_pt, {}));
-    EXPECT_EQ(convert(in).out, want);
-    in = good;
-    interleave(in, rtp_packet(k_pt, {0x7C}));
-    EXPECT_EQ(convert(in).out, want);
-
-    // Fewer than four bytes after the last packet: no length to read, nothing more written.
-    in = good;
-    in.insert(in.end(), {'$', 0, 0});
-    EXPECT_EQ(convert(in).out, want);
+    bytes short_last;
+    interleave(short_last, rtp_packet(k_pt, {0x41, 3, 4, 5}));
+    short_last.resize(short_last.size() - 2);
+    bytes csrc_overrun;
+    interleave(csrc_overrun, bytes {0x8F, k_pt, 0, 2, 0, 0, 0, 0, 1, 2, 3, 4, 0x41, 9});
+    interleave(csrc_overrun, rtp_packet(k_pt, {0x41, 7})); // never reached
+    bytes ext_overrun, no_ext_length, no_nal_header, fu_a_without_fu_header;
+    interleave(ext_overrun, rtp_packet(k_pt, {0x41, 9, 9}, 3, 0, &long_ext));
+    interleave(no_ext_length, bytes {0x90, k_pt, 0, 3, 0, 0, 0, 0, 1, 2, 3, 4, 0x41});
+    interleave(no_nal_header, rtp_packet(k_pt, {}));
+    interleave(fu_a_without_fu_header, rtp_packet(k_pt, {0x7C}));
+    const struct {
+        const char* what;
+        bytes tail;
+    } cases[] = {
+        {"last packet announces more bytes than there are", short_last},
+        {"fifteen CSRCs announced in a 14-byte packet", csrc_overrun},
+        {"extension length runs past the packet", ext_overrun},
+        {"X bit with no room for the length field", no_ext_length},
+        {"header exactly fills the packet", no_nal_header},
+        {"FU-A without its FU header", fu_a_without_fu_header},
+        {"fewer than four bytes after the last packet", {'$', 0, 0}},
+    };
+    for (const auto& c : cases) {
+        bytes in = good;
+        in.insert(in.end(), c.tail.begin(), c.tail.end());
+        const result r = convert(in);
+        EXPECT_EQ(r.err, VESK_OK) << c.what;
+        EXPECT_EQ(r.out, join({k_start, {0x41, 1, 2}})) << c.what;
+    }
 }
 
 TEST(RtpTest, ExtensionLengthIsTheOrOfItsTwoBytes)

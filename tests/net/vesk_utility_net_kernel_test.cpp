@@ -47,13 +47,10 @@ std::string capture(const std::string& cmd)
 {
     std::string out;
     FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr)
-        return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), p)) > 0)
-        out.append(buf, n);
-    pclose(p);
+    for (int c; p != nullptr && (c = fgetc(p)) != EOF;)
+        out += static_cast<char>(c);
+    if (p != nullptr)
+        pclose(p);
     return out;
 }
 
@@ -91,56 +88,46 @@ std::string netmask4(int prefix)
     return out;
 }
 
-template <class List, class Fn> strings texts(const List* list, Fn text)
+// One of our lists for an interface name, as sorted texts; the count must match the entries.
+template <class List, class Fn>
+strings ours(List* (*get)(const char*), void (*release)(List*), const char* name, Fn text)
 {
+    List* list = get(name);
     strings out;
     for (auto* e = list != nullptr ? list->first : nullptr; e != nullptr; e = e->next)
         out.push_back(text(e));
     if (list != nullptr) {
         EXPECT_EQ(out.size(), list->num);
+        release(list);
     }
-    return out;
+    return sorted(out);
 }
 
 strings ours_ipv4(const char* name)
 {
-    vesk_inet_ipv4_ip_info_list* l = vesk_utility_get_ipv4_ipconfig(name);
-    strings s
-        = texts(l, [](vesk_inet_ipv4_ip_info* e) { return std::string(e->if_name) + " " + e->ip + " " + e->netmask; });
-    if (l != nullptr)
-        vesk_utility_relase_ipv4_ipconfig(l);
-    return sorted(s);
+    return ours(vesk_utility_get_ipv4_ipconfig, vesk_utility_relase_ipv4_ipconfig, name,
+        [](vesk_inet_ipv4_ip_info* e) { return std::string(e->if_name) + " " + e->ip + " " + e->netmask; });
 }
 
 strings ours_ipv6(const char* name)
 {
-    vesk_inet_ipv6_ip_info_list* l = vesk_utility_get_ipv6_ipconfig(name);
-    strings s
-        = texts(l, [](vesk_inet_ipv6_ip_info* e) { return canonical6(e->ip) + "/" + std::to_string(e->prefix_len); });
-    if (l != nullptr)
-        vesk_utility_relase_ipv6_ipconfig(l);
-    return sorted(s);
+    return ours(vesk_utility_get_ipv6_ipconfig, vesk_utility_relase_ipv6_ipconfig, name,
+        [](vesk_inet_ipv6_ip_info* e) { return canonical6(e->ip) + "/" + std::to_string(e->prefix_len); });
 }
 
 strings ours_route4(const char* name)
 {
-    vesk_inet_ipv4_route_info_list* l = vesk_utility_get_ipv4_route_config(name);
-    strings s = texts(l, [](vesk_inet_ipv4_route_info* e) { return std::to_string(e->metric) + " " + e->gateway; });
-    if (l != nullptr)
-        vesk_utility_relase_ipv4_route_config(l);
-    return sorted(s);
+    return ours(vesk_utility_get_ipv4_route_config, vesk_utility_relase_ipv4_route_config, name,
+        [](vesk_inet_ipv4_route_info* e) { return std::to_string(e->metric) + " " + e->gateway; });
 }
 
 strings ours_route6(const char* name)
 {
-    vesk_inet_ipv6_route_info_list* l = vesk_utility_get_ipv6_route_config(name);
-    strings s = texts(l, [](vesk_inet_ipv6_route_info* e) {
-        EXPECT_EQ(strlen(e->destination), 39u) << e->destination;
-        return std::to_string(e->metric) + " " + canonical6(e->destination);
-    });
-    if (l != nullptr)
-        vesk_utility_relase_ipv6_route_config(l);
-    return sorted(s);
+    return ours(vesk_utility_get_ipv6_route_config, vesk_utility_relase_ipv6_route_config, name,
+        [](vesk_inet_ipv6_route_info* e) {
+            EXPECT_EQ(strlen(e->destination), 39u) << e->destination;
+            return std::to_string(e->metric) + " " + canonical6(e->destination);
+        });
 }
 
 #if defined(VESK_HAVE_CJSON)
@@ -360,9 +347,7 @@ TEST_F(NetKernelTest, FlagsMacExistenceAndTheInterfaceRecord)
     ASSERT_NE(down, nullptr);
     EXPECT_EQ(down->up, 0);
     EXPECT_EQ(down->slave, 0);
-    EXPECT_EQ(down->ipv4_ip, nullptr);
-    EXPECT_EQ(down->ipv6_ip, nullptr);
-    EXPECT_EQ(down->ipv4_route, nullptr);
+    EXPECT_TRUE(down->ipv4_ip == nullptr && down->ipv6_ip == nullptr && down->ipv4_route == nullptr);
     ASSERT_NE(down->ipv4_dns, nullptr);
     EXPECT_STREQ(down->ipv4_dns->first->server, "10.20.0.53");
     EXPECT_EQ(down->ipv6_dns, nullptr);
@@ -372,11 +357,7 @@ TEST_F(NetKernelTest, FlagsMacExistenceAndTheInterfaceRecord)
     vesk_if_config_struct* up = vesk_utility_get_if_config("eth1");
     ASSERT_NE(up, nullptr);
     EXPECT_EQ(up->up, 1);
-    ASSERT_NE(up->ipv4_ip, nullptr);
-    ASSERT_NE(up->ipv6_ip, nullptr);
-    ASSERT_NE(up->ipv4_route, nullptr);
-    ASSERT_NE(up->ipv6_route, nullptr);
-    ASSERT_NE(up->ipv6_dns, nullptr);
+    ASSERT_TRUE(up->ipv4_ip && up->ipv6_ip && up->ipv4_route && up->ipv6_route && up->ipv6_dns);
     EXPECT_EQ(up->ipv4_ip->num, 3u);
     EXPECT_EQ(up->ipv6_ip->num, 2u);
     EXPECT_EQ(up->ipv4_route->num, 3u);

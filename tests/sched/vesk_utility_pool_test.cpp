@@ -40,7 +40,7 @@ struct node_fields {
 node_fields node_of(const void* p)
 {
     const auto* n = reinterpret_cast<const utility_string_pool_mem_node*>(static_cast<const char*>(p) - NH);
-    return { n->magic_0, n->mem_ofset, n->mem_size, n->usr_mem_size, n->usr_id, n->purpose };
+    return {n->magic_0, n->mem_ofset, n->mem_size, n->usr_mem_size, n->usr_id, n->purpose};
 }
 
 const char* chunk_addr_of(const void* p)
@@ -89,11 +89,6 @@ utility_little_mem_pool* private_little_pool(uint32_t chunk_size)
     return vesk_test::never_destroyed(new utility_little_mem_pool(chunk_size, 0x3999));
 }
 
-void fill(void* p, size_t n, unsigned char v)
-{
-    memset(p, v, n);
-}
-
 int print_nothing(const char*, ...)
 {
     return 0;
@@ -117,16 +112,16 @@ TEST(StringPoolTest, CopiesAreGuardedCarvedFromTheTailAndCoalesceOnBothSides)
     ASSERT_EQ(pool->chunk_count(), 0u);
 
     const std::string text[4]
-        = { std::string(100, 'd'), std::string(20, 'a'), std::string(40, 'b'), std::string(60, 'c') };
+        = {std::string(100, 'd'), std::string(20, 'a'), std::string(40, 'b'), std::string(60, 'c')};
     char* s[4];
-    for (int i = 0; i < 4; i++) {
+    for (uint32_t i = 0; i < 4; i++) {
         s[i] = vesk_utility_strdup(0x50 + i, 0x5000 + i, text[i].c_str(), 1000);
         ASSERT_NE(s[i], nullptr);
-        EXPECT_EQ(node_of(s[i]).magic_0, k_pool_magic_0);
-        EXPECT_EQ(node_of(s[i]).usr_mem_size, text[i].size() + 1);
-        EXPECT_EQ(node_of(s[i]).mem_size, text[i].size() + 5);
-        EXPECT_EQ(node_of(s[i]).usr_id, 0x50u + i);
-        EXPECT_EQ(node_of(s[i]).purpose, 0x5000u + i);
+        const node_fields n = node_of(s[i]);
+        const uint32_t len = static_cast<uint32_t>(text[i].size());
+        EXPECT_EQ(std::vector<uint32_t>({n.magic_0, n.usr_mem_size, n.mem_size, n.usr_id, n.purpose}),
+            std::vector<uint32_t>({k_pool_magic_0, len + 1, len + 5, 0x50 + i, 0x5000 + i}))
+            << i;
         EXPECT_EQ(magic_1_of(s[i]), k_pool_magic_1);
     }
     EXPECT_EQ(pool->chunk_count(), 1u);
@@ -146,10 +141,11 @@ TEST(StringPoolTest, CopiesAreGuardedCarvedFromTheTailAndCoalesceOnBothSides)
     EXPECT_STREQ(s[2], text[2].c_str());
     vesk_utility_free(__FILE__, __func__, s[2]);
     const uint32_t one_hole = k_string_pool_chunk_size - CH - NH - node_of(s[0]).mem_size;
-    EXPECT_NE(dump(*pool, 2).find(format("used/empty[node] = 1/1, used/empty/total[size] = %u[0KB]/%u[31KB]",
+    const std::string left = dump(*pool, 2);
+    EXPECT_NE(left.find(format("used/empty[node] = 1/1, used/empty/total[size] = %u[0KB]/%u[31KB]",
                   NH + node_of(s[0]).mem_size, one_hole)),
         std::string::npos)
-        << dump(*pool, 2);
+        << left;
 
     // The last node releases the chunk and lowers the pool total by its size.
     EXPECT_STREQ(s[0], text[0].c_str());
@@ -193,7 +189,7 @@ TEST(StringPoolTest, LengthLimitsAndTheBigBufferBoundary)
     EXPECT_EQ(out.find("need_malloc_len = 1023, use big buf!"), std::string::npos) << out;
     EXPECT_NE(out.find("\e[0;32;32m[UTL] DEBUG! utility_string_pool::strdup["), std::string::npos) << out;
     EXPECT_NE(out.find("need_malloc_len = 1024, use big buf!\n"), std::string::npos) << out;
-    for (char* p : { cut, empty, in_pool, on_heap })
+    for (char* p : {cut, empty, in_pool, on_heap})
         vesk_utility_free(__FILE__, __func__, p);
     EXPECT_TRUE(totals() == base);
 }
@@ -206,13 +202,13 @@ TEST(LittlePoolTest, GeneralAllocatorRoutesBySizeAlignAndCaller)
         unsigned size, align;
         vesk_user_id usr;
         bool pooled;
-    } const probes[] = { { 1, 1, 0x60, true }, { 5, 4, 0x60, true }, { 4096, 4, 0x60, true }, { 4097, 4, 0x60, false },
-        { 64, 8, 0x60, false }, { 64, 1, VESK_USER_SQLITE, false } };
+    } const probes[] = {{1, 1, 0x60, true}, {5, 4, 0x60, true}, {4096, 4, 0x60, true}, {4097, 4, 0x60, false},
+        {64, 8, 0x60, false}, {64, 1, VESK_USER_SQLITE, false}};
     void* p[6];
     for (int i = 0; i < 6; i++) {
         p[i] = vesk_utility_malloc(probes[i].usr, 0x6001, probes[i].size, probes[i].align);
         ASSERT_NE(p[i], nullptr);
-        fill(p[i], probes[i].size, static_cast<unsigned char>(0xC0 + i));
+        memset(p[i], 0xC0 + i, probes[i].size);
         unsigned size = 0;
         EXPECT_EQ(little->get_mem_size(__FILE__, __func__, p[i], size) == VESK_OK, probes[i].pooled) << i;
         if (probes[i].pooled) {
@@ -229,10 +225,10 @@ TEST(LittlePoolTest, GeneralAllocatorRoutesBySizeAlignAndCaller)
 
     // Reallocation takes the old size of a pooled block from the pool, in both directions.
     char* r = static_cast<char*>(vesk_utility_realloc(0x61, 0x6101, nullptr, 300, __FILE__, __func__, 1));
-    fill(r, 300, 0x3C);
+    memset(r, 0x3C, 300);
     r = static_cast<char*>(vesk_utility_realloc(0x61, 0x6101, r, 6000, __FILE__, __func__, 1));
     EXPECT_TRUE(holds(r, 300, 0x3C));
-    fill(r, 6000, 0x3D);
+    memset(r, 0x3D, 6000);
     r = static_cast<char*>(vesk_utility_realloc(0x61, 0x6101, r, 200, __FILE__, __func__, 1));
     EXPECT_TRUE(holds(r, 200, 0x3D));
     unsigned size = 0;
@@ -263,16 +259,16 @@ TEST(LittlePoolTest, BestFitSplitThresholdAndChunkRelease)
     const uint32_t room = 4016 - CH - NH;
     const uint32_t heap_base = res()->mem_account().total_size();
     std::vector<char*> b;
-    const unsigned sizes[] = { 40, 96, 40, 200, 40, 96, 40 };
+    const unsigned sizes[] = {40, 96, 40, 200, 40, 96, 40};
     for (unsigned sz : sizes) {
         b.push_back(static_cast<char*>(pool->malloc(0x62, 0x6201, sz)));
         ASSERT_NE(b.back(), nullptr);
-        fill(b.back(), sz, static_cast<unsigned char>(b.size()));
+        memset(b.back(), static_cast<int>(b.size()), sz);
     }
     EXPECT_EQ(pool->total_mem_size(), 4016u);
     EXPECT_EQ(res()->mem_account().total_size(), heap_base + 4016);
     // Holes of 200, 96 and 96 bytes (needs 204, 100, 100), left to right: b[5], b[3], b[1].
-    for (int i : { 1, 3, 5 })
+    for (int i : {1, 3, 5})
         pool->try_free(__FILE__, __func__, b[i]);
     // Exactly 100: the first 100-byte hole in address order (b[5]'s).
     char* exact = static_cast<char*>(pool->malloc(0x63, 0x6301, 96));
@@ -286,7 +282,7 @@ TEST(LittlePoolTest, BestFitSplitThresholdAndChunkRelease)
     char* split = static_cast<char*>(pool->malloc(0x63, 0x6303, 12));
     EXPECT_EQ(split, b[3] + 204 - 16);
     EXPECT_EQ(node_of(split).mem_size, 16u);
-    for (int i : { 0, 2, 4, 6 })
+    for (int i : {0, 2, 4, 6})
         EXPECT_TRUE(holds(b[i], sizes[i], static_cast<unsigned char>(i + 1))) << i;
 
     // A request the chunk cannot hold comes from the heap; one that fits but finds no room
@@ -302,7 +298,7 @@ TEST(LittlePoolTest, BestFitSplitThresholdAndChunkRelease)
     EXPECT_EQ(pool->total_mem_size(), 4016u);
     EXPECT_EQ(pool->try_free(__FILE__, __func__, big), VESK_ERR_INVALID_PARAM);
     vesk_utility_free(__FILE__, __func__, big);
-    for (char* p : { b[0], b[2], b[4], b[6], exact, whole, split })
+    for (char* p : {b[0], b[2], b[4], b[6], exact, whole, split})
         EXPECT_EQ(pool->try_free(__FILE__, __func__, p), VESK_OK);
     EXPECT_EQ(pool->chunk_count(), 0u);
     EXPECT_EQ(pool->total_mem_size(), 0u);
@@ -315,8 +311,8 @@ TEST(LittlePoolTest, BestFitSplitThresholdAndChunkRelease)
 TEST(PoolConcurrencyTest, BlocksNeverOverlapAndEveryChunkIsReturned)
 {
     const totals base;
-    std::atomic<int> broken { 0 };
-    std::atomic<bool> done { false };
+    std::atomic<int> broken {0};
+    std::atomic<bool> done {false};
     auto worker = [&](int id) {
         std::mt19937 rng(id);
         struct live {
@@ -331,7 +327,7 @@ TEST(PoolConcurrencyTest, BlocksNeverOverlapAndEveryChunkIsReturned)
                 if (rng() % 2) {
                     l.n = 1 + rng() % 4096;
                     l.p = static_cast<char*>(vesk_utility_malloc(0x80 + id, 0x8001, l.n, 4));
-                    fill(l.p, l.n, pattern);
+                    memset(l.p, pattern, l.n);
                 } else {
                     const std::string s(1 + rng() % 1100, static_cast<char>(pattern));
                     l.p = vesk_utility_strdup(0x80 + id, 0x8002, s.c_str(), 2000);
@@ -454,7 +450,7 @@ TEST(PoolDumpTest, StringPoolTableShowsTheStrings)
 
 // ---- Fatal paths -------------------------------------------------------------------------
 
-TEST(PoolDeathTest, OverrunPastTheRequestedSizeIsCaughtAtFree)
+TEST(PoolDeathTest, OverrunStrayPointerAndDoubleFreeAreCaughtAtFree)
 {
     VESK_EXPECT_FATAL(
         {
@@ -474,16 +470,12 @@ TEST(PoolDeathTest, OverrunPastTheRequestedSizeIsCaughtAtFree)
         },
         "ERROR! utility_string_pool::proc_find_used_node\\[[0-9]+\\]:gui.cpp, close user_id = 0x52, purpose = "
         "0x5201, memory = 0x[0-9a-f]+, chunk_addr = 0x[0-9a-f]+ mem_ofset = [0-9]+ magic_1 = 0x52052078 why\\?");
-}
-
-TEST(PoolDeathTest, PointerIntoANodeNamesTheNodeBeforeIt)
-{
+    // A pointer into a node names the node before it.
     VESK_EXPECT_FATAL(
         {
             char* a = static_cast<char*>(vesk_utility_malloc(0x61, 0x6101, 64, 4));
             memset(a, 0x5A, 64);
-            void* b = vesk_utility_malloc(0x62, 0x6201, 64, 4);
-            (void)b;
+            vesk_utility_malloc(0x62, 0x6201, 64, 4);
             vesk_utility_free("net.cpp", "drop", a + 48);
         },
         "net.cpp, drop memory = 0x[0-9a-f]+, chunk_addr = 0x[0-9a-f]+ mem_ofset = 1515870810 magic_0 = 0x5a5a5a5a "
@@ -491,10 +483,6 @@ TEST(PoolDeathTest, PointerIntoANodeNamesTheNodeBeforeIt)
         "ASSERT!\n >File name: sched/vesk_utility_pool.cpp\n >Function: proc_find_used_node\n >Line No: [0-9]+\n"
         " >Condition: \\(VESK_CHAR \\*\\)node == \\(chunk->chunk_addr \\+ node->mem_ofset - "
         "sizeof\\(utility_string_pool_mem_node\\)\\)\n");
-}
-
-TEST(PoolDeathTest, PointerBelowTheFirstNodeAndDoubleFree)
-{
     VESK_EXPECT_FATAL(
         {
             char* a = static_cast<char*>(vesk_utility_malloc(0x63, 0x6301, 32, 4));
@@ -505,8 +493,7 @@ TEST(PoolDeathTest, PointerBelowTheFirstNodeAndDoubleFree)
     VESK_EXPECT_FATAL(
         {
             void* a = vesk_utility_malloc(0x64, 0x6402, 32, 4);
-            void* keep = vesk_utility_malloc(0x64, 0x6401, 32, 4); // right below a: not merged
-            (void)keep;
+            vesk_utility_malloc(0x64, 0x6401, 32, 4); // right below a: not merged
             vesk_utility_free("db.cpp", "first", a);
             vesk_utility_free("db.cpp", "second", a);
         },
@@ -516,10 +503,8 @@ TEST(PoolDeathTest, PointerBelowTheFirstNodeAndDoubleFree)
 
 TEST(PoolDeathTest, PoolsAreNeverDestroyed)
 {
-    VESK_EXPECT_FATAL(delete new utility_string_pool(),
-        "Function: ~utility_string_pool\n >Line No: [0-9]+\n"
-        " >Condition: 0\n");
-    VESK_EXPECT_FATAL(delete private_little_pool(1024),
-        "Function: ~utility_little_mem_pool\n >Line No: [0-9]+\n"
-        " >Condition: 0\n");
+    VESK_EXPECT_FATAL(
+        delete new utility_string_pool(), "Function: ~utility_string_pool\n >Line No: [0-9]+\n >Condition: 0\n");
+    VESK_EXPECT_FATAL(
+        delete private_little_pool(1024), "Function: ~utility_little_mem_pool\n >Line No: [0-9]+\n >Condition: 0\n");
 }

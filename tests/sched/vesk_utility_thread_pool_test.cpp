@@ -152,19 +152,30 @@ int s_separators = 0;
 int s_stop_after = 1 << 30;
 std::function<bool(const std::string&)> s_stop;
 
-int collect(const char* fmt, ...)
+std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char* f, ...)
 {
     char line[512];
     va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(line, sizeof(line), fmt, ap);
+    va_start(ap, f);
+    vsnprintf(line, sizeof(line), f, ap);
+    va_end(ap);
+    return line;
+}
+
+int collect(const char* f, ...)
+{
+    char line[512];
+    va_list ap;
+    va_start(ap, f);
+    vsnprintf(line, sizeof(line), f, ap);
     va_end(ap);
     std::lock_guard<std::mutex> g(s_out_lock);
     const std::string text(line);
     if (text.find(" -----") == 0) {
         if (++s_separators >= s_stop_after || (s_stop && s_stop(s_out)))
             return 1;
-        return 0;  // counted, not kept
+        return 0; // counted, not kept
     }
     s_out += text;
     return 0;
@@ -179,29 +190,37 @@ void reset_collect(int stop_after = 1 << 30)
     s_stop = nullptr;
 }
 
-std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* f, ...)
+// The CPU view's header; a row with a share and no record; a row without a share.
+const std::string k_header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
+std::string cpu_row(int pid, int whole, int tenth)
 {
-    char line[512];
-    va_list ap;
-    va_start(ap, f);
-    vsnprintf(line, sizeof(line), f, ap);
-    va_end(ap);
-    return line;
+    return fmt("%5d %4d.%1d %6s %6s %32s %32s\n", pid, whole, tenth, "-", "-", "-", "-");
+}
+std::string dash_row(int pid)
+{
+    return fmt("%5d %6s %6s %6s %32s %32s\n", pid, "-", "-", "-", "-", "-");
+}
+
+// Whether the captured output holds the text.
+::testing::AssertionResult has(const std::string& out, const std::string& text)
+{
+    if (out.find(text) != std::string::npos)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "'" << text << "' not in:\n" << out;
 }
 
 // What a registered routine reports back to the test.
 struct worker {
-    std::atomic<unsigned long> hand { 0 };
-    std::atomic<int32_t> tid { 0 };
-    std::atomic<bool> go { false };
-    std::atomic<bool> done { false };
-    std::atomic<bool> spin { false };
-    std::atomic<VESK_ERR> enter_ret { 0xFFFFFFFF };
-    std::atomic<VESK_ERR> exit_ret { 0xFFFFFFFF };
-    std::atomic<size_t> stack { 0 };
-    std::atomic<int> policy { -1 };
-    std::atomic<int> priority { -1 };
+    std::atomic<unsigned long> hand {0};
+    std::atomic<int32_t> tid {0};
+    std::atomic<bool> go {false};
+    std::atomic<bool> done {false};
+    std::atomic<bool> spin {false};
+    std::atomic<VESK_ERR> enter_ret {0xFFFFFFFF};
+    std::atomic<VESK_ERR> exit_ret {0xFFFFFFFF};
+    std::atomic<size_t> stack {0};
+    std::atomic<int> policy {-1};
+    std::atomic<int> priority {-1};
     const char* function = "vesk_worker_function_name";
 };
 
@@ -234,16 +253,24 @@ void* routine(void* arg)
     return nullptr;
 }
 
-vesk_thread_creat_ctl ctl_for(worker& w, uint32_t type, VESK_BOOL auto_retrieve, uint32_t stack)
+vesk_thread_creat_ctl ctl_for(worker& w, uint32_t type, VESK_BOOL auto_retrieve = 0, uint32_t stack = 0)
 {
     vesk_thread_creat_ctl c {};
     c.work_type = type;
-    c.priority = 0;
     c.thread_func = routine;
     c.thread_arg = &w;
     c.auto_retrieve = auto_retrieve;
     c.stack_size = stack;
     return c;
+}
+
+// Creates the thread through the exported call and waits until its routine has entered.
+unsigned long start(worker& w, const vesk_thread_creat_ctl& c, const char* name)
+{
+    unsigned long h = 0;
+    EXPECT_EQ(vesk_utility_creat_thread(&c, name, &h), VESK_OK);
+    EXPECT_TRUE(wait_until([&] { return w.hand != 0; }));
+    return h;
 }
 
 std::string temp_dir()
@@ -272,11 +299,8 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
 {
     const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
     worker w;
-    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 4096);
-    unsigned long h = 0;
-    ASSERT_EQ(vesk_utility_creat_thread(&c, "recorder_io", &h), VESK_OK);
+    const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 4096), "recorder_io");
     ASSERT_NE(h, 0ul);
-    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
     EXPECT_EQ(w.enter_ret.load(), VESK_OK);
     EXPECT_EQ(w.hand.load(), h);
 
@@ -299,10 +323,9 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
     // The registered list shows the record, stack as asked in K, and finds the thread alive.
     reset_collect();
     live_pool().diagnose(2, collect);
-    EXPECT_NE(s_out.find(fmt("%6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", w.tid.load(), 4, 'K', 1, 0, 0, 2,
-                  "recorder_io", "vesk_worker_function_name")),
-        std::string::npos)
-        << s_out;
+    EXPECT_TRUE(has(s_out,
+        fmt("%6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", w.tid.load(), 4, 'K', 1, 0, 0, 2, "recorder_io",
+            "vesk_worker_function_name")));
     EXPECT_EQ(s_out.find("WARINNG"), std::string::npos) << s_out;
 
     w.go = true;
@@ -317,17 +340,14 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
 
     const std::string out
         = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(out.find(fmt("thread_hand = %lu, is invalid!", h)), std::string::npos) << out;
+    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, is invalid!", h)));
 }
 
 TEST(ThreadPoolTest, AutoRetrieveRecordGoesAtExitAndRetrieveOnlyDropsIt)
 {
     // Exit removes the record of a detached thread; retrieving it afterwards is an error.
     worker a;
-    const vesk_thread_creat_ctl ca = ctl_for(a, VESK_THREAD_WORK_COMMON, 1, 0);
-    unsigned long ha = 0;
-    ASSERT_EQ(vesk_utility_creat_thread(&ca, "detached_a", &ha), VESK_OK);
-    ASSERT_TRUE(wait_until([&] { return a.hand != 0; }));
+    const unsigned long ha = start(a, ctl_for(a, VESK_THREAD_WORK_COMMON, 1), "detached_a");
     vesk_thread_record r;
     ASSERT_TRUE(probe::record(live_pool(), ha, r));
     EXPECT_EQ(r.auto_retrieve, 1);
@@ -338,19 +358,14 @@ TEST(ThreadPoolTest, AutoRetrieveRecordGoesAtExitAndRetrieveOnlyDropsIt)
     EXPECT_FALSE(probe::record(live_pool(), ha, r));
     std::string out
         = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(ha), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(out.find("is invalid!"), std::string::npos) << out;
+    EXPECT_TRUE(has(out, "is invalid!"));
 
     // Retrieve of a detached thread still running: no join, the record goes, and the thread's
     // own exit then finds nothing.
     worker b;
-    const vesk_thread_creat_ctl cb = ctl_for(b, VESK_THREAD_WORK_COMMON, 1, 0);
-    unsigned long hb = 0;
-    ASSERT_EQ(vesk_utility_creat_thread(&cb, "detached_b", &hb), VESK_OK);
-    ASSERT_TRUE(wait_until([&] { return b.hand != 0; }));
+    const unsigned long hb = start(b, ctl_for(b, VESK_THREAD_WORK_COMMON, 1), "detached_b");
     out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(hb), VESK_OK); });
-    EXPECT_NE(
-        out.find(fmt("thread_hand = %lu, name = 'detached_b', is auto retrieve, not need!", hb)), std::string::npos)
-        << out;
+    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, name = 'detached_b', is auto retrieve, not need!", hb)));
     EXPECT_FALSE(b.done.load()); // not joined: it is still waiting for go
     EXPECT_FALSE(probe::record(live_pool(), hb, r));
     out = vesk_test::capture_stdout([&] {
@@ -358,64 +373,58 @@ TEST(ThreadPoolTest, AutoRetrieveRecordGoesAtExitAndRetrieveOnlyDropsIt)
         ASSERT_TRUE(wait_until([&] { return b.done.load(); }));
     });
     EXPECT_EQ(b.exit_ret.load(), VESK_ERR_OPERATE_FAIL);
-    EXPECT_NE(out.find(fmt("thread_hand = %lu, is invalid!", hb)), std::string::npos) << out;
+    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, is invalid!", hb)));
 }
 
 TEST(ThreadPoolTest, BadArgumentsCreateNothing)
 {
     worker w;
     const int before = probe::records(live_pool());
-    for (uint32_t type : { 0u, 3u }) {
-        const vesk_thread_creat_ctl c = ctl_for(w, type, 0, 0);
+    for (uint32_t type : {0u, 3u}) {
+        const vesk_thread_creat_ctl c = ctl_for(w, type);
         unsigned long h = 0xABCDul;
         const std::string out = vesk_test::capture_stdout(
             [&] { EXPECT_EQ(vesk_utility_creat_thread(&c, "bad", &h), VESK_ERR_NOT_SUPPORT); });
         EXPECT_EQ(h, 0xABCDul); // untouched
-        EXPECT_NE(out.find(fmt("[UTL] ERROR! creat_thread[")), std::string::npos) << out;
-        EXPECT_NE(out.find(fmt("work_type_%u, not support!", type)), std::string::npos) << out;
+        EXPECT_TRUE(has(out, "[UTL] ERROR! creat_thread["));
+        EXPECT_TRUE(has(out, fmt("work_type_%u, not support!", type)));
     }
     EXPECT_EQ(w.hand.load(), 0ul); // the routine never ran
     EXPECT_EQ(probe::records(live_pool()), before);
 
-    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
+    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON);
     unsigned long h = 0;
     EXPECT_EQ(vesk_utility_creat_thread(nullptr, "x", &h), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_creat_thread(&c, "x", nullptr), VESK_ERR_INVALID_PARAM);
     const std::string out
         = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_exit_thread(0x1234), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(out.find("[UTL] ERROR! exit_thread["), std::string::npos) << out;
-    EXPECT_NE(out.find("thread_hand = 4660, is invalid!"), std::string::npos) << out;
+    EXPECT_TRUE(has(out, "[UTL] ERROR! exit_thread["));
+    EXPECT_TRUE(has(out, "thread_hand = 4660, is invalid!"));
 }
 
 TEST(ThreadPoolTest, EnterWithoutCreateRegistersRunningAnonymousThread)
 {
-    std::atomic<unsigned long> h { 0 };
-    std::atomic<int32_t> tid { 0 };
-    std::atomic<bool> go { false };
-    std::thread t([&] {
-        EXPECT_EQ(vesk_utility_enter_thread(pthread_self(), nullptr), VESK_OK);
-        tid = own_tid();
-        h = pthread_self();
-        while (!go)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        EXPECT_EQ(vesk_utility_exit_thread(pthread_self()), VESK_OK);
-    });
-    ASSERT_TRUE(wait_until([&] { return h != 0; }));
-    EXPECT_EQ(comm_of(tid), "anonymous");
+    worker w;
+    w.function = nullptr;
+    std::thread t(routine, &w);
+    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    EXPECT_EQ(w.enter_ret.load(), VESK_OK);
+    EXPECT_EQ(comm_of(w.tid), "anonymous");
     vesk_thread_record r;
-    ASSERT_TRUE(probe::record(live_pool(), h, r));
+    ASSERT_TRUE(probe::record(live_pool(), w.hand, r));
     EXPECT_EQ(r.state, uint32_t(VESK_THREAD_RUNNING));
-    EXPECT_EQ(r.pid, tid.load());
+    EXPECT_EQ(r.pid, w.tid.load());
     EXPECT_STREQ(r.function_name, "anonymous");
     EXPECT_STREQ(r.thread_name, "");
     EXPECT_EQ(r.work_type, 0u);
     EXPECT_EQ(r.priority, 0u);
-    go = true;
+    w.go = true;
     t.join();
-    ASSERT_TRUE(probe::record(live_pool(), h, r)); // not auto retrieve: the record stays
+    EXPECT_EQ(w.exit_ret.load(), VESK_OK);
+    ASSERT_TRUE(probe::record(live_pool(), w.hand, r)); // not auto retrieve: the record stays
     EXPECT_EQ(r.state, uint32_t(VESK_THREAD_EXITED));
-    EXPECT_EQ(live_pool().delete_thr_hand(h), VESK_OK);
-    EXPECT_EQ(live_pool().delete_thr_hand(h), VESK_ERR_OPERATE_FAIL);
+    EXPECT_EQ(live_pool().delete_thr_hand(w.hand), VESK_OK);
+    EXPECT_EQ(live_pool().delete_thr_hand(w.hand), VESK_ERR_OPERATE_FAIL);
 }
 
 TEST(ThreadPoolTest, WithoutPoolThreadsStillRunNamedAndJoined)
@@ -423,15 +432,15 @@ TEST(ThreadPoolTest, WithoutPoolThreadsStillRunNamedAndJoined)
     worker w;
     w.function = "no_pool";
     const int before = probe::records(live_pool());
-    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
+    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON);
     unsigned long h = 0;
     std::string out = vesk_test::capture_stdout([&] {
         EXPECT_EQ(creat_thread(nullptr, &c, "unpooled", &h), VESK_OK);
         EXPECT_EQ(enter_thread(nullptr, pthread_self(), "no_pool_main"), VESK_OK);
         EXPECT_EQ(exit_thread(nullptr, pthread_self()), VESK_OK);
     });
-    for (const char* fn : { "creat_thread", "enter_thread", "exit_thread" })
-        EXPECT_NE(out.find(fmt("[UTL] WARNING! %s[", fn)), std::string::npos) << out;
+    for (const char* fn : {"creat_thread", "enter_thread", "exit_thread"})
+        EXPECT_TRUE(has(out, fmt("[UTL] WARNING! %s[", fn)));
     EXPECT_EQ(vesk_test::count_of(out, "get thread_pool fail!"), 3) << out;
     ASSERT_NE(h, 0ul);
     ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
@@ -439,7 +448,7 @@ TEST(ThreadPoolTest, WithoutPoolThreadsStillRunNamedAndJoined)
     EXPECT_EQ(comm_of(own_tid()), "no_pool_main");
     w.go = true;
     out = vesk_test::capture_stdout([&] { EXPECT_EQ(retrieve_thread(nullptr, h), VESK_OK); });
-    EXPECT_NE(out.find("[UTL] WARNING! retrieve_thread["), std::string::npos) << out;
+    EXPECT_TRUE(has(out, "[UTL] WARNING! retrieve_thread["));
     EXPECT_TRUE(w.done.load()); // joined: the routine has finished
     // The routine registered itself through enter; the creation itself registered nothing.
     vesk_thread_record r;
@@ -452,20 +461,15 @@ TEST(ThreadPoolTest, WithoutPoolThreadsStillRunNamedAndJoined)
 TEST(ThreadPoolTest, RecordAllocationFailureIsLoggedAndSurfacedOnlyByEnter)
 {
     worker w;
-    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
     unsigned long h = 0;
     thread_pool_fail_record_alloc(true);
-    const std::string out = vesk_test::capture_stdout([&] {
-        EXPECT_EQ(vesk_utility_creat_thread(&c, "starved", &h), VESK_OK);
-        ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
-    });
+    const std::string out
+        = vesk_test::capture_stdout([&] { h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON), "starved"); });
     thread_pool_fail_record_alloc(false);
-    EXPECT_NE(out.find(fmt("[UTL] ERROR! utility_thread_pool::save_thr_hand[")), std::string::npos) << out;
-    EXPECT_NE(out.find(fmt("[UTL] ERROR! utility_thread_pool::save_thr_pid[")), std::string::npos) << out;
+    EXPECT_TRUE(has(out, "[UTL] ERROR! utility_thread_pool::save_thr_hand["));
+    EXPECT_TRUE(has(out, "[UTL] ERROR! utility_thread_pool::save_thr_pid["));
     EXPECT_EQ(vesk_test::count_of(out, fmt("malloc %zu fail!", sizeof(vesk_thread_record))), 2) << out;
-    EXPECT_NE(out.find(fmt("thread_hand = %lu, pid = %d, 'vesk_worker_function_name' is invalid!", h, w.tid.load())),
-        std::string::npos)
-        << out;
+    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, pid = %d, 'vesk_worker_function_name' is invalid!", h, w.tid.load())));
     EXPECT_EQ(w.enter_ret.load(), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun"); // named all the same
     vesk_thread_record r;
@@ -480,11 +484,9 @@ TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
     // The inherit-scheduler attribute keeps the C library's default, so the policy and
     // priority of the control record give way to the creator's.
     worker w;
-    vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME, 0, 0);
+    vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME);
     c.priority = 10;
-    unsigned long h = 0;
-    ASSERT_EQ(vesk_utility_creat_thread(&c, "rt_from_normal", &h), VESK_OK);
-    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    const unsigned long h = start(w, c, "rt_from_normal");
     EXPECT_EQ(w.policy.load(), SCHED_OTHER);
     vesk_thread_record r;
     ASSERT_TRUE(probe::record(live_pool(), h, r));
@@ -495,8 +497,8 @@ TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
 
     // From a real-time creator, where the environment allows one.
     worker rt;
-    std::atomic<int> set_ret { -1 };
-    std::atomic<VESK_ERR> create_ret { 0xFFFFFFFF };
+    std::atomic<int> set_ret {-1};
+    std::atomic<VESK_ERR> create_ret {0xFFFFFFFF};
     unsigned long hrt = 0;
     std::thread creator([&] {
         sched_param sp {};
@@ -504,7 +506,7 @@ TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
         set_ret = pthread_setschedparam(pthread_self(), SCHED_RR, &sp);
         if (set_ret != 0)
             return;
-        const vesk_thread_creat_ctl crt = ctl_for(rt, VESK_THREAD_WORK_REAL_TIME, 0, 0);
+        const vesk_thread_creat_ctl crt = ctl_for(rt, VESK_THREAD_WORK_REAL_TIME);
         create_ret = vesk_utility_creat_thread(&crt, "rt_from_rt", &hrt);
     });
     creator.join();
@@ -547,10 +549,9 @@ TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
         EXPECT_FALSE(scanf_system_stat("/nonexistent/stat", &total));
         EXPECT_FALSE(scanf_pid_stat("/nonexistent/1/stat", &e));
     });
-    EXPECT_NE(out.find("[UTL] ERROR! scanf_system_stat["), std::string::npos) << out;
-    EXPECT_NE(out.find("Can not open"), std::string::npos) << out;
-    EXPECT_NE(out.find("[UTL] ERROR! scanf_pid_stat["), std::string::npos) << out;
-    EXPECT_NE(out.find("Can not open /nonexistent/1/stat"), std::string::npos) << out;
+    EXPECT_TRUE(has(out, "[UTL] ERROR! scanf_system_stat["));
+    EXPECT_TRUE(has(out, "[UTL] ERROR! scanf_pid_stat["));
+    EXPECT_TRUE(has(out, "Can not open /nonexistent/1/stat"));
 
     // The live files parse.
     EXPECT_TRUE(scanf_system_stat("/proc/stat", &total));
@@ -566,7 +567,7 @@ TEST(ThreadPoolCpuTest, TwoSamplesOfAFixtureTreeGiveExactShares)
     const std::string root = temp_dir();
     mkdir((root + "/100").c_str(), 0755);
     mkdir((root + "/100/task").c_str(), 0755);
-    for (int tid : { 100, 101, 102 })
+    for (int tid : {100, 101, 102})
         mkdir((root + "/100/task/" + std::to_string(tid)).c_str(), 0755);
     auto write_sample = [&](unsigned total_base, unsigned proc, unsigned t101, unsigned t102) {
         write_file(root + "/stat", fmt("cpu  %u 0 0 0 0 0 0 0 0 0\n", total_base));
@@ -585,36 +586,34 @@ TEST(ThreadPoolCpuTest, TwoSamplesOfAFixtureTreeGiveExactShares)
     ASSERT_TRUE(probe::init_tables(pool));
     EXPECT_FALSE(probe::init_tables(pool)); // one view at a time
 
-    const std::string header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
     // First sample: no reference yet, so nothing passes the 0.1% filter...
     write_sample(1000, 500, 100, 7);
     reset_collect();
     probe::sample_and_print(pool, root, 100, false, collect);
-    EXPECT_EQ(s_out, header);
+    EXPECT_EQ(s_out, k_header);
     // ...second: 200 ticks elapsed; the process used 50, thread 101 used 33, thread 102 none.
     write_sample(1200, 550, 133, 7);
     reset_collect();
     probe::sample_and_print(pool, root, 100, false, collect);
     EXPECT_EQ(s_out,
-        header + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 100, 25, 0, "-", "-", "-", "-")
+        k_header + cpu_row(100, 25, 0)
             + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 101, 16, 5, 30, 2, "recorder", "rec_loop"));
     // Show-all keeps the idle thread, with 0.0, at the end.
     write_sample(1400, 551, 134, 7);
     reset_collect();
     probe::sample_and_print(pool, root, 100, true, collect);
     EXPECT_EQ(s_out,
-        header + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 100, 0, 5, "-", "-", "-", "-")
-            + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 101, 0, 5, 30, 2, "recorder", "rec_loop")
-            + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 102, 0, 0, "-", "-", "-", "-"));
+        k_header + cpu_row(100, 0, 5) + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 101, 0, 5, 30, 2, "recorder", "rec_loop")
+            + cpu_row(102, 0, 0));
 
     // A process without a task directory is logged and leaves only entry 0.
     const std::string out = vesk_test::capture_stdout([&] {
         reset_collect();
         probe::sample_and_print(pool, root, 999, true, collect);
     });
-    EXPECT_NE(out.find(fmt("[UTL] ERROR! utility_thread_pool::proc_load_pid[")), std::string::npos) << out;
-    EXPECT_NE(out.find(fmt("%s/999/task open fail!", root.c_str())), std::string::npos) << out;
-    EXPECT_EQ(s_out, header + fmt("%5d %6s %6s %6s %32s %32s\n", 999, "-", "-", "-", "-", "-"));
+    EXPECT_TRUE(has(out, "[UTL] ERROR! utility_thread_pool::proc_load_pid["));
+    EXPECT_TRUE(has(out, fmt("%s/999/task open fail!", root.c_str())));
+    EXPECT_EQ(s_out, k_header + dash_row(999));
     probe::free_tables(pool);
     std::filesystem::remove_all(root);
 }
@@ -643,24 +642,17 @@ TEST(ThreadPoolCpuTest, ListingMatchesByPositionFiltersAndOrders)
     //  idx 2 pid 12: used 400, equal to pid 10, listed after it; registered
     //  idx 3 pid 14: previous entry at idx 3 was pid 13 (a thread ended): unmatched, "-"
     //  idx 4 pid 15: stat not read;      idx 5 pid 16: used 1999 -> 9.9%
-    const std::vector<vesk_cpu_sample> prev = { e(10, 100), e(11, 100), e(12, 100), e(13, 100), e(15, 0), e(16, 1) };
-    std::vector<vesk_cpu_sample> cur = { e(10, 500), e(11, 120), e(12, 500), e(14, 900), e(15, 0, 0), e(16, 2000) };
+    const std::vector<vesk_cpu_sample> prev = {e(10, 100), e(11, 100), e(12, 100), e(13, 100), e(15, 0), e(16, 1)};
+    std::vector<vesk_cpu_sample> cur = {e(10, 500), e(11, 120), e(12, 500), e(14, 900), e(15, 0, 0), e(16, 2000)};
     cur[2].record = &r;
-    const std::string header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
-    const std::string l16 = fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 16, 9, 9, "-", "-", "-", "-");
-    const std::string l10 = fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 10, 2, 0, "-", "-", "-", "-");
-    const std::string l12 = fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 12, 2, 0, 3, 1, "disk", "disk_loop");
-
+    const std::string listed = k_header + cpu_row(16, 9, 9) + cpu_row(10, 2, 0)
+        + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 12, 2, 0, 3, 1, "disk", "disk_loop");
     reset_collect();
     probe::print_tables(pool, prev, 100000, cur, 120000, false, collect);
-    EXPECT_EQ(s_out, header + l16 + l10 + l12);
-
+    EXPECT_EQ(s_out, listed);
     reset_collect();
     probe::print_tables(pool, prev, 100000, cur, 120000, true, collect);
-    EXPECT_EQ(s_out,
-        header + l16 + l10 + l12 + fmt("%5d %4d.%1d %6s %6s %32s %32s\n", 11, 0, 0, "-", "-", "-", "-")
-            + fmt("%5d %6s %6s %6s %32s %32s\n", 14, "-", "-", "-", "-", "-")
-            + fmt("%5d %6s %6s %6s %32s %32s\n", 15, "-", "-", "-", "-", "-"));
+    EXPECT_EQ(s_out, listed + cpu_row(11, 0, 0) + dash_row(14) + dash_row(15));
     probe::free_tables(pool);
 }
 
@@ -669,10 +661,7 @@ TEST(ThreadPoolCpuTest, LiveViewShowsABusyThreadAndStartsWithDashes)
     worker w;
     w.spin = true;
     w.function = "busy_loop";
-    const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 0);
-    unsigned long h = 0;
-    ASSERT_EQ(vesk_utility_creat_thread(&c, "busy_worker", &h), VESK_OK);
-    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
+    const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON), "busy_worker");
     const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
 
     // Show-all, stopped once a sample after the first shows the busy thread above 0.0%
@@ -693,13 +682,10 @@ TEST(ThreadPoolCpuTest, LiveViewShowsABusyThreadAndStartsWithDashes)
     probe::set_pause(live_pool(), k_cpu_view_pause_ms);
 
     // The first listing has no reference sample: "-" for every thread, the busy one included.
-    const std::string header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
-    ASSERT_EQ(s_out.find(header), 0u) << s_out;
-    const std::string first = s_out.substr(header.size(), s_out.find(header, 1) - header.size());
-    EXPECT_NE(first.find(fmt("%5d %6s %6d %6d %32s %32s\n", w.tid.load(), "-", 0, 1, "busy_worker", "busy_loop")),
-        std::string::npos)
-        << first;
-    EXPECT_NE(first.find(fmt("%5d %6s %6s %6s", getpid(), "-", "-", "-")), std::string::npos) << first;
+    ASSERT_EQ(s_out.find(k_header), 0u) << s_out;
+    const std::string first = s_out.substr(k_header.size(), s_out.find(k_header, 1) - k_header.size());
+    EXPECT_TRUE(has(first, fmt("%5d %6s %6d %6d %32s %32s\n", w.tid.load(), "-", 0, 1, "busy_worker", "busy_loop")));
+    EXPECT_TRUE(has(first, fmt("%5d %6s %6s %6s", getpid(), "-", "-", "-")));
     EXPECT_GT(busy_whole * 10 + busy_tenth, 0) << s_out;
     EXPECT_LT(s_separators, 41) << s_out;
     // The sample tables are freed when the view ends.
@@ -755,8 +741,8 @@ TEST(ThreadPoolDiagnoseTest, BusyRegistryIsNeverWaitedFor)
 
     // The lock taken during the pause after the first sample: ten tries, then the view ends.
     probe::set_pause(pool, 1000);
-    std::atomic<bool> holder_has_lock { false };
-    std::atomic<bool> release { false };
+    std::atomic<bool> holder_has_lock {false};
+    std::atomic<bool> release {false};
     std::thread holder;
     reset_collect();
     s_stop = [&](const std::string&) {

@@ -165,6 +165,15 @@ vesk_timer_ret_code blocker_cb(void* param, unsigned int* next_ms, vesk_timer_ta
     return static_cast<vesk_timer_ret_code>(b->ret);
 }
 
+// The sum of one counter over a group of blockers.
+template <size_t N> int total(blocker (&group)[N], std::atomic<int> blocker::*counter)
+{
+    int n = 0;
+    for (blocker& x : group)
+        n += (x.*counter).load();
+    return n;
+}
+
 std::atomic<int> s_quick_runs {0};
 vesk_timer_ret_code quick_once_cb(void*, unsigned int*, vesk_timer_task_type*)
 {
@@ -379,12 +388,7 @@ TEST(TimerTest, LimitedPurposeRunsAtMostTwoAtOnceByDefault)
     EXPECT_EQ(peak, 2);
     for (blocker& x : b)
         x.release = true;
-    EXPECT_TRUE(wait_for([&] {
-        int done = 0;
-        for (blocker& x : b)
-            done += x.finished;
-        return done == 4;
-    }));
+    EXPECT_TRUE(wait_for([&] { return total(b, &blocker::finished) == 4; }));
     EXPECT_EQ(peak, 2);
 }
 
@@ -454,12 +458,7 @@ TEST(TimerTest, TemporaryThreadsStartForOverdueTasksAndRetireWhenIdle)
     blocker b[5];
     for (blocker& x : b)
         ASSERT_EQ(vesk_utility_c_regist_timer(0x90, blocker_cb, 0x91, 10, &x, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
-    ASSERT_TRUE(wait_for([&] {
-        int n = 0;
-        for (blocker& x : b)
-            n += x.entered;
-        return n == 5;
-    }));
+    ASSERT_TRUE(wait_for([&] { return total(b, &blocker::entered) == 5; }));
     std::vector<char> params(8);
     s_quick_runs = 0;
     std::string out = vesk_test::capture_stdout([&] {
