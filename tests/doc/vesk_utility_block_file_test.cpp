@@ -129,6 +129,13 @@ class BlockFileDiskTest : public ::testing::TestWithParam<const char*>
 protected:
     void SetUp() override
     {
+#if defined(VESK_TEST_EMULATED)
+        // qemu-user passes XFS_IOC_GETBMAPX of a 32-bit program to the 64-bit host kernel
+        // untranslated, so the XFS map cannot be taken under emulation (the board's kernel
+        // serves it natively); the host suite covers XFS.
+        if (strcmp(GetParam(), "xfs") == 0)
+            GTEST_SKIP() << "XFS extent maps are not available under qemu-user emulation";
+#endif
         std::string why;
         m_fs = loop_fs::make(vesk_test::private_root(), GetParam(), 64, why);
         if (m_fs == nullptr)
