@@ -89,9 +89,13 @@ vesk_utility_system_client::vesk_utility_system_client(const char* server_path)
     , m_rec_lock(new_named_lock("utility_system_rec_lock"))
 {
     VESK_ASSERT(m_send_lock != NULL && m_rec_lock != NULL);
-    m_server_path = vesk_utility_res_manage::instance()->get_string_pool()->strdup(
-        VESK_USER_UTILITY, k_purpose_cmd_path, server_path, sizeof(sockaddr_un::sun_path) - 1, nullptr);
+    // An accounted block of its own rather than a string-pool copy: one path for the life of
+    // the process does not justify opening a pool chunk at start-up.
+    const size_t len = strnlen(server_path, sizeof(sockaddr_un::sun_path) - 1);
+    m_server_path = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cmd_path, len + 1, 1));
     VESK_ASSERT(m_server_path != NULL);
+    memcpy(m_server_path, server_path, len);
+    m_server_path[len] = '\0';
     scoped_lock guard(m_send_lock, "vesk_utility_system_client");
     connect_socket();
 }
@@ -284,6 +288,9 @@ VESK_ERR popen_ex(const char* cmd, const char* type, int* fd, int* pid)
     }
     if (child == 0) {
         // Only async-signal-safe calls between vfork and exec: the parent's memory is shared.
+        // A process group of its own, so that close_ex ends the shell's children as well (a
+        // leftover grandchild would keep the caller's descriptors open).
+        setpgid(0, 0);
         if (child_end != target) {
             dup2(child_end, target); // dup2 clears close-on-exec on the new descriptor
         } else {
@@ -310,7 +317,8 @@ VESK_ERR close_ex(int fd, int pid)
     int status = 0;
     pid_t r;
     do {
-        kill(pid, SIGTERM);
+        if (kill(-pid, SIGTERM) != 0)
+            kill(pid, SIGTERM);
         r = waitpid(pid, &status, 0);
     } while (r < 0 && errno == EINTR);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);

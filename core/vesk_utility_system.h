@@ -77,7 +77,8 @@ vesk_soft::vesk_timer_ret_code vesk_utility_system_thread(
 // *pid are -1 on failure. VESK_ERR_INVALID_PARAM for any other type, VESK_ERR_OPERATE_FAIL
 // when pipe or vfork fail.
 VESK_ERR popen_ex(const char* cmd, const char* type, int* fd, int* pid);
-// Closes fd, sends SIGTERM to the child whether or not it has finished, and reaps it.
+// Closes fd, sends SIGTERM to the child and its process group whether or not it has finished,
+// and reaps it.
 VESK_ERR close_ex(int fd, int pid);
 // Runs cmd and keeps at most buf_size - 1 bytes of its output in buf (NUL-terminated),
 // waiting at most timeout_ms for it to finish writing. VESK_ERR_OPERATE_FAIL on time-out or a
