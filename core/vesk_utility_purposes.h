@@ -24,6 +24,7 @@ constexpr vesk_memmory_purpose k_purpose_cpu_samples = 0x3009;       // fixed: t
 constexpr vesk_memmory_purpose k_purpose_logo = 0x300A;              // fixed: logo frames
 constexpr vesk_memmory_purpose k_purpose_diag_scratch = 0x300B;      // a dump's temporary tables
 constexpr vesk_memmory_purpose k_purpose_event_manage = 0x300C;     // event manager object, notify batch
+constexpr vesk_memmory_purpose k_purpose_system_client = 0x3042;     // the system-command client object
 constexpr vesk_memmory_purpose k_purpose_event_observers = 0x300E;   // fixed
 constexpr vesk_memmory_purpose k_purpose_event_info = 0x300F;        // fixed
 constexpr vesk_memmory_purpose k_purpose_event_schedule = 0x3010;    // fixed

@@ -20,6 +20,8 @@
 #include "vesk_utility_thread_pool.h"
 #include "sched/vesk_utility_timer.h"
 #include "event/vesk_utility_event_manage.h"
+#include "sched/vesk_utility_watch_dog.h"
+#include "vesk_utility_system.h"
 
 namespace vesk_utility {
 
@@ -138,9 +140,13 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     char path[sizeof(sockaddr_un::sun_path)];
     switch (ops) {
     case VESK_UTILITY_OPS_MAIN_APP:
+        m_system_client = new_accounted<vesk_utility_system_client>(
+            k_purpose_system_client, vesk_rooted_path(path, sizeof(path), k_path_cmd_socket_main));
         m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main));
         break;
     case VESK_UTILITY_OPS_PROXY_SERVER:
+        m_system_client = new_accounted<vesk_utility_system_client>(
+            k_purpose_system_client, vesk_rooted_path(path, sizeof(path), k_path_cmd_socket_proxy));
         m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy));
         break;
     default:
@@ -148,9 +154,9 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     }
     curl_global_init(CURL_GLOBAL_ALL);
     if (ops == VESK_UTILITY_OPS_MAIN_APP) {
-        // The watchdog comes with its own service; NULL until then.
         m_timer = new_accounted<vesk_utility_timer>(k_purpose_timer);
         m_event_manage = new_accounted<vesk_utility_event_manage>(k_purpose_event_manage);
+        m_watch_dog_manage = new_accounted<vesk_utility_watch_dog_manage>(k_purpose_watch_dog);
         // An A/V allocation that reaches the rotation threshold pulls the rotation task forward.
         vesk_mem_set_rotate_waker(timer_rotate_waker);
     } else {
@@ -160,8 +166,9 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
     }
     regist_diag_clients(ops);
     // The agent's poll runs on the timer: the proxy server, which has none, ends here in the
-    // get_timer assertion. The system-command client starts here once it exists.
+    // get_timer assertion.
     m_diagnose->start();
+    m_system_client->start();
 }
 
 void vesk_utility_res_manage::regist_diag_clients(vesk_utility_ops_type ops)

@@ -46,6 +46,9 @@ public:
     utility_little_mem_pool* get_av_reader_pool();
     vesk_diagnose_agent* get_diagnose();
     vesk_utility_system_client* get_system_client();
+    // The client or NULL, without the assertion: the watchdog and the exported command
+    // functions report a missing client instead of ending the process.
+    vesk_utility_system_client* find_system_client() { return m_system_client; }
     vesk_utility_timer* get_timer();
     vesk_utility_watch_dog_manage* get_watch_dog_manage();
     vesk_utility_event_manage* get_event_manage();

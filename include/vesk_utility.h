@@ -17,5 +17,8 @@
 #include "vesk_utility_sqlite.h"
 #include "vesk_utility_file.h"
 #include "vesk_utility_json.h"
+#include "vesk_utility_system.h"
+#include "vesk_utility_watch_dog.h"
+#include "vesk_utility_xml.h"
 
 #endif  // VESK_UTILITY_H

@@ -238,6 +238,22 @@ int main()
         CHECK(vesk_utility_set_event_valid_time(6) == VESK_OK);
         CHECK(vesk_utility_set_event_state(&disk, 0) == VESK_OK);
         CHECK(vesk_utility_unregister_event_oberver(0x40, &obs) == VESK_OK);
+    // Commands, process helpers, the watchdog and the XML operator are exported.
+    {
+        char out[16];
+        CHECK(vesk_utility_exe_cmd("echo api", 30000, out, sizeof(out)) == VESK_OK && strcmp(out, "api\n") == 0);
+        int fd = -1, pid = -1;
+        CHECK(vesk_utility_popen("true", "x", &fd, &pid) == VESK_ERR_INVALID_PARAM && fd == -1);
+        CHECK(vesk_utility_system(nullptr) == VESK_ERR_INVALID_PARAM && vesk_utility_pclose(nullptr) == -1);
+        unsigned long dog = 99;
+        CHECK(vesk_utility_regist_dog(0x4242, 3600, &dog) == VESK_OK && vesk_utility_fetch_dog(dog) == VESK_OK
+            && vesk_utility_unregist_dog(dog) == VESK_OK);
+        vesk_utility_regist_reboot_func(nullptr);
+        vesk_xml_operate* xml = vesk_utility_new_xml_operate(0x40, "api xml");
+        CHECK(xml != nullptr && xml->create("root") == VESK_OK && xml->set_attr_int("", "n", 7) == VESK_OK);
+        int n = 0;
+        CHECK(xml != nullptr && xml->get_attr_int("", "n", &n) == VESK_OK && n == 7);
+        CHECK(xml != nullptr && vesk_utility_delete_xml_operate(xml, __FILE__, __func__) == VESK_OK);
     }
 
     VESK_BOOL b = 1;

@@ -1,0 +1,29 @@
+// vesk_utility_api_xml - the exported wrappers that create and destroy XML operators, each
+// recorded on the "xml fd" list.
+#include "doc/vesk_utility_xml.h"
+#include "vesk_utility.h"
+#include "vesk_utility_handle.h"
+#include "vesk_utility_log.h"
+#include "vesk_utility_resource.h"
+
+namespace vesk_soft
+{
+
+using namespace vesk_utility;
+
+vesk_xml_operate* vesk_utility_new_xml_operate(vesk_user_id usr_id, const char* name)
+{
+    if (vesk_ops_type() == 0) {
+        VESK_ERR_FN("not init");
+        return nullptr;
+    }
+    return VESK_REGISTER_NEW(VESK_LIST_XML, static_cast<vesk_xml_operate*>(new (std::nothrow) vesk_xml_realize()),
+        usr_id, name != nullptr ? name : "");
+}
+
+VESK_ERR vesk_utility_delete_xml_operate(vesk_xml_operate* op, const char* file, const char* func)
+{
+    return VESK_DELETE_REGISTERED(VESK_LIST_XML, op, file, func);
+}
+
+} // namespace vesk_soft

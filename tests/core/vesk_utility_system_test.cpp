@@ -1,0 +1,283 @@
+// The command client against a real proxy server process (and against a bare listener where
+// the exact requests matter), the fallback without a server, and the process helpers.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/vesk_utility_system.h"
+#include "proxy_server_process.h"
+#include "test_support.h"
+#include "vesk_utility.h"
+
+using namespace vesk_soft;
+using namespace vesk_test;
+using vesk_utility::vesk_cmd_request;
+
+namespace
+{
+
+std::string main_socket()
+{
+    return private_root() + "/usr/lib/libmodel.socket";
+}
+
+int listen_unix(const std::string& path)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    unlink(path.c_str());
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 4) != 0)
+        return -1;
+    return fd;
+}
+
+bool recv_all(int fd, void* buf, size_t size)
+{
+    char* p = static_cast<char*>(buf);
+    while (size > 0) {
+        const ssize_t n = recv(fd, p, size, 0);
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+} // namespace
+
+TEST(SystemClientTest, LongCommandIsCutInto127CharacterPiecesUnderOneMagic)
+{
+    const std::string path = private_root() + "/wire.sock";
+    const int listener = listen_unix(path);
+    ASSERT_GE(listener, 0);
+    auto* client = new vesk_utility::vesk_utility_system_client(path.c_str()); // lives on, like the real one
+    const int conn = accept(listener, nullptr, nullptr);
+    ASSERT_GE(conn, 0);
+
+    const std::string cmd(300, 'x');
+    uint32_t magic = 0;
+    ASSERT_EQ(0, client->send_msg_kqz_system(cmd.c_str(), &magic));
+    EXPECT_EQ(vesk_utility::k_cmd_first_magic, magic);
+    const size_t lengths[] = {127, 127, 46};
+    for (int i = 0; i < 3; i++) {
+        vesk_cmd_request r;
+        ASSERT_TRUE(recv_all(conn, &r, sizeof(r)));
+        EXPECT_EQ(vesk_utility::k_cmd_token, r.token);
+        EXPECT_EQ(magic, r.magic);
+        EXPECT_EQ(i < 2 ? 1u : 0u, r.more);
+        EXPECT_EQ(lengths[i], strnlen(r.text, sizeof(r.text)));
+    }
+    uint32_t second = 0;
+    ASSERT_EQ(0, client->send_msg_kqz_system("true", &second));
+    EXPECT_EQ(magic + 1, second);
+
+    // Two answers in one write, collected by one receive step; each waiter finds its own.
+    const vesk_utility::vesk_cmd_answer answers[2] = {{vesk_utility::k_cmd_token, 5}, {vesk_utility::k_cmd_token, 7}};
+    ASSERT_EQ(static_cast<ssize_t>(sizeof(answers)), send(conn, answers, sizeof(answers), 0));
+    ASSERT_TRUE(wait_for([&] {
+        client->rec_answer_msg();
+        return client->answer_is_ok(7) == 1;
+    }));
+    EXPECT_EQ(1, client->answer_is_ok(5));
+    EXPECT_EQ(0, client->answer_is_ok(5));
+
+    // A full table loses the newest answer, with its message.
+    for (uint32_t m = 100; m < 100 + vesk_utility::k_cmd_answer_slots; m++)
+        client->push_answer(m);
+    const std::string out = capture_stdout([&] { client->push_answer(999); });
+    EXPECT_NE(std::string::npos, out.find("answer_magic = 0x3e7 push fail!"));
+    EXPECT_EQ(0, client->answer_is_ok(999));
+    EXPECT_EQ(1, client->answer_is_ok(100 + vesk_utility::k_cmd_answer_slots - 1));
+    close(conn);
+    close(listener);
+}
+
+TEST(SystemClientTest, ThreePieceCommandRunsOnceThroughTheServer)
+{
+    proxy_server_process server(main_socket());
+    ASSERT_TRUE(server.ready());
+    const std::string out = private_root() + "/once.txt";
+    std::string cmd = "echo ran >> " + out + " # ";
+    cmd.append(300 - cmd.size(), 'p');
+    ASSERT_EQ(300u, cmd.size());
+    ASSERT_EQ(VESK_OK, vesk_utility_system(cmd.c_str()));
+    // Returned only after the command finished: the line is already there, exactly once.
+    EXPECT_EQ("ran\n", read_file(out));
+    EXPECT_TRUE(server.alive());
+}
+
+// Invariant: a call returns only after its own command has finished, even when commands
+// started later finish first and their answers arrive in between.
+TEST(SystemClientTest, ConcurrentCallsEachReturnAfterTheirOwnCommand)
+{
+    proxy_server_process server(main_socket());
+    ASSERT_TRUE(server.ready());
+    constexpr int k_threads = 6;
+    std::vector<std::thread> threads;
+    std::vector<int> seen(k_threads, -1);
+    for (int i = 0; i < k_threads; i++) {
+        threads.emplace_back([i, &seen] {
+            const std::string file = private_root() + "/conc_" + std::to_string(i);
+            const std::string cmd
+                = "sleep 0." + std::to_string(k_threads - i) + "; echo " + std::to_string(i) + " > " + file;
+            if (vesk_utility_system(cmd.c_str()) == VESK_OK)
+                seen[i] = atoi(read_file(file).c_str());
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    for (int i = 0; i < k_threads; i++)
+        EXPECT_EQ(i, seen[i]) << "thread " << i;
+}
+
+TEST(SystemClientTest, WithoutServerTheCommandRunsHere)
+{
+    const std::string out = private_root() + "/local.txt";
+    const std::string cmd = "echo local > " + out;
+    VESK_ERR ret = VESK_ERR_FAIL;
+    const std::string log = capture_stdout([&] { ret = vesk_utility_system(cmd.c_str()); });
+    EXPECT_EQ(VESK_OK, ret);
+    EXPECT_NE(std::string::npos, log.find("fail! use standard system"));
+    EXPECT_EQ("local\n", read_file(out));
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_system(nullptr));
+}
+
+TEST(SystemClientTest, FilePopenReadsTheWholeOutputAndPcloseRemovesTheFile)
+{
+    proxy_server_process server(main_socket());
+    ASSERT_TRUE(server.ready());
+    FILE* fp = vesk_utility_popen("seq 1 2000", "r");
+    ASSERT_NE(nullptr, fp);
+    char path[256] = {};
+    char link[64];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(fp));
+    ASSERT_GT(readlink(link, path, sizeof(path) - 1), 0);
+    EXPECT_NE(nullptr, strstr(path, "/tmp/vesk_popen_outfile_"));
+    int last = 0;
+    int lines = 0;
+    while (fscanf(fp, "%d", &last) == 1)
+        lines++;
+    EXPECT_EQ(2000, lines);
+    EXPECT_EQ(2000, last);
+    EXPECT_EQ(0, vesk_utility_pclose(fp));
+    EXPECT_NE(0, access(path, F_OK));
+    EXPECT_EQ(nullptr, vesk_utility_popen(nullptr, "r"));
+}
+
+TEST(ProcessHelperTest, ExeCmdCapturesWithinTheBufferAndTimesOut)
+{
+    char buf[64];
+    ASSERT_EQ(VESK_OK, vesk_utility_exe_cmd("echo hello; echo world", 30000, buf, sizeof(buf)));
+    EXPECT_STREQ("hello\nworld\n", buf);
+
+    // Never past buf_size, and still a string: the byte after the buffer keeps its guard.
+    memset(buf, 'Z', sizeof(buf));
+    std::string log
+        = capture_stdout([&] { EXPECT_EQ(VESK_OK, vesk_utility_exe_cmd("yes 0123456789", 30000, buf, 8)); });
+    EXPECT_STREQ("0123456", buf);
+    EXPECT_EQ('Z', buf[8]);
+    EXPECT_NE(std::string::npos, log.find("Output Info Size May Be Overflow, Store Buffer Size = 8"));
+
+    // A command that outlives its time is ended, and the call returns.
+    VESK_ERR ret = VESK_OK;
+    log = capture_stdout([&] { ret = vesk_utility_exe_cmd("sleep 600", 200, buf, sizeof(buf)); });
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, ret);
+    EXPECT_NE(std::string::npos, log.find("select Function Timeout"));
+
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_exe_cmd("true", 10, buf, 0));
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_exe_cmd(nullptr, 10, buf, sizeof(buf)));
+}
+
+TEST(ProcessHelperTest, PopenExAcceptsOnlyReadOrWrite)
+{
+    int fd = 0;
+    int pid = 0;
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility::popen_ex("true", "rw", &fd, &pid));
+    EXPECT_EQ(-1, fd);
+    EXPECT_EQ(-1, pid);
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_popen("true", "", &fd, &pid));
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_popen("true", "r", nullptr, &pid));
+
+    ASSERT_EQ(VESK_OK, vesk_utility_popen("echo abc", "r", &fd, &pid));
+    char buf[8] = {};
+    ASSERT_TRUE(wait_for([&] { return read(fd, buf, sizeof(buf) - 1) > 0; }));
+    EXPECT_STREQ("abc\n", buf);
+    EXPECT_EQ(VESK_OK, vesk_utility_pclose(fd, pid));
+    // Reaped: the pid is no child of ours any more.
+    EXPECT_EQ(-1, waitpid(pid, nullptr, WNOHANG));
+}
+
+TEST(ProxyServerTest, RefusesAnotherUserAndSurvivesMalformedOrVanishingClients)
+{
+    // /tmp, not the private root: the other user must be able to reach the socket at all.
+    const std::string path = "/tmp/vesk_proxy_peer_" + std::to_string(getpid()) + ".sock";
+    proxy_server_process server(path);
+    ASSERT_TRUE(server.ready());
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+
+    if (getuid() == 0) {
+        // Opened up on purpose, so that the peer check itself is what refuses the stranger.
+        ASSERT_EQ(0, chmod(path.c_str(), 0666));
+        const std::string marker = "/tmp/vesk_proxy_peer_" + std::to_string(getpid()) + ".ran";
+        const std::string cmd = "touch " + marker;
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setgid(65534) != 0 || setuid(65534) != 0)
+                _exit(10);
+            const int fd = connect_unix(path);
+            if (fd < 0)
+                _exit(11);
+            send_request(fd, vesk_utility::k_cmd_token, 1, cmd.c_str(), cmd.size());
+            _exit(read_answer(fd) == -1 ? 0 : 12); // closed without an answer
+        }
+        int status = -1;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(0, WEXITSTATUS(status));
+        EXPECT_NE(0, access(marker.c_str(), F_OK));
+    } else {
+        GTEST_LOG_(INFO) << "not root: the refusal of another user is not exercised";
+    }
+
+    // A wrong token and an unterminated text each close only their own connection.
+    int bad = connect_unix(path);
+    ASSERT_GE(bad, 0);
+    ASSERT_TRUE(send_request(bad, 0x12345678, 2, "true", 4));
+    EXPECT_EQ(-1, read_answer(bad));
+    close(bad);
+    bad = connect_unix(path);
+    ASSERT_GE(bad, 0);
+    const std::string no_nul(vesk_utility::k_cmd_text_size, 'a');
+    ASSERT_TRUE(send_request(bad, vesk_utility::k_cmd_token, 3, no_nul.data(), no_nul.size()));
+    EXPECT_EQ(-1, read_answer(bad));
+    close(bad);
+
+    // A client that leaves while its command runs: the command still completes.
+    const std::string late = private_root() + "/late.txt";
+    const std::string late_cmd = "sleep 0.3; echo late > " + late;
+    int gone = connect_unix(path);
+    ASSERT_GE(gone, 0);
+    ASSERT_TRUE(send_request(gone, vesk_utility::k_cmd_token, 4, late_cmd.c_str(), late_cmd.size()));
+    close(gone);
+
+    // Meanwhile a good client is served, its pieces joined in order.
+    const int good = connect_unix(path);
+    ASSERT_GE(good, 0);
+    ASSERT_TRUE(send_request(good, vesk_utility::k_cmd_token, 9, "ech", 3, 1));
+    ASSERT_TRUE(send_request(good, vesk_utility::k_cmd_token, 9, "o ok", 4, 0));
+    EXPECT_EQ(9, read_answer(good));
+    close(good);
+    EXPECT_TRUE(wait_for([&] { return read_file(late) == "late\n"; }));
+    EXPECT_TRUE(server.alive());
+    EXPECT_EQ(0, server.stop()); // SIGTERM ends it cleanly
+    EXPECT_NE(0, access(path.c_str(), F_OK));
+}
