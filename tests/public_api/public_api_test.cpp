@@ -238,6 +238,8 @@ int main()
         CHECK(vesk_utility_set_event_valid_time(6) == VESK_OK);
         CHECK(vesk_utility_set_event_state(&disk, 0) == VESK_OK);
         CHECK(vesk_utility_unregister_event_oberver(0x40, &obs) == VESK_OK);
+    }
+
     // Commands, process helpers, the watchdog and the XML operator are exported.
     {
         char out[16];
