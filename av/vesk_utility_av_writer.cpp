@@ -32,6 +32,15 @@ uint32_t next_tag(vesk_av_block_writer* w)
     return w->next_tag;
 }
 
+// Frame node records sit at the data offsets frames end on: keep them aligned for their
+// 32-bit fields (an unaligned word access faults on the board). The padding is never read.
+uint32_t next_node_offset(uint32_t end, uint32_t block_bytes)
+{
+    const uint32_t k_align = alignof(vesk_av_frame_node);
+    const uint32_t aligned = (end + k_align - 1) / k_align * k_align;
+    return aligned < block_bytes ? aligned : block_bytes;
+}
+
 // A new receiving block, pushed at once. NULL when the budget refuses it.
 vesk_IPC_stream_block_head* open_block(vesk_av_block_writer* w)
 {
@@ -116,7 +125,7 @@ VESK_ERR av_writer_put(
     pthread_mutex_lock(lock);
     b->frame_index[idx] = node;
     b->node_num = idx + 1;
-    b->data_end = off + sizeof(*node) + stored;
+    b->data_end = next_node_offset(off + sizeof(*node) + stored, w->block_bytes);
     if (stored == frame_len)
         b->commit_pos = b->data_end;
     b->payload_bytes += header->uiLength;
@@ -161,7 +170,7 @@ VESK_ERR av_writer_put(
         memcpy(c->data_base, rest, part);
         c->lead_tag = prev_tag;
         c->cont_len = part;
-        c->data_end = part;
+        c->data_end = next_node_offset(part, w->block_bytes);
         c->commit_pos = part;
         rest += part;
         left -= part;
