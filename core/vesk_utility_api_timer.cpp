@@ -1,6 +1,7 @@
 // vesk_utility_api_timer - the exported timer functions: the service exists only in the main
 // application, so each wrapper checks that role, then its pointers, then forwards.
 #include "sched/vesk_utility_timer.h"
+#include "vesk_utility_handle.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_resource.h"
 
@@ -19,15 +20,6 @@ vesk_utility_timer* timer()
 
 } // namespace
 
-// Logs under the calling wrapper's name and line and returns from it.
-#define VESK_TIMER_REQUIRE_MAIN_ROLE()                                                                                 \
-    do {                                                                                                               \
-        if (vesk_ops_type() != VESK_UTILITY_OPS_MAIN_APP) {                                                            \
-            VESK_ERR_FN("not init, or not support, s_ops_type = 0x%x\n", vesk_ops_type());                             \
-            return VESK_ERR_NOT_INIT;                                                                                  \
-        }                                                                                                              \
-    } while (0)
-
 #define VESK_TIMER_REQUIRE_FUNC(func)                                                                                  \
     do {                                                                                                               \
         if ((func) == nullptr) {                                                                                       \
@@ -39,21 +31,21 @@ vesk_utility_timer* timer()
 VESK_ERR vesk_utility_c_regist_timer(vesk_user_id user_id, vesk_timer_callback func, vesk_timer_purpose purpose,
     unsigned int interval_ms, void* param, vesk_timer_task_type task_type, unsigned int first_ms)
 {
-    VESK_TIMER_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_TIMER_REQUIRE_FUNC(func);
     return timer()->regist_c_func(user_id, func, purpose, interval_ms, param, task_type, first_ms);
 }
 
 VESK_ERR vesk_utility_c_regist_fetch_wd_timer(vesk_timer_callback func, unsigned int interval_ms, void* param)
 {
-    VESK_TIMER_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     return timer()->regist_fetch_wd(func, interval_ms, param);
 }
 
 VESK_ERR vesk_utility_c_unregist_timer(
     vesk_timer_callback func, void* param, VESK_BOOL wait, vesk_timer_task_type task_type)
 {
-    VESK_TIMER_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_TIMER_REQUIRE_FUNC(func);
     return timer()->unregist_c_func(func, param, wait, task_type);
 }
@@ -61,20 +53,20 @@ VESK_ERR vesk_utility_c_unregist_timer(
 VESK_ERR vesk_utility_c_timer_wakeup(
     vesk_timer_callback func, void* param, unsigned int delay_ms, vesk_timer_task_type task_type)
 {
-    VESK_TIMER_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_TIMER_REQUIRE_FUNC(func);
     return timer()->wakeup(func, param, delay_ms, task_type);
 }
 
 VESK_ERR vesk_utility_adj_comm_thr_num(unsigned int num, unsigned int temp_num)
 {
-    VESK_TIMER_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     return timer()->adj_comm_thr_num(num, temp_num);
 }
 
 VESK_ERR vesk_utility_adj_real_time_thr_num(unsigned int num)
 {
-    VESK_TIMER_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     return timer()->adj_real_time_thr_num(num);
 }
 

@@ -55,6 +55,16 @@ vesk_soft::VESK_ERR vesk_delete_registered(vesk_handle_list list, T* obj, const 
 
 }  // namespace vesk_utility
 
+// Opens a wrapper of a service only the main application has (timer, events): any other role
+// is told so under the wrapper's name and line, and the wrapper returns VESK_ERR_NOT_INIT.
+#define VESK_REQUIRE_MAIN_ROLE()                                                                     \
+    do {                                                                                             \
+        if (::vesk_utility::vesk_ops_type() != ::vesk_soft::VESK_UTILITY_OPS_MAIN_APP) {             \
+            VESK_ERR_FN("not init, or not support, s_ops_type = 0x%x\n", ::vesk_utility::vesk_ops_type()); \
+            return ::vesk_soft::VESK_ERR_NOT_INIT;                                                   \
+        }                                                                                            \
+    } while (0)
+
 // Used inside a wrapper, so that messages and the assertion name the wrapper.
 #define VESK_REGISTER_NEW(list, obj, usr_id, name) \
     ::vesk_utility::vesk_register_new(list, obj, usr_id, name, __func__, __LINE__)

@@ -1,6 +1,7 @@
 // vesk_utility_api_event - the exported event functions: the manager exists only in the main
 // application, so each wrapper checks that role, then its pointers, then forwards.
 #include "vesk_utility_event_manage.h"
+#include "vesk_utility_handle.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_resource.h"
 
@@ -19,15 +20,6 @@ vesk_utility_event_manage* manager()
 
 } // namespace
 
-// Logs under the calling wrapper's name and line and returns from it.
-#define VESK_EVENT_REQUIRE_MAIN_ROLE()                                                                                 \
-    do {                                                                                                               \
-        if (vesk_ops_type() != VESK_UTILITY_OPS_MAIN_APP) {                                                            \
-            VESK_ERR_FN("not init, or not support, s_ops_type = 0x%x\n", vesk_ops_type());                             \
-            return VESK_ERR_NOT_INIT;                                                                                  \
-        }                                                                                                              \
-    } while (0)
-
 #define VESK_EVENT_REQUIRE_PTR(p)                                                                                      \
     do {                                                                                                               \
         if ((p) == nullptr) {                                                                                          \
@@ -38,14 +30,14 @@ vesk_utility_event_manage* manager()
 
 VESK_ERR vesk_utility_set_event_push_state(VESK_BOOL enable)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     manager()->set_push_state(enable);
     return VESK_OK;
 }
 
 VESK_ERR vesk_utility_get_event_push_state(VESK_BOOL* enable)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(enable);
     *enable = manager()->get_push_state();
     return VESK_OK;
@@ -53,21 +45,21 @@ VESK_ERR vesk_utility_get_event_push_state(VESK_BOOL* enable)
 
 VESK_ERR vesk_utility_register_event_oberver(vesk_user_id user, const vesk_event_oberver* oberver)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(oberver);
     return manager()->register_event_oberver(user, oberver);
 }
 
 VESK_ERR vesk_utility_unregister_event_oberver(vesk_user_id user, const vesk_event_oberver* oberver)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(oberver);
     return manager()->unregister_event_oberver(user, oberver);
 }
 
 VESK_ERR vesk_utility_set_event_arming(const vesk_event_id* id, const vesk_arming_shedule* schedule)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(id);
     VESK_EVENT_REQUIRE_PTR(schedule);
     return manager()->set_event_arming(*id, *schedule);
@@ -75,7 +67,7 @@ VESK_ERR vesk_utility_set_event_arming(const vesk_event_id* id, const vesk_armin
 
 VESK_ERR vesk_utility_get_event_arming(const vesk_event_id* id, vesk_arming_shedule* schedule)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(id);
     VESK_EVENT_REQUIRE_PTR(schedule);
     return manager()->get_event_arming_schedule(*id, *schedule);
@@ -83,14 +75,14 @@ VESK_ERR vesk_utility_get_event_arming(const vesk_event_id* id, vesk_arming_shed
 
 VESK_ERR vesk_utility_set_event_state(const vesk_event_info* detail, VESK_BOOL trigger)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(detail);
     return manager()->set_event_state(*detail, trigger);
 }
 
 VESK_ERR vesk_utility_get_event_state(const vesk_event_id* id, VESK_BOOL* active, long* start_time, long* last_time)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(id);
     VESK_EVENT_REQUIRE_PTR(active);
     VESK_EVENT_REQUIRE_PTR(start_time);
@@ -100,7 +92,7 @@ VESK_ERR vesk_utility_get_event_state(const vesk_event_id* id, VESK_BOOL* active
 
 VESK_ERR vesk_utility_get_event_state(const vesk_event_type* type, VESK_BOOL* active)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(type);
     VESK_EVENT_REQUIRE_PTR(active);
     return manager()->get_event_state(*type, *active);
@@ -108,14 +100,14 @@ VESK_ERR vesk_utility_get_event_state(const vesk_event_type* type, VESK_BOOL* ac
 
 VESK_ERR vesk_utility_set_event_filter(vesk_event_user_id user, const vesk_event_id* id, VESK_BOOL enable)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(id);
     return manager()->set_event_filter(user, *id, enable);
 }
 
 VESK_ERR vesk_utility_set_event_filter(vesk_event_user_id user, const vesk_event_type* type, VESK_BOOL enable)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(type);
     return manager()->set_event_filter(user, *type, enable);
 }
@@ -123,7 +115,7 @@ VESK_ERR vesk_utility_set_event_filter(vesk_event_user_id user, const vesk_event
 VESK_ERR vesk_utility_get_event_info(
     vesk_event_user_id user, vesk_event_detail_info* out, uint32_t capacity, uint32_t* count)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     VESK_EVENT_REQUIRE_PTR(count);
     if (out == nullptr && capacity != 0) {
         VESK_ERR_FN("out == NULL with capacity %u, invalid!\n", capacity);
@@ -134,7 +126,7 @@ VESK_ERR vesk_utility_get_event_info(
 
 VESK_ERR vesk_utility_set_event_valid_time(uint32_t seconds)
 {
-    VESK_EVENT_REQUIRE_MAIN_ROLE();
+    VESK_REQUIRE_MAIN_ROLE();
     if (seconds == 0) {
         VESK_ERR_FN("valid time 0, invalid!\n");
         return VESK_ERR_INVALID_PARAM;
