@@ -57,7 +57,8 @@ TEST(SystemClientTest, LongCommandIsCutInto127CharacterPiecesUnderOneMagic)
     const std::string path = private_root() + "/wire.sock";
     const int listener = listen_unix(path);
     ASSERT_GE(listener, 0);
-    auto* client = new vesk_utility::vesk_utility_system_client(path.c_str()); // lives on, like the real one
+    // Lives on, like the process's own client (which is never destroyed).
+    auto* client = vesk_test::never_destroyed(new vesk_utility::vesk_utility_system_client(path.c_str()));
     const int conn = accept(listener, nullptr, nullptr);
     ASSERT_GE(conn, 0);
 
