@@ -71,6 +71,27 @@ void stdout_to_stderr()
     dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
+std::string without_log_messages(const std::string& text)
+{
+    std::string out;
+    size_t at = 0;
+    for (;;) {
+        const size_t start = text.find("\e[", at);
+        const size_t tag = start == std::string::npos ? start : text.find("m[UTL] ", start);
+        if (start == std::string::npos || tag == std::string::npos || tag > start + 12) {
+            out.append(text, at, std::string::npos);
+            return out;
+        }
+        const size_t end = text.find("\e[m", tag);
+        if (end == std::string::npos) {
+            out.append(text, at, std::string::npos);
+            return out;
+        }
+        out.append(text, at, start - at);
+        at = end + 3;
+    }
+}
+
 int count_of(const std::string& text, const std::string& needle)
 {
     int n = 0;

@@ -23,6 +23,10 @@ std::string capture_stdout(const std::function<void()>& fn);
 // runs after this, inside the child.
 void stdout_to_stderr();
 
+// text without the coloured messages of the layer's log ("\e[...m[UTL] ...\e[m"), which
+// other threads may print while a test captures a dump.
+std::string without_log_messages(const std::string& text);
+
 // Number of non-overlapping occurrences of needle in text.
 int count_of(const std::string& text, const std::string& needle);
 
