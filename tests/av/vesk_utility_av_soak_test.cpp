@@ -117,9 +117,14 @@ TEST(AvSoakTest, FullLoadStaysWithinBudgetAndReturnsEverything)
     uint32_t left = 1;
     for (int i = 0; i < 600 && left != 0; i++) {
         left = 0;
-        for (uint32_t ch = 0; ch < 32; ch++)
+        for (uint32_t ch = 0; ch < 32; ch++) {
+            // The counts are guarded by the channel lock, which rotation holds while it evicts.
+            vesk_av_chn_blocks& chn = mng->chn_blocks(ch);
+            pthread_mutex_lock(&chn.lock);
             for (uint32_t t = 0; t < 4; t++)
-                left += __atomic_load_n(&mng->chn_blocks(ch).lists[t].blk_cnt, __ATOMIC_RELAXED);
+                left += chn.lists[t].blk_cnt;
+            pthread_mutex_unlock(&chn.lock);
+        }
         if (left != 0)
             vesk_utility_sleep_ms(50);
     }
