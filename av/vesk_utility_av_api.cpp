@@ -3,6 +3,7 @@
 #include "vesk_utility_av.h"
 #include "vesk_utility_av_logo.h"
 #include "vesk_utility_av_mng.h"
+#include "vesk_utility_av_note.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_account.h"
 #include "vesk_utility_resource.h"
@@ -21,6 +22,28 @@ bool av_ready()
         return true;
     VESK_ERR_FN("Utility Module Not Init");
     return false;
+}
+
+VESK_ERR note_get(uint32_t ivr_ch, vesk_av_stream_type str_type, vesk_read_av_list_note* note,
+    _tagVeskFrameHeader** frame, bool first)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    return vesk_av_note_reader(vesk_utility_av_mng::instance()).get_frame(ivr_ch, str_type, note, frame, first);
+}
+
+VESK_ERR note_rel(vesk_read_av_list_note* notes, uint32_t count)
+{
+    if (!av_ready())
+        return VESK_ERR_NOT_INIT;
+    if (notes == nullptr) {
+        VESK_ERR_FN("Invalid Param");
+        return VESK_ERR_INVALID_PARAM;
+    }
+    vesk_av_note_reader api(vesk_utility_av_mng::instance());
+    for (uint32_t i = 0; i < count; i++)
+        api.rel_frame(&notes[i]);
+    return VESK_OK;
 }
 
 } // namespace
@@ -84,6 +107,48 @@ VESK_ERR vesk_utility_get_last_frame_head(uint32_t ivr_ch, vesk_av_stream_type t
     if (!av_ready())
         return VESK_ERR_NOT_INIT;
     return vesk_utility_av_mng::instance()->get_last_frame_info(ivr_ch, type, header);
+}
+
+VESK_ERR vesk_utility_get_frame(
+    uint32_t ivr_ch, vesk_enc_str_type enc_type, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame)
+{
+    return note_get(ivr_ch, vesk_utility_av_convert_type(enc_type), note, frame, false);
+}
+
+VESK_ERR vesk_utility_first_get_frame(
+    uint32_t ivr_ch, vesk_enc_str_type enc_type, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame)
+{
+    return note_get(ivr_ch, vesk_utility_av_convert_type(enc_type), note, frame, true);
+}
+
+VESK_ERR vesk_utility_rel_frame(vesk_read_av_list_note* note)
+{
+    return note_rel(note, 1);
+}
+
+VESK_ERR vesk_utility_rel_frame_multy(vesk_read_av_list_note* notes, uint32_t count)
+{
+    return note_rel(notes, count);
+}
+
+VESK_ERR vesk_utility_ivs_get_frame(uint32_t ivr_ch, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame)
+{
+    return note_get(ivr_ch, VESK_AV_STREAM_SMART, note, frame, false);
+}
+
+VESK_ERR vesk_utility_ivs_first_get_frame(uint32_t ivr_ch, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame)
+{
+    return note_get(ivr_ch, VESK_AV_STREAM_SMART, note, frame, true);
+}
+
+VESK_ERR vesk_utility_ivs_rel_frame(vesk_read_av_list_note* note)
+{
+    return note_rel(note, 1);
+}
+
+VESK_ERR vesk_utility_ivs_rel_frame_multy(vesk_read_av_list_note* notes, uint32_t count)
+{
+    return note_rel(notes, count);
 }
 
 VESK_ERR vesk_utility_get_logo_frame(

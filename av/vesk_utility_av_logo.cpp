@@ -76,6 +76,9 @@ void vesk_logo_table::load(const char* root)
 {
     for (uint32_t i = 0; i < k_logo_rows; i++) {
         row& r = m_rows[i];
+        vesk_free(__FILE__, __func__, r.frame); // a reload replaces the row, or leaves it empty
+        r.frame = nullptr;
+        r.length = 0;
         r.type = i % 10 + 1;
         r.large = i >= 10 ? 1 : 0;
         char path[256];

@@ -27,7 +27,7 @@ public:
     vesk_logo_table(const vesk_logo_table&) = delete;
     vesk_logo_table& operator=(const vesk_logo_table&) = delete;
 
-    // Loads every row from root + its fixed path; a failed row is logged and stays empty.
+    // Loads every row from root + its fixed path; a failed row is logged and left empty.
     void load(const char* root);
     vesk_soft::VESK_ERR get(uint32_t type, bool large, vesk_soft::_tagVeskFrameHeader** frame, uint32_t* length);
     // The fixed path of row i (0..19): small logos of types 1..10, then the large ones.

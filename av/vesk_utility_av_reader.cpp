@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "vesk_utility_av_mng.h"
+#include "vesk_utility_av_walk.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_memory.h"
 #include "vesk_utility_purposes.h"
@@ -21,61 +22,19 @@ namespace
 {
 
 constexpr const char* k_cls = "vesk_av_reader_v1";
-constexpr uint32_t k_default_interval_ms = 40;
+constexpr uint32_t k_default_interval_ms = k_av_default_interval_ms;
 constexpr uint32_t k_invalid_interval_ms = 5000;
-constexpr uint32_t k_max_interval_ms = 1999;
 constexpr int64_t k_block_hold_ms = 60000; // a receiving block is handed out after this long
 constexpr int64_t k_pace_period_ms = 30000;
 constexpr int32_t k_min_remain_th = 2;
 constexpr int32_t k_max_remain_th = 15;
 constexpr int32_t k_sleep_ofset_ms = 40;
 
-bool is_key(uint32_t type)
-{
-    return type == VESK_FRAME_TYPE_I || type == VESK_FRAME_TYPE_KEY2;
-}
-
-bool is_video(uint32_t str_type)
-{
-    return str_type == VESK_AV_STREAM_MAIN || str_type == VESK_AV_STREAM_SUB;
-}
-
-// No further frames will be indexed into it.
-bool blk_idle(const vesk_av_block* b)
-{
-    return b->block->block_state == 1 || b->block->receiving == 0;
-}
-
-// O(blk_cnt). REQUIRES: the channel lock.
-vesk_av_block* find_blk(vesk_av_stream_list& list, uint64_t id)
-{
-    for (vesk_av_block* b = list.head; b != nullptr; b = b->next)
-        if (b->blk_id == id)
-            return b;
-    return nullptr;
-}
-
-bool later(const vesk_av_time& a, const vesk_av_time& b)
-{
-    return a.sec != b.sec ? a.sec > b.sec : a.nsec > b.nsec;
-}
-
-vesk_av_frame_node* node_of(const vesk_av_block* b, uint32_t idx)
-{
-    return b->block->frame_index[idx];
-}
-
-// The first frame after (b, idx): the next index, or index 0 of the next block that has
-// frames (blocks holding only a continuation are passed). NULL when none is indexed yet.
-vesk_av_frame_node* next_node(const vesk_av_block* b, uint32_t idx)
-{
-    if (idx + 1 < b->block->node_num)
-        return node_of(b, idx + 1);
-    for (const vesk_av_block* n = b->next; n != nullptr; n = n->next)
-        if (n->block->node_num != 0)
-            return node_of(n, 0);
-    return nullptr;
-}
+constexpr auto is_key = av_is_key;
+constexpr auto is_video = av_is_video;
+constexpr auto blk_idle = av_blk_idle;
+constexpr auto find_blk = av_find_blk;
+constexpr auto node_of = av_node;
 
 } // namespace
 
@@ -253,104 +212,15 @@ bool vesk_av_reader_v1::logo_frame(uint32_t str_type, uint32_t ipc, _tagVeskFram
     return vesk_utility_get_logo_frame(type, str_type == VESK_AV_STREAM_MAIN ? 1 : 0, frame, &len) == VESK_OK;
 }
 
-uint32_t vesk_av_reader_v1::proc_fetch_one_frame(uint32_t str_type, vesk_av_block* blk, uint32_t idx, fetch_out& out)
-{
-    if (blk == nullptr) {
-        VESK_LOG_WARN(k_cls, "ch_%d block == NULL why?\n", m_ivr_ch);
-        return FETCH_NO_BLK;
-    }
-    vesk_av_block* block = blk;
-    const uint32_t frame_idx = idx;
-    vesk_IPC_stream_block_head* h = blk->block;
-    if (idx >= h->node_num) {
-        VESK_LOG_ERR(k_cls, "ch_%d stream_type = %d, node_num = %d, frame_idx = %d why? VESK_AV_BLOCK_WAIT_RCV again\n",
-            m_ivr_ch, str_type, h->node_num, idx);
-        return FETCH_WAIT;
-    }
-    vesk_av_frame_node* node = node_of(blk, idx);
-    VESK_ASSERT(node->magic == VESK_AV_NODE_MAGIC);
-    auto* frame_header = reinterpret_cast<_tagVeskFrameHeader*>(node + 1);
-    VESK_ASSERT(frame_header->uiStartId == VESK_FRAME_STARTCODE);
-
-    const uint32_t frame_len = sizeof(_tagVeskFrameHeader) + frame_header->uiLength;
-    const uint32_t here = node->offset + sizeof(*node);
-    if (here + frame_len <= h->data_end) {
-        out.frame = frame_header;
-        out.copy = false;
-    } else {
-        VESK_ASSERT(frame_idx == block->block->node_num - 1);
-        const uint32_t have = h->data_end - here;
-        uint32_t pos = have;
-        vesk_av_block* cur = blk;
-        while (pos < frame_len) {
-            vesk_av_block* next = cur->next;
-            if (next == nullptr)
-                return FETCH_WAIT;
-            if (next->block->lead_tag != cur->block->trail_tag) {
-                VESK_LOG_WARN(k_cls,
-                    "ch_%d fetch[%llu_0x%x_%d] Fno[%u] type_0x%x, pos = %d, len = %d, cur[%llu_0x%x->next_0x%x] "
-                    "next[%llu_0x%x] Block drop\n",
-                    m_ivr_ch, static_cast<unsigned long long>(blk->blk_id), h->trail_tag, idx, frame_header->uiFrameNo,
-                    frame_header->uiFrameType, pos, frame_len, static_cast<unsigned long long>(cur->blk_id),
-                    cur->block->lead_tag, cur->block->trail_tag, static_cast<unsigned long long>(next->blk_id),
-                    next->block->lead_tag);
-                out.next_blk = next;
-                return FETCH_DROP;
-            }
-            pos += next->block->cont_len;
-            cur = next;
-        }
-        auto* copy
-            = static_cast<uint8_t*>(vesk_utility_av_reader_malloc(VESK_USER_UTILITY, k_purpose_av_relay, frame_len));
-        if (copy == nullptr)
-            return FETCH_NO_MEM;
-        memcpy(copy, frame_header, have);
-        pos = have;
-        vesk_av_block* cur_blk = blk;
-        while (pos < frame_len) {
-            cur_blk = cur_blk->next;
-            VESK_ASSERT(cur_blk != NULL);
-            uint32_t part = cur_blk->block->cont_len;
-            if (part > frame_len - pos)
-                part = frame_len - pos;
-            memcpy(copy + pos, cur_blk->block->data_base, part);
-            pos += part;
-        }
-        out.frame = reinterpret_cast<_tagVeskFrameHeader*>(copy);
-        out.copy = true;
-    }
-
-    out.interval = 0;
-    const vesk_av_frame_node* next = next_node(blk, idx);
-    if (next != nullptr && next->frame_no == node->frame_no + 1) {
-        const uint32_t ms = (next->time_stamp - node->time_stamp) / 90;
-        out.interval = (ms == 0 || ms > k_max_interval_ms) ? k_default_interval_ms : ms;
-    }
-    return FETCH_OK;
-}
-
 bool vesk_av_reader_v1::proc_skip_to_key(uint32_t str_type, vesk_av_block*& blk, int32_t& idx)
 {
-    int32_t from = idx;
-    for (vesk_av_block* k = blk; k != nullptr; k = k->next, from = 0) {
-        const vesk_IPC_stream_block_head* h = k->block;
-        const bool ahead = (h->key_flag != 0 && static_cast<int32_t>(h->last_key_idx) >= from)
-            || (h->key2_flag != 0 && static_cast<int32_t>(h->last_key2_idx) >= from);
-        if (!ahead)
-            continue;
-        uint32_t j = h->first_idx > static_cast<uint32_t>(from) ? h->first_idx : static_cast<uint32_t>(from);
-        for (; j < h->node_num; j++) {
-            if (!is_key(node_of(k, j)->frame_type))
-                continue;
-            // The passed blocks are done with for this reader.
-            for (vesk_av_block* p = blk; p != k; p = p->next)
-                clear_bit(str_type, p);
-            blk = k;
-            idx = static_cast<int32_t>(j);
-            return true;
-        }
-    }
-    return false;
+    vesk_av_block* const from = blk;
+    if (!av_next_key(blk, idx))
+        return false;
+    // The passed blocks are done with for this reader.
+    for (vesk_av_block* p = from; p != blk; p = p->next)
+        clear_bit(str_type, p);
+    return true;
 }
 
 // Steps 1-5 of the selection. On FETCH_OK blk/idx name the frame handed out. O(blk_cnt).
@@ -363,34 +233,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
     bool from_start = false;
     if (r.last_blk_id == 0) {
         // Start point: the newest key frame (video) or the newest frame (other streams).
-        vesk_av_block* kb = nullptr;
-        vesk_av_block* k2b = nullptr;
-        for (vesk_av_block* x = list.tail; x != nullptr && (kb == nullptr || k2b == nullptr); x = x->prev) {
-            if (!is_video(str_type)) {
-                if (x->block->node_num != 0) {
-                    b = x;
-                    i = static_cast<int32_t>(x->block->node_num) - 1;
-                    break;
-                }
-                continue;
-            }
-            if (kb == nullptr && x->block->key_flag != 0)
-                kb = x;
-            if (k2b == nullptr && x->block->key2_flag != 0)
-                k2b = x;
-        }
-        if (is_video(str_type)) {
-            if (k2b != nullptr
-                && (kb == nullptr || later(k2b->block->key2_time, kb->block->key_time)
-                    || (k2b == kb && kb->block->last_key2_idx > kb->block->last_key_idx))) {
-                b = k2b;
-                i = static_cast<int32_t>(k2b->block->last_key2_idx);
-            } else if (kb != nullptr) {
-                b = kb;
-                i = static_cast<int32_t>(kb->block->last_key_idx);
-            }
-        }
-        if (b == nullptr)
+        if (!av_start_point(str_type, list, b, i))
             return FETCH_WAIT;
         from_start = true;
     } else {
@@ -456,7 +299,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
             }
         }
         // Step 5.
-        const uint32_t ret = proc_fetch_one_frame(str_type, b, static_cast<uint32_t>(i), out);
+        const uint32_t ret = av_fetch_one_frame(k_cls, m_ivr_ch, str_type, b, static_cast<uint32_t>(i), out);
         if (ret == FETCH_OK) {
             blk = b;
             idx = i;

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "vesk_utility_av.h"
+#include "vesk_utility_av_walk.h"
 
 namespace vesk_utility
 {
@@ -49,8 +50,7 @@ public:
     int32_t usr_magic(uint32_t str_type);
 
 private:
-    // Result of fetching one frame from a block.
-    enum fetch_ret : uint32_t { FETCH_OK = 0, FETCH_WAIT = 1, FETCH_DROP = 2, FETCH_NO_MEM = 3, FETCH_NO_BLK = 4 };
+    using fetch_out = av_fetch_out;
 
     // Pacing state of a stream (real-time mode).
     struct pace_info {
@@ -84,14 +84,6 @@ private:
         pace_info pace;
     };
 
-    // What one fetch found: the frame, where it is, the interval to the next frame.
-    struct fetch_out {
-        vesk_soft::_tagVeskFrameHeader* frame;
-        bool copy;
-        uint32_t interval; // ms; 0 when there is no following frame yet
-        vesk_av_block* next_blk; // for FETCH_DROP: where reading resumes
-    };
-
     void release_all_magic();
     void clear_history(uint32_t str_type, bool keep_put_times);
     // REQUIRES: the stream holds neither block nor frame (fatal otherwise).
@@ -107,7 +99,6 @@ private:
     // Selection and fetch; on FETCH_OK blk/idx name the frame. REQUIRES: the channel lock.
     uint32_t proc_get_frame(
         uint32_t str_type, vesk_av_stream_list& list, uint32_t flag, vesk_av_block*& blk, int32_t& idx, fetch_out& out);
-    uint32_t proc_fetch_one_frame(uint32_t str_type, vesk_av_block* blk, uint32_t idx, fetch_out& out);
     // Moves (blk, idx) to the next key frame at or after it, clearing the bit on passed
     // blocks; false (nothing moved) when none is cached yet.
     bool proc_skip_to_key(uint32_t str_type, vesk_av_block*& blk, int32_t& idx);

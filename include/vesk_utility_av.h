@@ -152,14 +152,21 @@ static_assert(sizeof(void*) != 8
 
 // ---- Caller-held records ---------------------------------------------------------------------
 
-// Position of the frame API: the block and frame last handed out, so that the next call
-// continues after it and the release finds what to release.
+// Position of the frame API (vesk_utility_get_frame and the related calls below), held by the
+// caller: the block and frame last handed out, so that the next call continues after it, and
+// what the release must give back. Start it zeroed; the calls fill it. Do not copy a note that
+// holds a frame: the release goes through the copy that holds it.
 struct vesk_read_av_list_note {
-    uint64_t blk_id; // id of the block last handed out (0: none yet)
-    uint32_t frame_idx; // index of the frame in that block
+    uint64_t blk_id; // block of the last frame handed out; 0: start at the newest key frame
+    uint32_t frame_idx; // its index in that block
     uint32_t frame_no; // its frame number
-    vesk_IPC_stream_block_head* block; // the block, while a frame of it is held
-    _tagVeskFrameHeader* frame; // the frame handed out, while held
+    uint32_t ivr_ch; // channel and cache stream type the position belongs to
+    uint32_t str_type;
+    uint32_t ipc_idx; // IPC index the frame was taken from (where it is released)
+    uint32_t held; // 0 nothing, 1 a frame in place (a block reference), 2 a joined copy
+    _tagVeskFrameHeader* frame; // the frame handed out, until released
+    uint32_t length; // its bytes: header + payload
+    uint32_t dropped; // frames passed over since the note started (gaps, rotated-out blocks)
 };
 
 // Statistics of one cached stream (vesk_utility_get_stream_stat_info). Rates cover the last
@@ -296,6 +303,57 @@ VESK_API VESK_ERR vesk_utility_update_real_bps_info(
 VESK_API VESK_ERR vesk_utility_dump_real_bps(const char* name, const vesk_bps_real_info* info);
 // The cache stream type of an encoder stream; VESK_AV_STREAM_NUM for an unknown one.
 VESK_API vesk_av_stream_type vesk_utility_av_convert_type(vesk_enc_str_type enc_type);
+
+// ---- Frame API -------------------------------------------------------------------------------
+// Reads one channel's stream frame by frame without a reader object: the caller keeps the
+// position in a vesk_read_av_list_note. While the note holds a frame, the frame is the cache's
+// own bytes (the block is referenced, so rotation keeps it) or, for a frame split over blocks,
+// an accounted copy joined from the pieces; either way it stays valid until released.
+//
+// Unlike a reader, a note holds no user bit: between a release and the next get the cache
+// does not wait for it. A caller that falls so far behind that the frames after its position
+// were rotated out continues with the oldest cached frames; on video a frame-number gap (from
+// rotation, lost blocks or a broken continuation) moves it on to the next key frame (I or the
+// second key type), and `dropped` counts the frames passed over. Only cached frames are handed
+// out (no logo frames).
+//
+//   vesk_read_av_list_note note = {};
+//   _tagVeskFrameHeader* f;
+//   while (running) {
+//       if (vesk_utility_get_frame(ch, VESK_ENC_STR_MAIN, &note, &f) != VESK_OK) { sleep; continue; }
+//       use f (f->uiLength payload bytes follow the header);
+//       vesk_utility_rel_frame(&note);
+//   }
+//
+// Results: VESK_OK with *frame set; VESK_ERR_OPERATE_FAIL when nothing new is cached yet;
+// VESK_ERR_NO_RESOURCE when a joined copy could not be allocated (try again);
+// VESK_ERR_INVALID_PARAM for ivr_ch >= 32, an unknown stream, a NULL note or frame, or a get
+// for another channel or stream while the note still holds a frame. One thread at a time per
+// note.
+
+// The next frame after the note's position (the newest key frame, or for audio and smart data
+// the newest frame, when the note is new or was last used for another channel, stream or IPC
+// mapping). Asked again while the note holds a frame, it hands out that frame again.
+VESK_API VESK_ERR vesk_utility_get_frame(
+    uint32_t ivr_ch, vesk_enc_str_type enc_type, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame);
+// Starts the note over at the newest key frame (newest frame for audio and smart data) and
+// hands it out. REQUIRES: the note holds nothing (fatal otherwise).
+VESK_API VESK_ERR vesk_utility_first_get_frame(
+    uint32_t ivr_ch, vesk_enc_str_type enc_type, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame);
+// Releases the frame the note holds and keeps the position. A note that holds nothing: VESK_OK.
+// A note whose reference is no longer held (released through a copy of it) is fatal.
+VESK_API VESK_ERR vesk_utility_rel_frame(vesk_read_av_list_note* note);
+// vesk_utility_rel_frame on notes[0..count-1]. VESK_ERR_INVALID_PARAM for a NULL array.
+VESK_API VESK_ERR vesk_utility_rel_frame_multy(vesk_read_av_list_note* notes, uint32_t count);
+
+// The same for the channel's analytics (smart) stream: every frame stands alone, so a gap is
+// counted in `dropped` but nothing is skipped.
+VESK_API VESK_ERR vesk_utility_ivs_get_frame(
+    uint32_t ivr_ch, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame);
+VESK_API VESK_ERR vesk_utility_ivs_first_get_frame(
+    uint32_t ivr_ch, vesk_read_av_list_note* note, _tagVeskFrameHeader** frame);
+VESK_API VESK_ERR vesk_utility_ivs_rel_frame(vesk_read_av_list_note* note);
+VESK_API VESK_ERR vesk_utility_ivs_rel_frame_multy(vesk_read_av_list_note* notes, uint32_t count);
 
 // ---- Logo frames -----------------------------------------------------------------------------
 

@@ -5,6 +5,9 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "vesk_utility.h"
 #include "vesk_utility_av_mng.h"
@@ -49,6 +52,48 @@ inline std::string list_ids(vesk_utility::vesk_utility_av_mng& mng, uint32_t ipc
     pthread_mutex_unlock(&chn.lock);
     return ids;
 }
+
+// Payload byte j of frame fno: checkable without keeping the frames.
+inline uint8_t pattern(uint32_t fno, uint32_t j)
+{
+    return static_cast<uint8_t>(fno * 31 + j);
+}
+
+inline bool intact(const vesk_soft::_tagVeskFrameHeader* f)
+{
+    const auto* p = reinterpret_cast<const uint8_t*>(f + 1);
+    for (uint32_t j = 0; j < f->uiLength; j++)
+        if (p[j] != pattern(f->uiFrameNo, j))
+            return false;
+    return true;
+}
+
+// One camera stream written through the block writer into a manager: frames of `len` bytes
+// carrying pattern(), 33 ms apart.
+struct feed {
+    vesk_utility::vesk_utility_av_mng& mng;
+    vesk_soft::vesk_av_block_writer w;
+    feed(vesk_utility::vesk_utility_av_mng& m, uint32_t block_bytes,
+        vesk_soft::vesk_av_stream_type type = vesk_soft::VESK_AV_STREAM_MAIN, uint32_t ipc = 3)
+        : mng(m)
+    {
+        vesk_soft::vesk_utility_av_writer_init(&w, ipc, type, k_av_purpose, block_bytes, 64);
+        mng.set_chn_connect_status(ipc, 1);
+    }
+    void put(uint32_t fno, uint32_t type, uint32_t len = 100)
+    {
+        vesk_soft::_tagVeskFrameHeader h {};
+        h.uiStartId = vesk_soft::VESK_FRAME_STARTCODE;
+        h.uiFrameType = type;
+        h.uiFrameNo = fno;
+        h.uiLength = len;
+        h.uiTimeStamp = fno * 2970; // 33 ms
+        std::vector<uint8_t> p(len);
+        for (uint32_t j = 0; j < len; j++)
+            p[j] = pattern(fno, j);
+        ASSERT_EQ(vesk_soft::VESK_OK, vesk_utility::av_writer_put(&mng, &w, &h, p.data()));
+    }
+};
 
 } // namespace vesk_test
 

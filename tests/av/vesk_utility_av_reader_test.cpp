@@ -15,51 +15,14 @@
 using namespace vesk_soft;
 using namespace vesk_utility;
 using vesk_test::at;
+using vesk_test::feed;
+using vesk_test::intact;
 using vesk_test::list_ids;
 
 namespace
 {
 
 constexpr uint32_t k_ipc = 3;
-
-// Payload byte j of frame fno: checkable without keeping the frames.
-uint8_t pattern(uint32_t fno, uint32_t j)
-{
-    return static_cast<uint8_t>(fno * 31 + j);
-}
-
-struct feed {
-    vesk_utility_av_mng& mng;
-    vesk_av_block_writer w;
-    feed(vesk_utility_av_mng& m, uint32_t block_bytes, vesk_av_stream_type type = VESK_AV_STREAM_MAIN)
-        : mng(m)
-    {
-        vesk_utility_av_writer_init(&w, k_ipc, type, 0x9110C, block_bytes, 64);
-        mng.set_chn_connect_status(k_ipc, 1);
-    }
-    void put(uint32_t fno, uint32_t type, uint32_t len = 100)
-    {
-        _tagVeskFrameHeader h {};
-        h.uiStartId = VESK_FRAME_STARTCODE;
-        h.uiFrameType = type;
-        h.uiFrameNo = fno;
-        h.uiLength = len;
-        h.uiTimeStamp = fno * 2970; // 33 ms
-        std::vector<uint8_t> p(len);
-        for (uint32_t j = 0; j < len; j++)
-            p[j] = pattern(fno, j);
-        ASSERT_EQ(VESK_OK, av_writer_put(&mng, &w, &h, p.data()));
-    }
-};
-
-bool intact(const _tagVeskFrameHeader* f)
-{
-    const auto* p = reinterpret_cast<const uint8_t*>(f + 1);
-    for (uint32_t j = 0; j < f->uiLength; j++)
-        if (p[j] != pattern(f->uiFrameNo, j))
-            return false;
-    return true;
-}
 
 vesk_av_reader* new_reader(vesk_utility_av_mng& mng, vesk_av_reader_usr_type usr = VESK_AV_READER_STREAM_USER)
 {
@@ -278,6 +241,8 @@ TEST(AvReaderTest, DisconnectedCameraAndLostVideoGiveLogoFrames)
     EXPECT_EQ(400u, f->uiLength);
     EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
     mng.delete_av_reader(r, __FILE__, __func__);
+    // The table is the process's: give the other tests back the one init loaded.
+    vesk_test::capture_stdout([] { load_logo_frame(); });
 }
 
 TEST(AvReaderTest, InvalidCallsAndRemapResetTheRightWay)
