@@ -38,9 +38,19 @@ vesk_av_frame_node* next_node(const vesk_av_block* b, uint32_t idx)
 
 vesk_av_block* av_find_blk(vesk_av_stream_list& list, uint64_t id)
 {
-    for (vesk_av_block* b = list.head; b != nullptr; b = b->next)
-        if (b->blk_id == id)
-            return b;
+    // Ids grow from head to tail (rotation may leave holes), so walk from the nearer end and
+    // stop once past: a reader that keeps up finds its block next to the tail at once.
+    if (list.head == nullptr || id < list.head->blk_id || id > list.tail->blk_id)
+        return nullptr;
+    if (id - list.head->blk_id <= list.tail->blk_id - id) {
+        for (vesk_av_block* b = list.head; b != nullptr && b->blk_id <= id; b = b->next)
+            if (b->blk_id == id)
+                return b;
+    } else {
+        for (vesk_av_block* b = list.tail; b != nullptr && b->blk_id >= id; b = b->prev)
+            if (b->blk_id == id)
+                return b;
+    }
     return nullptr;
 }
 

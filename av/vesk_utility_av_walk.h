@@ -36,7 +36,7 @@ inline vesk_soft::vesk_av_frame_node* av_node(const vesk_av_block* b, uint32_t i
     return b->block->frame_index[idx];
 }
 
-// O(blk_cnt).
+// O(distance from the nearer end of the list).
 vesk_av_block* av_find_blk(vesk_av_stream_list& list, uint64_t id);
 
 // Where a reader without history starts: video at the newest key frame (the second key type
