@@ -153,11 +153,15 @@ void snap_thread(void* arg)
                     }
                 }
             } else {
-                st.misses.fetch_add(1); // not a key frame: the reader did not start where it should
+                // Not a key frame: the reader did not start where a snap user should.
+                st.misses.fetch_add(1);
+                printf("nvr_sim: snapshot of camera %02u got frame %u of type %u\n", chn, f->uiFrameNo,
+                    f->uiFrameType);
             }
             c.reader->put_frame(VESK_AV_STREAM_MAIN, f);
         } else {
             st.misses.fetch_add(1);
+            printf("nvr_sim: snapshot of camera %02u: no key frame in the cache\n", chn);
         }
         chn = (chn + 1) % s.opt.channels;
         for (unsigned waited = 0; waited < k_snap_every_ms && !s.stop_consumers.load(); waited += 100) {
