@@ -3,7 +3,10 @@
 //             chNN.h264 and must see every frame number (a gap is a lost frame);
 //   live      per channel and viewer, paced (work mode 1): sleeps the interval the reader
 //             returns, so it keeps the camera's rate and may skip when it falls behind;
-//   snapshot  one snap user that visits the channels in turn and takes the newest key frame.
+//   snapshot  one thread with a snap user per channel, visiting the channels in turn and
+//             taking the newest key frame. A snap user keeps the newest key-frame group of its
+//             channel in the cache only while it is registered there, so each channel has its
+//             own, bound for the whole run.
 // Every frame is put back before the next get, so a consumer never holds more than one.
 #include <cstdio>
 #include <string>
@@ -29,6 +32,7 @@ struct consumer {
     sim* s = nullptr;
     consumer_stats* st = nullptr;
     vesk_av_reader* reader = nullptr;
+    std::vector<vesk_av_reader*> snap_readers; // per channel
     unsigned long dog = 0;
     unsigned long thread = 0;
     FILE* out = nullptr;
@@ -131,13 +135,12 @@ void snap_thread(void* arg)
         vesk_utility_sleep_ms(100);
     while (!s.stop_consumers.load()) {
         vesk_utility_fetch_dog(c.dog);
-        // A snap user holds only the newest key-frame group: forget the last position and ask
-        // for the newest key frame of the next channel.
-        c.reader->set_chn(chn);
-        c.reader->reset_history(VESK_AV_STREAM_MAIN);
+        // Forget the last position, so the reader starts again at the newest key frame.
+        vesk_av_reader* reader = c.snap_readers[chn];
+        reader->reset_history(VESK_AV_STREAM_MAIN);
         _tagVeskFrameHeader* f = nullptr;
         uint32_t next = 0;
-        if (c.reader->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) == VESK_OK) {
+        if (reader->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) == VESK_OK) {
             if (is_logo(f)) {
                 st.logo_frames.fetch_add(1);
             } else if (f->uiFrameType == VESK_FRAME_TYPE_I || f->uiFrameType == VESK_FRAME_TYPE_KEY2) {
@@ -158,7 +161,7 @@ void snap_thread(void* arg)
                 printf("nvr_sim: snapshot of camera %02u got frame %u of type %u\n", chn, f->uiFrameNo,
                     f->uiFrameType);
             }
-            c.reader->put_frame(VESK_AV_STREAM_MAIN, f);
+            reader->put_frame(VESK_AV_STREAM_MAIN, f);
         } else {
             st.misses.fetch_add(1);
             printf("nvr_sim: snapshot of camera %02u: no key frame in the cache\n", chn);
@@ -182,10 +185,18 @@ bool add(sim& s, consumer_kind kind, unsigned chn, unsigned index, vesk_av_strea
                                                                          : k_purpose_snap;
     consumer c;
     c.s = &s;
-    c.reader = vesk_utility_new_av_reader(mode, usr, purpose);
-    if (c.reader == nullptr || c.reader->set_chn(chn) != VESK_OK) {
-        fprintf(stderr, "nvr_sim: no reader for channel %u\n", chn);
-        return false;
+    for (unsigned ch = 0; ch < s.opt.channels; ch++) {
+        if (kind != consumer_kind::snap && ch != chn)
+            continue;
+        vesk_av_reader* r = vesk_utility_new_av_reader(mode, usr, purpose);
+        if (r == nullptr || r->set_chn(ch) != VESK_OK) {
+            fprintf(stderr, "nvr_sim: no reader for channel %u\n", ch);
+            return false;
+        }
+        if (kind == consumer_kind::snap)
+            c.snap_readers.push_back(r);
+        else
+            c.reader = r;
     }
     s.consumers.emplace_back(new consumer_stats);
     c.st = s.consumers.back().get();
@@ -261,10 +272,17 @@ void join_consumers(sim& s)
         }
         // Deleting a reader that still holds a block or a copy ends the process; one that is
         // not free is reported and kept instead, so the summary can say so.
-        c.st->reader_free = c.reader->is_free();
-        if (c.st->reader_free)
-            vesk_utility_delete_av_reader(c.reader, __FILE__, __func__);
+        if (c.reader != nullptr)
+            c.snap_readers.push_back(c.reader);
+        c.st->reader_free = true;
+        for (vesk_av_reader* r : c.snap_readers) {
+            if (r->is_free())
+                vesk_utility_delete_av_reader(r, __FILE__, __func__);
+            else
+                c.st->reader_free = false;
+        }
         c.reader = nullptr;
+        c.snap_readers.clear();
     }
     s_consumers.clear();
 }

@@ -89,8 +89,8 @@ bool parse_options(int argc, char** argv, options& opt, bool* exit_now)
         if (!ok)
             return false;
     }
-    // 320 reader slots: a recorder and the viewers per camera, and the snapshot reader.
-    if (opt.channels * (1 + opt.readers_per_channel) + 1 > 320) {
+    // 320 reader slots: a recorder, a snapshot reader and the viewers per camera.
+    if (opt.channels * (2 + opt.readers_per_channel) > 320) {
         fprintf(stderr, "nvr_sim: %u cameras with %u viewers each need more than the cache's 320 readers\n",
             opt.channels, opt.readers_per_channel);
         return false;
