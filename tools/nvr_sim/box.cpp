@@ -102,8 +102,8 @@ bool prepare_root(options& opt)
     }
     // The camera-not-connected and no-video logos are what readers hand out for a camera that
     // dropped out; the others complete the board's set. Small logos are sub-stream sized.
-    const char* const k_platform[] = {"novideo", "no_rec_file", "lock_ops", "company", "not_support", "svac",
-        "not_connect_camera"};
+    const char* const k_platform[]
+        = {"novideo", "no_rec_file", "lock_ops", "company", "not_support", "svac", "not_connect_camera"};
     bool ok = true;
     for (const char* n : k_platform) {
         ok = ok && write_logo(r + "/mnt/mtd/res/platform/" + n + ".nvr", 704, 576);

@@ -98,8 +98,8 @@ void synth_video(camera& c, bool key, uint32_t size)
     if (size > c.payload.size()) {
         const size_t n = size - c.payload.size();
         const size_t at = next_rand(c.rng) % (s_noise.size() - n);
-        c.payload.insert(c.payload.end(), s_noise.begin() + static_cast<long>(at),
-            s_noise.begin() + static_cast<long>(at + n));
+        c.payload.insert(
+            c.payload.end(), s_noise.begin() + static_cast<long>(at), s_noise.begin() + static_cast<long>(at + n));
     }
 }
 
@@ -175,8 +175,8 @@ void send_tick(camera& c, unsigned tick)
         } else {
             bool key = false;
             if (clip_video(c, &key))
-                put(c, VESK_AV_STREAM_MAIN, key ? VESK_FRAME_TYPE_I : k_type_p, c.s->input.width,
-                    c.s->input.height, k_codec_h264);
+                put(c, VESK_AV_STREAM_MAIN, key ? VESK_FRAME_TYPE_I : k_type_p, c.s->input.width, c.s->input.height,
+                    k_codec_h264);
         }
         c.gop_pos = (c.gop_pos + 1) % k_gop;
     }

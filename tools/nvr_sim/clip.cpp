@@ -60,7 +60,10 @@ std::vector<nal_span> split_nals(const uint8_t* p, size_t n)
 class bit_reader
 {
 public:
-    explicit bit_reader(std::vector<uint8_t> rbsp) : m_b(std::move(rbsp)) { }
+    explicit bit_reader(std::vector<uint8_t> rbsp)
+        : m_b(std::move(rbsp))
+    {
+    }
     unsigned bit()
     {
         if (m_pos >= m_b.size() * 8) {
@@ -332,8 +335,8 @@ bool load_clip(const std::string& path, clip& out)
     }
     if (out.param_sets.empty())
         fprintf(stderr, "nvr_sim: %s carries no SPS/PPS; recordings will not decode\n", path.c_str());
-    printf("nvr_sim: %s: %s, %zu frames, %zu key frames, %ux%u\n", path.c_str(),
-        out.rtp ? "RTP capture" : "Annex-B", out.frames.size(), keys, out.width, out.height);
+    printf("nvr_sim: %s: %s, %zu frames, %zu key frames, %ux%u\n", path.c_str(), out.rtp ? "RTP capture" : "Annex-B",
+        out.frames.size(), keys, out.width, out.height);
     return true;
 }
 

@@ -158,8 +158,7 @@ void snap_thread(void* arg)
             } else {
                 // Not a key frame: the reader did not start where a snap user should.
                 st.misses.fetch_add(1);
-                printf("nvr_sim: snapshot of camera %02u got frame %u of type %u\n", chn, f->uiFrameNo,
-                    f->uiFrameType);
+                printf("nvr_sim: snapshot of camera %02u got frame %u of type %u\n", chn, f->uiFrameNo, f->uiFrameType);
             }
             reader->put_frame(VESK_AV_STREAM_MAIN, f);
         } else {

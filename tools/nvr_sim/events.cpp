@@ -17,7 +17,10 @@ namespace
 class event_logger final : public vesk_event_oberver
 {
 public:
-    explicit event_logger(sim& s) : m_sim(s) { }
+    explicit event_logger(sim& s)
+        : m_sim(s)
+    {
+    }
     void on_event(const vesk_event_detail_info* rec, unsigned slot) const override
     {
         const bool start = rec->is_trigger != 0;

@@ -21,7 +21,7 @@ using namespace nvr_sim;
 namespace
 {
 
-std::atomic<bool> s_stop{false};
+std::atomic<bool> s_stop {false};
 constexpr unsigned k_drain_limit_ms = 30000;
 
 void on_signal(int)

@@ -74,10 +74,10 @@ void scan_access_unit(const uint8_t* p, size_t n, bool* key, bool* has_sps);
 
 struct channel_state {
     // Written by the camera thread, read by the status display and the drain.
-    std::atomic<uint32_t> main_frames{0}; // main-stream frames pushed
-    std::atomic<uint32_t> main_last_fno{0}; // frame number of the newest one
-    std::atomic<uint32_t> lost_on_push{0}; // frames the budget refused
-    std::atomic<bool> disconnected{false};
+    std::atomic<uint32_t> main_frames {0}; // main-stream frames pushed
+    std::atomic<uint32_t> main_last_fno {0}; // frame number of the newest one
+    std::atomic<uint32_t> lost_on_push {0}; // frames the budget refused
+    std::atomic<bool> disconnected {false};
 };
 
 enum class consumer_kind { record, live, snap };
@@ -87,12 +87,12 @@ struct consumer_stats {
     unsigned chn = 0;
     unsigned index = 0; // within its kind
     vesk_soft::vesk_av_stream_type stream = vesk_soft::VESK_AV_STREAM_MAIN;
-    std::atomic<uint64_t> frames_read{0};
-    std::atomic<uint64_t> frames_dropped{0}; // frame-number gaps
-    std::atomic<uint64_t> frames_written{0};
-    std::atomic<uint64_t> logo_frames{0};
-    std::atomic<uint64_t> misses{0}; // snapshots that found no key frame
-    std::atomic<bool> drained{false}; // a recorder read the channel's last frame
+    std::atomic<uint64_t> frames_read {0};
+    std::atomic<uint64_t> frames_dropped {0}; // frame-number gaps
+    std::atomic<uint64_t> frames_written {0};
+    std::atomic<uint64_t> logo_frames {0};
+    std::atomic<uint64_t> misses {0}; // snapshots that found no key frame
+    std::atomic<bool> drained {false}; // a recorder read the channel's last frame
     bool reader_free = false; // is_free() before deletion
     bool write_error = false;
 };
@@ -102,12 +102,12 @@ struct sim {
     clip input;
     channel_state chn[k_max_channels];
     std::vector<std::unique_ptr<consumer_stats>> consumers;
-    std::atomic<bool> stop_sources{false};
-    std::atomic<bool> draining{false}; // sources stopped: recorders finish at the last frame
-    std::atomic<bool> stop_consumers{false};
-    std::atomic<uint32_t> events_raised{0};
-    std::atomic<uint32_t> event_starts{0};
-    std::atomic<uint32_t> event_ends{0};
+    std::atomic<bool> stop_sources {false};
+    std::atomic<bool> draining {false}; // sources stopped: recorders finish at the last frame
+    std::atomic<bool> stop_consumers {false};
+    std::atomic<uint32_t> events_raised {0};
+    std::atomic<uint32_t> event_starts {0};
+    std::atomic<uint32_t> event_ends {0};
     unsigned drop_chn = 0; // the camera that drops out
     unsigned drop_at_s = 0; // when, seconds after the start, and for how long
     unsigned drop_for_s = 0;

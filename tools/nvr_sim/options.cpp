@@ -12,27 +12,26 @@ namespace nvr_sim
 namespace
 {
 
-const char* const k_usage
-    = "usage: nvr_sim [options]\n"
-      "A simulated recorder: cameras push frames into the A/V block cache through the block\n"
-      "writer; per channel a recording consumer (unpaced) and live viewers (paced) read them\n"
-      "back, a snapshot consumer takes the newest key frame every few seconds, and one camera\n"
-      "drops out for a while and raises a video-loss event. Ends after --seconds or at Ctrl-C,\n"
-      "then drains the recorders, deletes every reader and checks that the cache holds nothing\n"
-      "for anybody. Exit status 1 when a recorder lost a frame or anything was left behind.\n"
-      "\n"
-      "  --channels N             cameras, 1..32 (default 8)\n"
-      "  --readers-per-channel N  live viewers per camera, 0..8 (default 1)\n"
-      "  --budget-mb N            A/V cache budget in MB (default 32)\n"
-      "  --seconds N              run time (default 60)\n"
-      "  --status-seconds N       period of the status block (default 5)\n"
-      "  --input FILE             main stream from an H.264 Annex-B clip or an RTSP-interleaved\n"
-      "                           RTP capture, looped (default: synthetic frames)\n"
-      "  --out DIR                recordings: DIR/chNN.h264 (default: read and check only)\n"
-      "  --root DIR               private root (default: $VESK_UTILITY_ROOT, else a new\n"
-      "                           /tmp/nvr_sim.XXXXXX)\n"
-      "  --proxy-server PATH      the proxy server to start (default: beside nvr_sim)\n"
-      "  --help\n";
+const char* const k_usage = "usage: nvr_sim [options]\n"
+                            "A simulated recorder: cameras push frames into the A/V block cache through the block\n"
+                            "writer; per channel a recording consumer (unpaced) and live viewers (paced) read them\n"
+                            "back, a snapshot consumer takes the newest key frame every few seconds, and one camera\n"
+                            "drops out for a while and raises a video-loss event. Ends after --seconds or at Ctrl-C,\n"
+                            "then drains the recorders, deletes every reader and checks that the cache holds nothing\n"
+                            "for anybody. Exit status 1 when a recorder lost a frame or anything was left behind.\n"
+                            "\n"
+                            "  --channels N             cameras, 1..32 (default 8)\n"
+                            "  --readers-per-channel N  live viewers per camera, 0..8 (default 1)\n"
+                            "  --budget-mb N            A/V cache budget in MB (default 32)\n"
+                            "  --seconds N              run time (default 60)\n"
+                            "  --status-seconds N       period of the status block (default 5)\n"
+                            "  --input FILE             main stream from an H.264 Annex-B clip or an RTSP-interleaved\n"
+                            "                           RTP capture, looped (default: synthetic frames)\n"
+                            "  --out DIR                recordings: DIR/chNN.h264 (default: read and check only)\n"
+                            "  --root DIR               private root (default: $VESK_UTILITY_ROOT, else a new\n"
+                            "                           /tmp/nvr_sim.XXXXXX)\n"
+                            "  --proxy-server PATH      the proxy server to start (default: beside nvr_sim)\n"
+                            "  --help\n";
 
 bool read_unsigned(const char* name, const char* text, unsigned lo, unsigned hi, unsigned& out)
 {

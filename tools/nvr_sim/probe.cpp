@@ -9,9 +9,9 @@
 #include <sstream>
 
 #include "nvr_sim.h"
+#include "sched/vesk_utility_timer.h"
 #include "vesk_utility_av_mng.h"
 #include "vesk_utility_resource.h"
-#include "sched/vesk_utility_timer.h"
 
 namespace nvr_sim
 {
@@ -57,8 +57,8 @@ library_view read_library_view()
     while (std::getline(dump, line)) {
         unsigned readers = 0, total = 0, max = 0, blocks = 0;
         double mb = 0;
-        if (sscanf(line.c_str(), "Current AV Reader Count:%u, total_cache = %uMB, max_cache = %uMB", &readers,
-                &total, &max)
+        if (sscanf(line.c_str(), "Current AV Reader Count:%u, total_cache = %uMB, max_cache = %uMB", &readers, &total,
+                &max)
             == 3) {
             v.readers = readers;
             v.max_cache_mb = max;

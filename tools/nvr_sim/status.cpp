@@ -110,7 +110,9 @@ bool print_summary(const sim& s, bool leftovers_ok, const std::string& leftover_
             snprintf(written, sizeof(written), "-");
         else
             snprintf(written, sizeof(written), "%llu", static_cast<unsigned long long>(c->frames_written.load()));
-        printf("%-10s %4u %6s %10llu %9llu %9s %6llu%s%s%s\n", kind_name(c->kind), c->chn,
+        char chn[8];
+        snprintf(chn, sizeof(chn), c->kind == consumer_kind::snap ? "all" : "%u", c->chn);
+        printf("%-10s %4s %6s %10llu %9llu %9s %6llu%s%s%s\n", kind_name(c->kind), chn,
             c->stream == VESK_AV_STREAM_MAIN ? "main" : "sub", static_cast<unsigned long long>(c->frames_read.load()),
             static_cast<unsigned long long>(c->frames_dropped.load()), written,
             static_cast<unsigned long long>(c->logo_frames.load()),
@@ -141,8 +143,9 @@ bool print_summary(const sim& s, bool leftovers_ok, const std::string& leftover_
     printf("live:     %u consumers, %llu frames read, %llu dropped (paced viewers skip to keep up), %llu logo frames\n",
         live.count, static_cast<unsigned long long>(live.read), static_cast<unsigned long long>(live.dropped),
         static_cast<unsigned long long>(live.logos));
-    printf("snapshot: %llu key frames taken, %llu missed, %llu logo frames\n", static_cast<unsigned long long>(snap.read),
-        static_cast<unsigned long long>(snap.misses), static_cast<unsigned long long>(snap.logos));
+    printf("snapshot: %llu key frames taken, %llu missed, %llu logo frames\n",
+        static_cast<unsigned long long>(snap.read), static_cast<unsigned long long>(snap.misses),
+        static_cast<unsigned long long>(snap.logos));
     printf("events:   video loss raised %u times, observer saw %u starts and %u ends\n", s.events_raised.load(),
         s.event_starts.load(), s.event_ends.load());
     printf("leftovers: %s\n", leftover_report.c_str());
