@@ -6,11 +6,14 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "vesk_utility.h"
 
@@ -52,11 +55,277 @@ void* named_routine(void* arg)
 }
 } // namespace
 
+// ---- A/V readers end to end: the process's cache, its 200 ms rotation, the block writer ----
+
+namespace
+{
+
+constexpr uint32_t k_nothing = ~0u;
+const char* const k_logo_dirs[] = {"/mnt", "/mnt/mtd", "/mnt/mtd/res", "/mnt/mtd/res/platform"};
+const char* const k_logo_files[]
+    = {"/mnt/mtd/res/platform/not_connect_camera.nvr", "/mnt/mtd/res/platform/not_connect_camera_mid.nvr"};
+
+uint8_t pattern(uint32_t fno, uint32_t j)
+{
+    return static_cast<uint8_t>(fno * 131 + j * 7);
+}
+
+bool intact(const _tagVeskFrameHeader* f)
+{
+    const auto* p = reinterpret_cast<const uint8_t*>(f + 1);
+    for (uint32_t j = 0; j < f->uiLength; j++)
+        if (p[j] != pattern(f->uiFrameNo, j))
+            return false;
+    return f->uiStartId == VESK_FRAME_STARTCODE;
+}
+
+// The "camera not connected" logos, loaded at init: small 352x288, large 704x576.
+void write_logo_files(const std::string& root)
+{
+    for (const char* d : k_logo_dirs)
+        mkdir((root + d).c_str(), 0755);
+    for (int large = 0; large < 2; large++) {
+        const uint16_t w = large ? 704 : 352, h = large ? 576 : 288;
+        const uint32_t len = large ? 600 : 300;
+        uint8_t head[16] = {'N', 'V', 'R', '1'};
+        memcpy(head + 4, &w, 2);
+        memcpy(head + 6, &h, 2);
+        memcpy(head + 8, &len, 4);
+        FILE* fp = fopen((root + k_logo_files[large]).c_str(), "wb");
+        CHECK(fp != nullptr);
+        if (fp == nullptr)
+            return;
+        fwrite(head, 1, sizeof(head), fp);
+        for (uint32_t j = 0; j < len; j++)
+            fputc(pattern(9000 + large, j), fp);
+        fclose(fp);
+    }
+}
+
+void remove_logo_files(const std::string& root)
+{
+    for (const char* f : k_logo_files)
+        unlink((root + f).c_str());
+    for (int i = 3; i >= 0; i--)
+        rmdir((root + k_logo_dirs[i]).c_str());
+}
+
+// What fn printed on standard output (the layer's log).
+template <class F> std::string printed(F fn)
+{
+    fflush(stdout);
+    char path[] = "/tmp/vesk_api_out.XXXXXX";
+    const int fd = mkstemp(path);
+    const int saved = dup(STDOUT_FILENO);
+    dup2(fd, STDOUT_FILENO);
+    fn();
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    lseek(fd, 0, SEEK_SET);
+    while ((n = read(fd, buf, sizeof(buf))) > 0)
+        text.append(buf, static_cast<size_t>(n));
+    close(fd);
+    unlink(path);
+    return text;
+}
+
+struct api_camera {
+    vesk_av_block_writer w;
+    uint32_t fno = 0;
+    api_camera(uint32_t ipc, uint32_t block_bytes)
+    {
+        CHECK(vesk_utility_av_writer_init(&w, ipc, VESK_AV_STREAM_MAIN, 0x9110C, block_bytes, 32) == VESK_OK);
+        CHECK(vesk_utility_set_chn_connect_status(ipc, 1) == VESK_OK);
+    }
+    void put(uint32_t type, uint32_t len = 200)
+    {
+        _tagVeskFrameHeader h {};
+        h.uiStartId = VESK_FRAME_STARTCODE;
+        h.uiFrameType = type;
+        h.uiFrameNo = fno++;
+        h.uiLength = len;
+        h.uiTimeStamp = h.uiFrameNo * 3600;
+        std::vector<uint8_t> payload(len);
+        for (uint32_t j = 0; j < len; j++)
+            payload[j] = pattern(h.uiFrameNo, j);
+        CHECK(vesk_utility_av_writer_put(&w, &h, payload.data()) == VESK_OK);
+    }
+    void put_until(uint32_t end, uint32_t gop)
+    {
+        while (fno < end)
+            put(fno % gop == 0 ? VESK_FRAME_TYPE_I : 2);
+    }
+};
+
+vesk_av_reader* reader_on(uint32_t ipc, vesk_av_reader_work_mode mode = VESK_AV_READER_FREE_RUN)
+{
+    vesk_av_reader* r = vesk_utility_new_av_reader(mode, VESK_AV_READER_STREAM_USER, 0x50 + ipc);
+    CHECK(r != nullptr && r->set_chn(ipc) == VESK_OK);
+    return r;
+}
+
+// get_frame, check, put_frame: the frame number, or k_nothing. A first call on an empty
+// stream takes the reader's user bit, so that rotation keeps what is pushed from then on.
+uint32_t take(vesk_av_reader* r, uint32_t* interval = nullptr)
+{
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    if (r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) != VESK_OK)
+        return k_nothing;
+    CHECK(intact(f));
+    const uint32_t fno = f->uiFrameNo;
+    CHECK(r->put_frame(VESK_AV_STREAM_MAIN, f) == VESK_OK);
+    if (interval != nullptr)
+        *interval = next;
+    return fno;
+}
+
+// Numbers of the frames starting in the oldest cached block of a channel and whether a block
+// follows it, seen by a fresh block reader ("-" when the list is empty).
+std::string oldest_block(uint32_t ipc)
+{
+    vesk_av_reader* probe = reader_on(ipc);
+    vesk_IPC_stream_block_head* b = nullptr;
+    std::string seen = "-";
+    if (probe->get_block(VESK_AV_STREAM_MAIN, &b, 1) == VESK_OK) {
+        seen.clear();
+        for (uint32_t i = 0; i < b->node_num; i++)
+            seen += std::to_string(reinterpret_cast<_tagVeskFrameHeader*>(b->frame_index[i] + 1)->uiFrameNo) + " ";
+        CHECK(probe->put_block(VESK_AV_STREAM_MAIN, b) == VESK_OK);
+        if (probe->get_block(VESK_AV_STREAM_MAIN, &b, 1) == VESK_OK) {
+            seen += "+";
+            CHECK(probe->put_block(VESK_AV_STREAM_MAIN, b) == VESK_OK);
+        }
+    }
+    CHECK(vesk_utility_delete_av_reader(probe, __FILE__, __func__) == VESK_OK);
+    return seen;
+}
+
+template <class F> bool eventually(F cond)
+{
+    for (int i = 0; i < 1000; i++) {
+        if (cond())
+            return true;
+        usleep(10000);
+    }
+    return false;
+}
+
+void check_av_readers()
+{
+    // A reader started mid-stream begins at the newest key frame and reads on across blocks;
+    // a frame asked for again before it is put comes back as it is, 40 ms later.
+    api_camera cam8(8, 2048); // 7 frames a block
+    vesk_av_reader* anchor = reader_on(8); // keeps every block of camera 8 pending
+    CHECK(take(anchor) == k_nothing);
+    cam8.put_until(60, 25);
+    vesk_av_reader* r = reader_on(8);
+    CHECK(take(r) == 50);
+    bool in_order = true;
+    for (uint32_t n = 51; n < 60; n++)
+        in_order = in_order && take(r) == n;
+    CHECK(in_order);
+    cam8.put_until(62, 25);
+    _tagVeskFrameHeader* f = nullptr;
+    _tagVeskFrameHeader* again = nullptr;
+    uint32_t next = 0;
+    CHECK(r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) == VESK_OK && f->uiFrameNo == 60 && next == 0);
+    CHECK(r->get_frame(VESK_AV_STREAM_MAIN, &again, 0, &next) == VESK_OK && again == f && next == 40);
+    CHECK(r->put_frame(VESK_AV_STREAM_MAIN, f) == VESK_OK && take(r) == 61 && take(r) == k_nothing);
+    CHECK(vesk_utility_delete_av_reader(anchor, __FILE__, __func__) == VESK_OK);
+
+    // A frame split over three blocks arrives as one contiguous copy.
+    api_camera cam9(9, 2048);
+    vesk_av_reader* r9 = reader_on(9);
+    CHECK(take(r9) == k_nothing);
+    cam9.put(VESK_FRAME_TYPE_I, 5000);
+    cam9.put(2);
+    CHECK(r9->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) == VESK_OK);
+    CHECK(f->uiFrameNo == 0 && f->uiLength == 5000 && intact(f) && !r9->is_free());
+    CHECK(r9->put_frame(VESK_AV_STREAM_MAIN, f) == VESK_OK && r9->is_free() && take(r9) == 1);
+
+    // A gap makes the reader wait for a key frame, skip to it and log the drop.
+    api_camera cam10(10, 2048);
+    vesk_av_reader* r10 = reader_on(10);
+    CHECK(take(r10) == k_nothing);
+    cam10.put_until(5, 25);
+    for (uint32_t n = 0; n < 5; n++)
+        CHECK(take(r10) == n);
+    cam10.fno = 7;
+    cam10.put(2);
+    cam10.put(2);
+    CHECK(take(r10) == k_nothing);
+    cam10.put(18);
+    cam10.put(2);
+    uint32_t got = 0;
+    std::string out = printed([&] { got = take(r10); });
+    CHECK(got == 9 && out.find("Fno[9] type_0x12, drop 5 frames!") != std::string::npos);
+    CHECK(take(r10) == 10);
+
+    // A paced reader more than 60 frames behind its threshold restarts at the newest key frame.
+    api_camera cam11(11, 2048);
+    vesk_av_reader* r11 = reader_on(11, VESK_AV_READER_REAL_TIME);
+    CHECK(take(r11) == k_nothing);
+    cam11.put(VESK_FRAME_TYPE_I);
+    CHECK(take(r11) == 0);
+    cam11.put_until(71, 30); // I frames at 30 and 60
+    out = printed([&] { got = take(r11); });
+    CHECK(got == 1);
+    CHECK(out.find("ch_11, stream_type_0 remain = 69, min_remain_th = 2, force reset history\n") != std::string::npos);
+    out = printed([&] { got = take(r11); });
+    CHECK(got == 60 && out.find("jump to") == std::string::npos);
+
+    // A camera that is not connected shows the logo: large on the main stream, small on the sub.
+    vesk_av_reader* r12 = reader_on(12);
+    CHECK(vesk_utility_set_chn_connect_status(12, 0) == VESK_OK);
+    CHECK(r12->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) == VESK_OK && next == 40 && r12->is_free());
+    _tagVeskFrameHeader* logo = nullptr;
+    unsigned int logo_len = 0;
+    CHECK(vesk_utility_get_logo_frame(VESK_LOGO_NOT_CONNECT_CAMERA, 1, &logo, &logo_len) == VESK_OK && logo == f);
+    CHECK(f->uiFrameType == VESK_FRAME_TYPE_I && f->usWidth == 704 && f->usHeight == 576 && f->uiLength == 600
+        && logo_len == 636 && f->ucCodec == 8);
+    bool same = true;
+    for (uint32_t j = 0; j < f->uiLength; j++)
+        same = same && reinterpret_cast<const uint8_t*>(f + 1)[j] == pattern(9001, j);
+    CHECK(same);
+    CHECK(r12->put_frame(VESK_AV_STREAM_MAIN, f) == VESK_OK);
+    CHECK(r12->get_frame(VESK_AV_STREAM_SUB, &f, 0, &next) == VESK_OK);
+    CHECK(f->uiFrameType == 18 && f->usWidth == 352 && f->uiLength == 300);
+    CHECK(r12->put_frame(VESK_AV_STREAM_SUB, f) == VESK_OK);
+
+    for (vesk_av_reader* x : {r, r9, r10, r11, r12})
+        CHECK(x->is_free() && vesk_utility_delete_av_reader(x, __FILE__, __func__) == VESK_OK);
+
+    // Under full pressure the rotation takes every block but the one a reader holds; the held
+    // frame stays intact, and once put its block goes too.
+    api_camera cam13(13, 2048);
+    vesk_av_reader* r13 = reader_on(13);
+    CHECK(take(r13) == k_nothing);
+    cam13.put_until(30, 10);
+    CHECK(vesk_utility_av_writer_close(&cam13.w) == VESK_OK);
+    CHECK(r13->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) == VESK_OK && f->uiFrameNo == 20);
+    CHECK(oldest_block(13) == "0 1 2 3 4 5 6 +");
+    CHECK(vesk_utility_set_av_max_cache(4096, 64u << 20) == VESK_OK);
+    CHECK(eventually([] { return oldest_block(13) == "14 15 16 17 18 19 20 "; }));
+    CHECK(intact(f));
+    CHECK(r13->put_frame(VESK_AV_STREAM_MAIN, f) == VESK_OK);
+    CHECK(eventually([] { return oldest_block(13) == "-"; }));
+    CHECK(vesk_utility_set_av_max_cache(32u << 20, 40u << 20) == VESK_OK);
+    CHECK(vesk_utility_delete_av_reader(r13, __FILE__, __func__) == VESK_OK);
+}
+
+} // namespace
+
 int main()
 {
     char root[] = "/tmp/vesk_api.XXXXXX";
     CHECK(mkdtemp(root) != nullptr);
     setenv("VESK_UTILITY_ROOT", root, 1);
+    write_logo_files(root);
 
     CHECK(vesk_utility_malloc(0x40, 1, 16, 1) == nullptr); // refused before init
     unsigned long early = 0;
@@ -343,6 +612,9 @@ int main()
         CHECK(vesk_utility_set_av_max_cache(32u << 20, 40u << 20) == VESK_OK);
     }
 
+    check_av_readers();
+
+    remove_logo_files(root);
     rmdir(root);
     fprintf(stderr, "%s\n", s_failures == 0 ? "public API: all checks passed" : "public API: failures");
     return s_failures == 0 ? 0 : 1;

@@ -1,0 +1,296 @@
+// Tests of the real-time pacing of the A/V reader against a private manager fed by the block
+// writer: the wait for each backlog (remain) row with its forced skips and reset, the
+// threshold's adjustment after failures, the unpaced intervals and the sleep correction.
+//
+// Frames are 1901 ms apart unless a test says otherwise: back-to-back calls then sleep nowhere
+// near the last interval, so the sleep correction (which applies only within 40 ms of it)
+// stays out of the exact results.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "av_test_blocks.h"
+#include "test_support.h"
+
+using namespace vesk_soft;
+using namespace vesk_utility;
+using vesk_test::capture_stdout;
+using vesk_test::count_of;
+
+namespace
+{
+
+constexpr uint32_t k_ipc = 6;
+constexpr uint32_t k_base_ms = 1901;
+constexpr uint32_t k_nothing = ~0u;
+
+int no_print(const char*, ...)
+{
+    return 0;
+}
+
+// One camera stream of numbered frames, small enough that 16 fit a block's index.
+struct camera {
+    vesk_utility_av_mng& mng;
+    vesk_av_block_writer w;
+    uint32_t fno = 0;
+    uint32_t ts = 0;
+    camera(vesk_utility_av_mng& m, vesk_av_stream_type type)
+        : mng(m)
+    {
+        vesk_utility_av_writer_init(&w, k_ipc, type, 0x9110C, 4096, 16);
+        mng.set_chn_connect_status(k_ipc, 1);
+    }
+    void put(uint32_t type, uint32_t step_ms = k_base_ms)
+    {
+        _tagVeskFrameHeader h {};
+        h.uiStartId = VESK_FRAME_STARTCODE;
+        h.uiFrameType = type;
+        h.uiFrameNo = fno++;
+        h.uiTimeStamp = ts;
+        h.uiLength = 40;
+        ts += step_ms * 90;
+        const std::vector<uint8_t> payload(h.uiLength, static_cast<uint8_t>(h.uiFrameNo));
+        ASSERT_EQ(VESK_OK, av_writer_put(&mng, &w, &h, payload.data()));
+    }
+    void put_p(uint32_t count)
+    {
+        for (uint32_t k = 0; k < count; k++)
+            put(2);
+    }
+};
+
+// get_frame then put_frame; the frame number, or k_nothing.
+uint32_t read_one(vesk_av_reader* r, vesk_av_stream_type t, uint32_t* interval)
+{
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    const VESK_ERR ret = r->get_frame(t, &f, 0, &next);
+    if (interval != nullptr)
+        *interval = next;
+    if (ret != VESK_OK)
+        return k_nothing;
+    const uint32_t fno = f->uiFrameNo;
+    EXPECT_EQ(VESK_OK, r->put_frame(t, f));
+    return fno;
+}
+
+std::string pace_msg(uint32_t type, int remain, int th, const std::string& what)
+{
+    char buf[160];
+    snprintf(buf, sizeof(buf), "ch_%u, stream_type_%u remain = %d, min_remain_th = %d, %s\n", k_ipc, type, remain, th,
+        what.c_str());
+    return buf;
+}
+
+std::string adj_msg(int from, int to)
+{
+    char buf[80];
+    snprintf(buf, sizeof(buf), "ch_%u, remain_0, fail_1, adj %d to %d\n", k_ipc, from, to);
+    return buf;
+}
+
+} // namespace
+
+// With the threshold at 2, frame 1 is read paced with `remain` frames behind it. A forced skip
+// or reset shows in the frame the following call hands out, without a jump warning.
+TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
+{
+    struct row {
+        vesk_av_stream_type type;
+        int remain;
+        uint32_t key; // frame number of a type-18 frame, 0: none; an I frame follows 20 later
+        uint32_t interval;
+        const char* warning; // nullptr: no pacing warning
+        uint32_t next;
+    };
+    const row rows[] = {
+        {VESK_AV_STREAM_MAIN, 1, 0, 1996, nullptr, 2}, // < th: + 1/20
+        {VESK_AV_STREAM_MAIN, 2, 0, 1901, nullptr, 2}, // = th
+        {VESK_AV_STREAM_MAIN, 3, 0, 1664, nullptr, 2}, // > th: - 1/8
+        {VESK_AV_STREAM_MAIN, 12, 0, 1664, nullptr, 2},
+        {VESK_AV_STREAM_MAIN, 13, 0, 1426, nullptr, 2}, // > th + 10: - 1/4
+        {VESK_AV_STREAM_MAIN, 22, 3, 1426, nullptr, 2},
+        {VESK_AV_STREAM_MAIN, 23, 3, 1426, "force skip 1 frame", 3}, // > th + 20, key 2 ahead
+        {VESK_AV_STREAM_SUB, 32, 4, 1426, nullptr, 2}, // key 3 ahead is not 2 ahead
+        {VESK_AV_STREAM_SUB, 33, 4, 1268, "force skip 2 frame", 4}, // > th + 30: - 1/3
+        {VESK_AV_STREAM_MAIN, 42, 4, 1268, "force skip 2 frame", 4},
+        {VESK_AV_STREAM_MAIN, 43, 4, 1268, nullptr, 2}, // > th + 40 wants exactly 4 ahead
+        {VESK_AV_STREAM_MAIN, 43, 5, 1268, "force skip 3 frame", 5},
+        {VESK_AV_STREAM_MAIN, 53, 5, 951, "force skip next I", 5}, // > th + 50: - 1/2
+        {VESK_AV_STREAM_MAIN, 62, 11, 951, "force skip next I", 11},
+        {VESK_AV_STREAM_MAIN, 63, 11, 1901, "force reset history", 31}, // newest key frame
+    };
+    for (const row& c : rows) {
+        SCOPED_TRACE("remain " + std::to_string(c.remain) + " key " + std::to_string(c.key));
+        vesk_utility_av_mng mng;
+        camera cam(mng, c.type);
+        cam.put(VESK_FRAME_TYPE_I);
+        vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 0x31);
+        r->set_chn(k_ipc);
+        ASSERT_EQ(0u, read_one(r, c.type, nullptr));
+        while (static_cast<int>(cam.fno) < c.remain + 2) {
+            const uint32_t n = cam.fno;
+            cam.put(c.key != 0 && n == c.key        ? VESK_FRAME_TYPE_KEY2
+                    : c.key != 0 && n == c.key + 20 ? VESK_FRAME_TYPE_I
+                                                    : 2);
+        }
+        ASSERT_EQ(VESK_OK, r->set_work_mode(VESK_AV_READER_REAL_TIME)); // fresh pacing state
+        uint32_t interval = 0;
+        uint32_t got = 0;
+        std::string out = capture_stdout([&] { got = read_one(r, c.type, &interval); });
+        EXPECT_EQ(1u, got);
+        EXPECT_EQ(c.interval, interval);
+        const std::string expected = c.warning != nullptr ? pace_msg(c.type, c.remain, 2, c.warning) : "";
+        EXPECT_EQ(c.warning != nullptr ? 1 : 0, count_of(out, "min_remain_th")) << out;
+        EXPECT_NE(std::string::npos, out.find(expected)) << out;
+        out = capture_stdout([&] { got = read_one(r, c.type, nullptr); });
+        EXPECT_EQ(c.next, got);
+        EXPECT_EQ(0, count_of(out, "jump to")) << out;
+        EXPECT_TRUE(r->is_free());
+        EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
+    }
+}
+
+// Each cycle leaves exactly th frames behind the first read of a backlog, drains it and then
+// finds nothing: a period with calls and a failure, so the threshold rises at once, up to 16.
+// Failures before the period's first success count for nothing.
+TEST(AvPacingTest, FailuresAfterABacklogRaiseTheThresholdUpTo16AndSetWorkModeClearsIt)
+{
+    vesk_utility_av_mng mng;
+    camera cam(mng, VESK_AV_STREAM_MAIN);
+    cam.put(VESK_FRAME_TYPE_I);
+    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_REAL_TIME, VESK_AV_READER_STREAM_USER, 0x32);
+    r->set_chn(k_ipc);
+    ASSERT_EQ(0u, read_one(r, VESK_AV_STREAM_MAIN, nullptr));
+    uint32_t expect_fno = 1;
+    const auto cycle = [&](uint32_t backlog) {
+        return capture_stdout([&] {
+            cam.put_p(backlog);
+            for (uint32_t k = 0; k < backlog; k++)
+                ASSERT_EQ(expect_fno++, read_one(r, VESK_AV_STREAM_MAIN, nullptr));
+            uint32_t interval = 0;
+            for (int k = 0; k < 3; k++) {
+                ASSERT_EQ(k_nothing, read_one(r, VESK_AV_STREAM_MAIN, &interval));
+                EXPECT_EQ(42u, interval) << "the last wait: 40 (no next frame) + 40/20";
+            }
+        });
+    };
+
+    // A backlog of 2 leaves 1 frame behind the first read: below th, so th stays.
+    std::string out = cycle(2);
+    EXPECT_EQ(0, count_of(out, ", adj ")) << out;
+    for (int th = 2; th <= 15; th++) {
+        if (th == 5) {
+            ASSERT_EQ(VESK_OK, r->set_work_mode(VESK_AV_READER_REAL_TIME)); // unchanged: keeps th
+        }
+        out = cycle(th + 1);
+        EXPECT_EQ(1, count_of(out, adj_msg(th, th + 1))) << out;
+        EXPECT_EQ(1, count_of(out, ", adj ")) << out;
+    }
+    out = cycle(17);
+    EXPECT_EQ(0, count_of(out, ", adj ")) << "above 15 it stays: " << out;
+
+    ASSERT_EQ(VESK_OK, r->set_work_mode(VESK_AV_READER_FREE_RUN));
+    ASSERT_EQ(VESK_OK, r->set_work_mode(VESK_AV_READER_REAL_TIME));
+    out = cycle(3);
+    EXPECT_EQ(1, count_of(out, adj_msg(2, 3))) << "a mode change restarts at 2: " << out;
+    EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
+}
+
+// Outside real-time video the wait is 0 while a next frame is known, otherwise the last frame
+// interval (40 ms before any, or for a timestamp step of 0 or above 1999 ms).
+TEST(AvPacingTest, UnpacedStreamsWaitOnlyWhenNothingFollows)
+{
+    vesk_utility_av_mng mng;
+    camera cam(mng, VESK_AV_STREAM_AUDIO);
+    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_REAL_TIME, VESK_AV_READER_STREAM_USER, 0x33);
+    r->set_chn(k_ipc);
+    uint32_t interval = 0;
+    EXPECT_EQ(k_nothing, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(40u, interval);
+    cam.put(2, 10);
+    EXPECT_EQ(0u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(40u, interval) << "nothing follows and no interval is known yet";
+    cam.put(2, 10);
+    cam.put(2, 10);
+    EXPECT_EQ(1u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(0u, interval);
+    EXPECT_EQ(2u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(10u, interval);
+    EXPECT_EQ(k_nothing, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(10u, interval);
+    cam.put(2, 2000); // 3; frame 4 comes 2000 ms later
+    cam.put(2, 10);
+    EXPECT_EQ(3u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(0u, interval);
+    EXPECT_EQ(4u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(40u, interval) << "a step above 1999 ms counts as 40";
+    cam.put(2, 10);
+    cam.put(2, 0); // 6; frame 7 at the same time
+    cam.put(2, 10);
+    for (uint32_t fno = 5; fno <= 6; fno++) {
+        EXPECT_EQ(fno, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+        EXPECT_EQ(0u, interval);
+    }
+    EXPECT_EQ(7u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+    EXPECT_EQ(40u, interval) << "a step of 0 counts as 40";
+    EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
+}
+
+// The correction uses the reader's own clock, which the test cannot pin: its debug trace
+// reports real_sleep, and the arithmetic is checked against that. Sleeping 120 ms past a
+// 40 ms wait is out of the window for certain; an immediate call is within it unless the
+// machine stalls for 80 ms, so only its arithmetic is asserted.
+TEST(AvPacingTest, SleepCorrectionTakesTheOffsetOfTheLastSleepOffTheNextWait)
+{
+    vesk_utility_av_mng mng;
+    mng.diagnose(2, no_print);
+    camera cam(mng, VESK_AV_STREAM_MAIN);
+    cam.put(VESK_FRAME_TYPE_I, 40);
+    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 0x34);
+    r->set_chn(k_ipc);
+    ASSERT_EQ(0u, read_one(r, VESK_AV_STREAM_MAIN, nullptr));
+    cam.put(2, 40);
+    cam.put(2, 40);
+    for (const int pause_ms : {0, 120, 60}) {
+        SCOPED_TRACE("pause " + std::to_string(pause_ms));
+        // A mode change clears the pacing state: the first call's wait is the plain row.
+        ASSERT_EQ(VESK_OK, r->set_work_mode(VESK_AV_READER_FREE_RUN));
+        ASSERT_EQ(VESK_OK, r->set_work_mode(VESK_AV_READER_REAL_TIME));
+        uint32_t interval = 0;
+        cam.put(2, 40);
+        std::string out = capture_stdout([&] { read_one(r, VESK_AV_STREAM_MAIN, &interval); });
+        EXPECT_EQ(40u, interval) << "remain = th: the frame interval as it is";
+        EXPECT_EQ(0, count_of(out, "need_sleep")) << "no last sleep to correct";
+        EXPECT_EQ(1, count_of(out, "ch_6, stream_type_0 remain = 2, next_interval = 40ms\n")) << out;
+        if (pause_ms != 0)
+            usleep(pause_ms * 1000);
+        cam.put(2, 40);
+        out = capture_stdout([&] { read_one(r, VESK_AV_STREAM_MAIN, &interval); });
+        int need = 0, real = 0, ofset = 0, next = 0;
+        const size_t at = out.find("ch_6 need_sleep = ");
+        ASSERT_NE(std::string::npos, at) << out;
+        ASSERT_EQ(4,
+            sscanf(out.c_str() + at, "ch_6 need_sleep = %d real_sleep = %d ofset = %d, next_sleep = %dms", &need, &real,
+                &ofset, &next))
+            << out;
+        EXPECT_EQ(40, need);
+        EXPECT_GE(real, pause_ms);
+        EXPECT_EQ(real - 40, ofset);
+        const int corrected = ofset >= -40 && ofset <= 40 ? (need > ofset ? need - ofset : 0) : need;
+        EXPECT_EQ(corrected, next);
+        EXPECT_EQ(static_cast<uint32_t>(next != 0 ? next : 40), interval);
+        if (pause_ms == 120) {
+            EXPECT_EQ(40u, interval) << "slept 80 ms too long: out of the window";
+        }
+        EXPECT_EQ(
+            1, count_of(out, "ch_6, stream_type_0 remain = 2, next_interval = " + std::to_string(interval) + "ms\n"))
+            << out;
+        EXPECT_EQ(1, count_of(out, "ch_6, stream_type_0 call_interval = ")) << out;
+    }
+    EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
+}
