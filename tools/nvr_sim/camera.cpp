@@ -281,7 +281,7 @@ void start_cameras(sim& s)
             vesk_utility_av_writer_init(&c.w[t], ch, sh.type, sh.purpose, sh.block_bytes, sh.max_frames);
             c.ts[t] = next_rand(c.rng);
         }
-        char name[16];
+        char name[32]; // start_thread keeps the first 15 characters
         snprintf(name, sizeof(name), "cam_ch%02u", ch);
         c.thread = start_thread(name, camera_thread, &c);
     }

@@ -243,7 +243,7 @@ bool start_consumers(sim& s)
     if (!add(s, consumer_kind::snap, 0, 0, VESK_AV_STREAM_MAIN))
         return false;
     for (consumer& c : s_consumers) {
-        char name[16];
+        char name[32]; // start_thread keeps the first 15 characters
         void (*fn)(void*) = c.st->kind == consumer_kind::record ? record_thread
             : c.st->kind == consumer_kind::live                 ? live_thread
                                                                 : snap_thread;
