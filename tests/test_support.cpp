@@ -62,7 +62,7 @@ std::string capture_stdout(const std::function<void()>& fn)
     testing::internal::CaptureStdout();
     fn();
     fflush(stdout);
-    return testing::internal::GetCapturedStdout();
+    return without_background_messages(testing::internal::GetCapturedStdout());
 }
 
 void stdout_to_stderr()
@@ -71,25 +71,40 @@ void stdout_to_stderr()
     dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
-std::string without_log_messages(const std::string& text)
+namespace
+{
+
+// text without the layer's coloured log messages ("\e[...m[UTL] ...\e[m") for which drop holds.
+template <class Drop> std::string filter_log_messages(const std::string& text, Drop drop)
 {
     std::string out;
     size_t at = 0;
     for (;;) {
         const size_t start = text.find("\e[", at);
         const size_t tag = start == std::string::npos ? start : text.find("m[UTL] ", start);
-        if (start == std::string::npos || tag == std::string::npos || tag > start + 12) {
-            out.append(text, at, std::string::npos);
-            return out;
-        }
-        const size_t end = text.find("\e[m", tag);
-        if (end == std::string::npos) {
+        const size_t end = tag == std::string::npos ? tag : text.find("\e[m", tag);
+        if (start == std::string::npos || tag == std::string::npos || tag > start + 12 || end == std::string::npos) {
             out.append(text, at, std::string::npos);
             return out;
         }
         out.append(text, at, start - at);
+        if (!drop(text.substr(start, end + 3 - start)))
+            out.append(text, start, end + 3 - start);
         at = end + 3;
     }
+}
+
+} // namespace
+
+std::string without_log_messages(const std::string& text)
+{
+    return filter_log_messages(text, [](const std::string&) { return true; });
+}
+
+std::string without_background_messages(const std::string& text)
+{
+    return filter_log_messages(
+        text, [](const std::string& message) { return message.find(k_unconnected_client) != std::string::npos; });
 }
 
 int count_of(const std::string& text, const std::string& needle)

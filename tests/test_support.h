@@ -16,8 +16,15 @@ void make_private_root();
 void remove_private_root();
 std::string private_root();
 
-// Runs fn with standard output captured and returns what it printed.
+// Runs fn with standard output captured and returns what it printed, less the background
+// messages below.
 std::string capture_stdout(const std::function<void()>& fn);
+
+// The receive task of the process's own command client logs this every 100 ms while no
+// proxy server runs beside the test, whatever the test is doing: a capture may catch it.
+constexpr const char* k_unconnected_client = "m_connect_fd fail!";
+// text without those messages.
+std::string without_background_messages(const std::string& text);
 
 // The layer prints to standard output, death tests read standard error: a dying statement
 // runs after this, inside the child.

@@ -148,6 +148,17 @@ TEST(SystemClientTest, WithoutServerTheCommandRunsHere)
     EXPECT_NE(std::string::npos, log.find("fail! use standard system"));
     EXPECT_EQ("local\n", read_file(out));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_system(nullptr));
+
+    // A receive step without a connection says so and nothing more (a raw capture: the
+    // helper drops this very message as background noise).
+    auto* lonely = never_destroyed(new vesk_utility::vesk_utility_system_client((private_root() + "/none").c_str()));
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    lonely->rec_answer_msg();
+    fflush(stdout);
+    const std::string step = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, step.find(k_unconnected_client)) << step;
+    EXPECT_EQ("", without_background_messages(step));
 }
 
 TEST(SystemClientTest, FilePopenReadsTheWholeOutputAndPcloseRemovesTheFile)
