@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "vesk_utility_fault.h"
+#include "vesk_utility_guard.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_layout.h"
 #include "vesk_utility_purposes.h"
@@ -44,21 +45,6 @@ constexpr unsigned k_little_block_max = 4096;
 
 // ---- Live list ---------------------------------------------------------------------------
 
-namespace {
-
-class list_guard {
-public:
-    explicit list_guard(pthread_mutex_t& m) : m_m(m) { pthread_mutex_lock(&m_m); }
-    ~list_guard() { pthread_mutex_unlock(&m_m); }
-    list_guard(const list_guard&) = delete;
-    list_guard& operator=(const list_guard&) = delete;
-
-private:
-    pthread_mutex_t& m_m;
-};
-
-}  // namespace
-
 vesk_mem_account::vesk_mem_account()
 {
     pthread_mutexattr_t attr;
@@ -96,7 +82,7 @@ void* vesk_mem_account::proc_vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpo
 
     const uintptr_t self = reinterpret_cast<uintptr_t>(h);
     {
-        list_guard guard(m_lock);
+        mutex_guard guard(m_lock);
         h->pre = m_tail;
         if (m_tail != 0)
             head_at(m_tail)->next = self;
@@ -157,7 +143,7 @@ void vesk_mem_account::proc_vesk_free(const char* file, const char* func, const 
     const uint32_t purpose = h->purpose;
     void* src_memory = reinterpret_cast<void*>(h->src_memory);
     {
-        list_guard guard(m_lock);
+        mutex_guard guard(m_lock);
         if (h->pre != 0)
             head_at(h->pre)->next = h->next;
         else
@@ -189,13 +175,13 @@ VESK_ERR vesk_mem_account::vesk_get_mem_size(const char* file, const char* func,
 
 uint32_t vesk_mem_account::total_size()
 {
-    list_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     return m_total;
 }
 
 uint32_t vesk_mem_account::live_blocks()
 {
-    list_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     return m_count;
 }
 

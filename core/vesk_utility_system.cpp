@@ -18,6 +18,7 @@
 
 #include "sched/vesk_utility_timer.h"
 #include "vesk_utility_cmd_wire.h"
+#include "vesk_utility_guard.h"
 #include "vesk_utility_handle.h"
 #include "vesk_utility_lock.h"
 #include "vesk_utility_log.h"
@@ -43,25 +44,6 @@ vesk_lock* new_named_lock(const char* name)
     return VESK_REGISTER_NEW(
         VESK_LIST_COMMON_LOCK, static_cast<vesk_lock*>(new vesk_lock_realize(name)), VESK_USER_UTILITY, name);
 }
-
-// Holds a named lock for a scope.
-class scoped_lock
-{
-public:
-    scoped_lock(vesk_lock* lock, const char* func)
-        : m_lock(lock)
-        , m_func(func)
-    {
-        m_lock->lock(__FILE__, m_func);
-    }
-    ~scoped_lock() { m_lock->unlock(__FILE__, m_func); }
-    scoped_lock(const scoped_lock&) = delete;
-    scoped_lock& operator=(const scoped_lock&) = delete;
-
-private:
-    vesk_lock* m_lock;
-    const char* m_func;
-};
 
 bool write_all(int fd, const void* data, size_t size)
 {
@@ -96,7 +78,7 @@ vesk_utility_system_client::vesk_utility_system_client(const char* server_path)
     VESK_ASSERT(m_server_path != NULL);
     memcpy(m_server_path, server_path, len);
     m_server_path[len] = '\0';
-    scoped_lock guard(m_send_lock, "vesk_utility_system_client");
+    named_guard guard(m_send_lock, __FILE__, "vesk_utility_system_client");
     connect_socket();
 }
 
@@ -139,7 +121,7 @@ void vesk_utility_system_client::disconnect()
 
 int vesk_utility_system_client::send_msg_kqz_system(const char* cmd, uint32_t* magic)
 {
-    scoped_lock guard(m_send_lock, "send_msg_kqz_system");
+    named_guard guard(m_send_lock, __FILE__, "send_msg_kqz_system");
     connect_socket();
     if (m_connect_fd < 0)
         return -1;
@@ -167,7 +149,7 @@ int vesk_utility_system_client::send_msg_kqz_system(const char* cmd, uint32_t* m
 
 void vesk_utility_system_client::push_answer(uint32_t magic)
 {
-    scoped_lock guard(m_rec_lock, "push_answer");
+    named_guard guard(m_rec_lock, __FILE__, "push_answer");
     for (answer_slot& slot : m_answers) {
         if (slot.used == 0) {
             slot.magic = magic;
@@ -180,7 +162,7 @@ void vesk_utility_system_client::push_answer(uint32_t magic)
 
 int vesk_utility_system_client::answer_is_ok(uint32_t magic)
 {
-    scoped_lock guard(m_rec_lock, "answer_is_ok");
+    named_guard guard(m_rec_lock, __FILE__, "answer_is_ok");
     for (answer_slot& slot : m_answers) {
         if (slot.used != 0 && slot.magic == magic) {
             slot.used = 0;
@@ -192,7 +174,7 @@ int vesk_utility_system_client::answer_is_ok(uint32_t magic)
 
 void vesk_utility_system_client::rec_answer_msg()
 {
-    scoped_lock guard(m_send_lock, "rec_answer_msg");
+    named_guard guard(m_send_lock, __FILE__, "rec_answer_msg");
     if (m_connect_fd < 0) {
         VESK_LOG_ERR(k_cls, "m_connect_fd fail!");
         return;

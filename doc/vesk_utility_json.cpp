@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/vesk_utility_guard.h"
 #include "vesk_utility_json_impl.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_account.h"
@@ -18,24 +19,6 @@ namespace
 
 constexpr const char* k_cls = "vesk_tool_json";
 constexpr const char* k_src = "doc/vesk_utility_json";
-
-class doc_guard
-{
-public:
-    doc_guard(vesk_lock* lock, const char* func)
-        : m_lock(lock)
-        , m_func(func)
-    {
-        m_lock->lock(k_src, m_func);
-    }
-    ~doc_guard() { m_lock->unlock(k_src, m_func); }
-    doc_guard(const doc_guard&) = delete;
-    doc_guard& operator=(const doc_guard&) = delete;
-
-private:
-    vesk_lock* m_lock;
-    const char* m_func;
-};
 
 bool keys_valid(const char* const* keys, int n)
 {
@@ -148,7 +131,7 @@ vesk_tool_json::~vesk_tool_json()
 
 VESK_ERR vesk_tool_json::load(const char* text)
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     vesk_tool_JSON_delete(m_root);
     m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
     return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
@@ -156,25 +139,25 @@ VESK_ERR vesk_tool_json::load(const char* text)
 
 int vesk_tool_json::print_copy(char* buf, int buf_size)
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return vesk_tool_JSON_export(m_root, 1, buf, buf_size);
 }
 
 int vesk_tool_json::print_copy_unformate(char* buf, int buf_size)
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return vesk_tool_JSON_export(m_root, 0, buf, buf_size);
 }
 
 int vesk_tool_json::get_print_copy_size()
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return vesk_tool_JSON_get_print_size(m_root, 1);
 }
 
 int vesk_tool_json::get_print_copy_unformate_size()
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return vesk_tool_JSON_get_print_size(m_root, 0);
 }
 
@@ -286,63 +269,63 @@ int vesk_tool_json::arrysize_keys(const char* const* keys, int n)
 VESK_ERR vesk_tool_json::add_item_int(const char* key, int value)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_number(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, int value)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_number(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, const char* key3, int value)
 {
     VESK_JSON_KEYS(key1, key2, key3);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_number(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, const char* key3, const char* key4, int value)
 {
     VESK_JSON_KEYS(key1, key2, key3, key4);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_number(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_double(const char* key, double value)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_number(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_double(const char* key1, const char* key2, double value)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_number(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_string(const char* key, const char* value)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_string(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_string(const char* key1, const char* key2, const char* value)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_string(value));
 }
 
 VESK_ERR vesk_tool_json::add_item_string(const char* key1, const char* key2, const char* key3, const char* value)
 {
     VESK_JSON_KEYS(key1, key2, key3);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_string(value));
 }
 
@@ -350,56 +333,56 @@ VESK_ERR vesk_tool_json::add_item_string(
     const char* key1, const char* key2, const char* key3, const char* key4, const char* value)
 {
     VESK_JSON_KEYS(key1, key2, key3, key4);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_keys(keys, n, vesk_tool_JSON_create_string(value));
 }
 
 VESK_ERR vesk_tool_json::delete_item(const char* key)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return delete_keys(keys, n);
 }
 
 VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return delete_keys(keys, n);
 }
 
 VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2, const char* key3)
 {
     VESK_JSON_KEYS(key1, key2, key3);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return delete_keys(keys, n);
 }
 
 VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2, const char* key3, const char* key4)
 {
     VESK_JSON_KEYS(key1, key2, key3, key4);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return delete_keys(keys, n);
 }
 
 VESK_ERR vesk_tool_json::try_get_item_int(const char* key, int& value)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return get_int_keys(keys, n, value);
 }
 
 VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, const char* key2, int& value)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return get_int_keys(keys, n, value);
 }
 
 VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, const char* key2, const char* key3, int& value)
 {
     VESK_JSON_KEYS(key1, key2, key3);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return get_int_keys(keys, n, value);
 }
 
@@ -407,35 +390,35 @@ VESK_ERR vesk_tool_json::try_get_item_int(
     const char* key1, const char* key2, const char* key3, const char* key4, int& value)
 {
     VESK_JSON_KEYS(key1, key2, key3, key4);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return get_int_keys(keys, n, value);
 }
 
 VESK_ERR vesk_tool_json::try_get_item_double(const char* key, double& value)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return get_double_keys(keys, n, value);
 }
 
 VESK_ERR vesk_tool_json::try_get_item_double(const char* key1, const char* key2, double& value)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return get_double_keys(keys, n, value);
 }
 
 VESK_ERR vesk_tool_json::get_item_string_copy(const char* key, char* buf, int buf_size)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return copy_string_keys(keys, n, buf, buf_size);
 }
 
 VESK_ERR vesk_tool_json::get_item_string_copy(const char* key1, const char* key2, char* buf, int buf_size)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return copy_string_keys(keys, n, buf, buf_size);
 }
 
@@ -443,7 +426,7 @@ VESK_ERR vesk_tool_json::get_item_string_copy(
     const char* key1, const char* key2, const char* key3, char* buf, int buf_size)
 {
     VESK_JSON_KEYS(key1, key2, key3);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return copy_string_keys(keys, n, buf, buf_size);
 }
 
@@ -451,14 +434,14 @@ VESK_ERR vesk_tool_json::get_item_string_copy(
     const char* key1, const char* key2, const char* key3, const char* key4, char* buf, int buf_size)
 {
     VESK_JSON_KEYS(key1, key2, key3, key4);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return copy_string_keys(keys, n, buf, buf_size);
 }
 
 const char* vesk_tool_json::get_item_string_addr(const char* key, int& len)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     const vesk_tool_JSON* item = find_keys(m_root, keys, n);
     if (!is_string(item))
         return nullptr;
@@ -469,28 +452,28 @@ const char* vesk_tool_json::get_item_string_addr(const char* key, int& len)
 int vesk_tool_json::get_item_arrysize(const char* key)
 {
     VESK_JSON_KEYS(key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return arrysize_keys(keys, n);
 }
 
 int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2)
 {
     VESK_JSON_KEYS(key1, key2);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return arrysize_keys(keys, n);
 }
 
 int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2, const char* key3)
 {
     VESK_JSON_KEYS(key1, key2, key3);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return arrysize_keys(keys, n);
 }
 
 int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2, const char* key3, const char* key4)
 {
     VESK_JSON_KEYS(key1, key2, key3, key4);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return arrysize_keys(keys, n);
 }
 
@@ -533,7 +516,7 @@ VESK_ERR vesk_tool_json::add_arry_item(const char* const* keys, int n, int idx, 
 VESK_ERR vesk_tool_json::get_item_arry_item_int(const char* array_key, int idx, const char* key, int& value)
 {
     VESK_JSON_KEYS(array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return read_int(arry_item_member(keys, n, idx, key), value) ? VESK_OK : VESK_ERR_FAIL;
 }
 
@@ -541,14 +524,14 @@ VESK_ERR vesk_tool_json::get_item_arry_item_int(
     const char* key1, const char* array_key, int idx, const char* key, int& value)
 {
     VESK_JSON_KEYS(key1, array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return read_int(arry_item_member(keys, n, idx, key), value) ? VESK_OK : VESK_ERR_FAIL;
 }
 
 VESK_ERR vesk_tool_json::add_item_arry_item_int(const char* array_key, int idx, const char* key, int value)
 {
     VESK_JSON_KEYS(array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_arry_item(keys, n, idx, key, vesk_tool_JSON_create_number(value));
 }
 
@@ -556,14 +539,14 @@ VESK_ERR vesk_tool_json::add_item_arry_item_int(
     const char* key1, const char* array_key, int idx, const char* key, int value)
 {
     VESK_JSON_KEYS(key1, array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_arry_item(keys, n, idx, key, vesk_tool_JSON_create_number(value));
 }
 
 VESK_ERR vesk_tool_json::get_item_arry_item_string(const char* array_key, int idx, const char* key, const char*& value)
 {
     VESK_JSON_KEYS(array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     const vesk_tool_JSON* item = arry_item_member(keys, n, idx, key);
     if (!is_string(item))
         return VESK_ERR_FAIL;
@@ -575,7 +558,7 @@ VESK_ERR vesk_tool_json::get_item_arry_item_string(
     const char* key1, const char* array_key, int idx, const char* key, const char*& value)
 {
     VESK_JSON_KEYS(key1, array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     const vesk_tool_JSON* item = arry_item_member(keys, n, idx, key);
     if (!is_string(item))
         return VESK_ERR_FAIL;
@@ -587,7 +570,7 @@ VESK_ERR vesk_tool_json::get_item_arry_item_string_copy(
     const char* array_key, int idx, const char* key, char* buf, int buf_size)
 {
     VESK_JSON_KEYS(array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return copy_text(arry_item_member(keys, n, idx, key), buf, buf_size);
 }
 
@@ -595,14 +578,14 @@ VESK_ERR vesk_tool_json::get_item_arry_item_string_copy(
     const char* key1, const char* array_key, int idx, const char* key, char* buf, int buf_size)
 {
     VESK_JSON_KEYS(key1, array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return copy_text(arry_item_member(keys, n, idx, key), buf, buf_size);
 }
 
 VESK_ERR vesk_tool_json::add_item_arry_item_string(const char* array_key, int idx, const char* key, const char* value)
 {
     VESK_JSON_KEYS(array_key);
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return add_arry_item(keys, n, idx, key, vesk_tool_JSON_create_string(value));
 }
 
@@ -658,7 +641,7 @@ VESK_ERR vesk_tool_json::add_item_int(const char* key1, int idx1, const char* ke
     int idx3, const char* key4, int idx4, const char* key5, int idx5, int value)
 {
     VESK_JSON_LEVELS;
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, true) : nullptr;
     if (node == nullptr)
         return VESK_ERR_FAIL;
@@ -673,7 +656,7 @@ VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, int idx1, const char
     int idx3, const char* key4, int idx4, const char* key5, int idx5, int& value)
 {
     VESK_JSON_LEVELS;
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     const vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, false) : nullptr;
     if (node == nullptr) {
         VESK_LOG_ERR(k_cls, "get_json_object error \n");
@@ -692,7 +675,7 @@ VESK_ERR vesk_tool_json::add_item_str(const char* key1, int idx1, const char* ke
     VESK_JSON_LEVELS;
     if (value == nullptr)
         return VESK_ERR_FAIL;
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, true) : nullptr;
     if (node == nullptr)
         return VESK_ERR_FAIL;
@@ -713,7 +696,7 @@ const char* vesk_tool_json::get_item_str_addr(const char* key1, int idx1, const 
     int idx3, const char* key4, int idx4, const char* key5, int idx5, int& len)
 {
     VESK_JSON_LEVELS;
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     const vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, false) : nullptr;
     if (!is_string(node))
         return nullptr;
@@ -725,7 +708,7 @@ VESK_ERR vesk_tool_json::get_item_str_copy(const char* key1, int idx1, const cha
     int idx3, const char* key4, int idx4, const char* key5, int idx5, char* buf, int buf_size)
 {
     VESK_JSON_LEVELS;
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return copy_text(m_root != nullptr ? walk_levels(lv, false) : nullptr, buf, buf_size);
 }
 
@@ -733,7 +716,7 @@ int vesk_tool_json::get_item_arrysize(const char* key1, int idx1, const char* ke
     int idx3, const char* key4, int idx4, const char* key5, int idx5)
 {
     VESK_JSON_LEVELS;
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     const vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, false) : nullptr;
     if (node == nullptr || node->type != VESK_TOOL_JSON_ARRAY)
         return 0;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/vesk_utility_guard.h"
 #include "vesk_utility_json_impl.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_account.h"
@@ -19,25 +20,6 @@ namespace
 
 constexpr const char* k_cls = "vesk_tool_json_V2";
 constexpr const char* k_src = "doc/vesk_utility_json_v2";
-
-// Holds the document's lock for one operation, naming it as the holder.
-class doc_guard
-{
-public:
-    doc_guard(vesk_lock* lock, const char* func)
-        : m_lock(lock)
-        , m_func(func)
-    {
-        m_lock->lock(k_src, m_func);
-    }
-    ~doc_guard() { m_lock->unlock(k_src, m_func); }
-    doc_guard(const doc_guard&) = delete;
-    doc_guard& operator=(const doc_guard&) = delete;
-
-private:
-    vesk_lock* m_lock;
-    const char* m_func;
-};
 
 // The element at an unsigned index, O(index).
 vesk_tool_JSON* element_at(const vesk_tool_JSON* array, uint32_t idx)
@@ -184,7 +166,7 @@ vesk_tool_json_V2::fetched::~fetched()
 
 VESK_ERR vesk_tool_json_V2::loadData(const char* text)
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     vesk_tool_JSON_delete(m_root);
     m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
     return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
@@ -192,7 +174,7 @@ VESK_ERR vesk_tool_json_V2::loadData(const char* text)
 
 VESK_ERR vesk_tool_json_V2::clearData()
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     vesk_tool_JSON_delete(m_root);
     m_root = vesk_tool_JSON_create_object();
     return m_root != nullptr ? VESK_OK : VESK_ERR_NO_RESOURCE;
@@ -331,7 +313,7 @@ void vesk_tool_json_V2::set_node(const char* key_pos, vesk_json_path_args& args,
         va_start(ap, last);                                                                                            \
         vesk_json_path_args args(&ap);                                                                                 \
         {                                                                                                              \
-            doc_guard guard(m_lock, __func__);                                                                         \
+            named_guard guard(m_lock, k_src, __func__);                                                                \
             if (m_root != nullptr)                                                                                     \
                 set_node(key_pos, args, make);                                                                         \
         }                                                                                                              \
@@ -407,7 +389,7 @@ void vesk_tool_json_V2::execDelete(const char* key_pos, ...)
     va_start(ap, key_pos);
     vesk_json_path_args args(&ap);
     {
-        doc_guard guard(m_lock, __func__);
+        named_guard guard(m_lock, k_src, __func__);
         delete_node(key_pos, args);
     }
     va_end(ap);
@@ -477,7 +459,7 @@ VESK_ERR vesk_tool_json_V2::get_number(
         vesk_json_path_args args(&ap);                                                                                 \
         VESK_ERR rc;                                                                                                   \
         {                                                                                                              \
-            doc_guard guard(m_lock, __func__);                                                                         \
+            named_guard guard(m_lock, k_src, __func__);                                                                \
             rc = get_number(__func__, key_pos, args, kind, value);                                                     \
         }                                                                                                              \
         va_end(ap);                                                                                                    \
@@ -551,7 +533,7 @@ VESK_ERR vesk_tool_json_V2::get_string(
         vesk_json_path_args args(&ap);                                                                                 \
         VESK_ERR rc;                                                                                                   \
         {                                                                                                              \
-            doc_guard guard(m_lock, __func__);                                                                         \
+            named_guard guard(m_lock, k_src, __func__);                                                                \
             rc = get_string(__func__, key_pos, args, buf, buf_size);                                                   \
         }                                                                                                              \
         va_end(ap);                                                                                                    \
@@ -595,7 +577,7 @@ const char* vesk_tool_json_V2::execGetStr_addr(const char* key_pos, int* str_len
     vesk_json_path_args args(&ap);
     const char* addr;
     {
-        doc_guard guard(m_lock, __func__);
+        named_guard guard(m_lock, k_src, __func__);
         addr = get_string_addr(key_pos, args, str_len);
     }
     va_end(ap);
@@ -628,7 +610,7 @@ int vesk_tool_json_V2::execGetArraysize(const char* key_pos, ...)
     vesk_json_path_args args(&ap);
     int size;
     {
-        doc_guard guard(m_lock, __func__);
+        named_guard guard(m_lock, k_src, __func__);
         size = get_array_size(key_pos, args);
     }
     va_end(ap);
@@ -639,7 +621,7 @@ int vesk_tool_json_V2::execGetArraysize(const char* key_pos, ...)
 
 int vesk_tool_json_V2::getContentSize()
 {
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     return vesk_tool_JSON_get_print_size(m_root, 0);
 }
 
@@ -649,7 +631,7 @@ int vesk_tool_json_V2::exportContent(char* buf, unsigned buf_size)
         vesk_print_stdout("buf == NULL || buf_size == 0\n");
         return 0;
     }
-    doc_guard guard(m_lock, __func__);
+    named_guard guard(m_lock, k_src, __func__);
     const int size = buf_size > INT32_MAX ? INT32_MAX : static_cast<int>(buf_size);
     return vesk_tool_JSON_export(m_root, 0, buf, size);
 }

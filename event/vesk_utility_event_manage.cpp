@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "core/vesk_utility_guard.h"
 #include "sched/vesk_utility_timer.h"
 #include "vesk_utility_handle.h"
 #include "vesk_utility_log.h"
@@ -96,28 +97,6 @@ template <class Node> void list_remove(event_list<Node>& list, Node* node)
         list.tail = node->prev;
     list.count--;
 }
-
-// Holds a list lock for the scope: for writing, or for reading.
-class list_guard
-{
-public:
-    list_guard(vesk_rw_lock* lock, bool write, const char* func)
-        : m_lock(lock)
-        , m_func(func)
-    {
-        if (write)
-            m_lock->wr_lock(__FILE__, m_func);
-        else
-            m_lock->rd_lock();
-    }
-    ~list_guard() { m_lock->unlock(__FILE__, m_func); }
-    list_guard(const list_guard&) = delete;
-    list_guard& operator=(const list_guard&) = delete;
-
-private:
-    vesk_rw_lock* m_lock;
-    const char* m_func;
-};
 
 } // namespace
 
@@ -274,7 +253,7 @@ VESK_ERR vesk_utility_event_manage::set_event_state(const vesk_event_info& detai
         return VESK_ERR_INVALID_PARAM;
     }
     const uint32_t now = now_s();
-    list_guard guard(m_info_list.lock, true, __func__);
+    rw_guard guard(m_info_list.lock, rw_guard::write, __FILE__, __func__);
     event_info_node* node = find_info(key);
     if (node == nullptr) {
         if (trigger == 0)
@@ -321,7 +300,7 @@ VESK_ERR vesk_utility_event_manage::get_event_state(const vesk_event_id& id, VES
     start = last = 0;
     if (!is_valid_id(id))
         return VESK_ERR_INVALID_PARAM;
-    list_guard guard(m_info_list.lock, false, __func__);
+    rw_guard guard(m_info_list.lock, rw_guard::read, __FILE__, __func__);
     for (event_info_node* n = m_info_list.head; n != nullptr; n = n->next) {
         VESK_ASSERT(n->magic == VESK_EVENT_DEBUG_MAGIC);
         const vesk_event_id k = key_of(n->record.detail);
@@ -338,7 +317,7 @@ VESK_ERR vesk_utility_event_manage::get_event_state(const vesk_event_id& id, VES
 VESK_ERR vesk_utility_event_manage::get_event_state(const vesk_event_type& type, VESK_BOOL& active)
 {
     active = 0;
-    list_guard guard(m_info_list.lock, false, __func__);
+    rw_guard guard(m_info_list.lock, rw_guard::read, __FILE__, __func__);
     for (event_info_node* n = m_info_list.head; n != nullptr; n = n->next) {
         VESK_ASSERT(n->magic == VESK_EVENT_DEBUG_MAGIC);
         const vesk_event_info& d = n->record.detail;
@@ -370,7 +349,7 @@ vesk_timer_ret_code vesk_utility_event_manage::event_check_thread(
 bool vesk_utility_event_manage::collect(uint32_t seq, uint32_t& n)
 {
     const uint32_t now = now_s();
-    list_guard guard(m_info_list.lock, true, __func__);
+    rw_guard guard(m_info_list.lock, rw_guard::write, __FILE__, __func__);
     event_info_node* next = nullptr;
     for (event_info_node* node = m_info_list.head; node != nullptr; node = next) {
         VESK_ASSERT(node->magic == VESK_EVENT_DEBUG_MAGIC);
@@ -436,7 +415,7 @@ void vesk_utility_event_manage::proc_notify(const vesk_event_detail_info& record
 
 VESK_ERR vesk_utility_event_manage::register_event_oberver(vesk_user_id user, const vesk_event_oberver* oberver)
 {
-    list_guard guard(m_oberver_lock, true, __func__);
+    rw_guard guard(m_oberver_lock, rw_guard::write, __FILE__, __func__);
     int free_slot = -1;
     for (uint32_t i = 0; i < m_oberver_manage.capacity; i++) {
         const event_oberver_slot& s = m_oberver_manage.oberver[i];
@@ -456,7 +435,7 @@ VESK_ERR vesk_utility_event_manage::register_event_oberver(vesk_user_id user, co
 
 VESK_ERR vesk_utility_event_manage::unregister_event_oberver(vesk_user_id user, const vesk_event_oberver* oberver)
 {
-    list_guard guard(m_oberver_lock, true, __func__);
+    rw_guard guard(m_oberver_lock, rw_guard::write, __FILE__, __func__);
     for (uint32_t i = 0; i < m_oberver_manage.capacity; i++) {
         event_oberver_slot& s = m_oberver_manage.oberver[i];
         if (s.in_use && s.user_id == user && s.oberver == oberver) {
@@ -489,7 +468,7 @@ VESK_ERR vesk_utility_event_manage::set_event_arming(const vesk_event_id& id, co
 {
     if (!is_valid_id(id))
         return VESK_ERR_INVALID_PARAM;
-    list_guard guard(m_schedule_list.lock, true, __func__);
+    rw_guard guard(m_schedule_list.lock, rw_guard::write, __FILE__, __func__);
     if (id.wildcard != VESK_EVENT_ID_EXACT) {
         event_schedule_node* next = nullptr;
         for (event_schedule_node* n = m_schedule_list.head; n != nullptr; n = next) {
@@ -535,7 +514,7 @@ VESK_ERR vesk_utility_event_manage::get_event_arming_schedule(const vesk_event_i
     out = vesk_arming_shedule {};
     if (!is_valid_id(id))
         return VESK_ERR_INVALID_PARAM;
-    list_guard guard(m_schedule_list.lock, false, __func__);
+    rw_guard guard(m_schedule_list.lock, rw_guard::read, __FILE__, __func__);
     const event_schedule_node* node = find_schedule(id);
     if (node == nullptr) {
         VESK_LOG_ERR(k_cls, "Event Can't Find Schedule Node, Why???\n");
@@ -585,7 +564,7 @@ VESK_ERR vesk_utility_event_manage::set_filter_node(
     vesk_event_user_id user, const vesk_event_id& key, uint32_t id_filter, VESK_BOOL enable)
 {
     event_list<event_filter_node>& list = m_filter_list[user];
-    list_guard guard(list.lock, true, __func__);
+    rw_guard guard(list.lock, rw_guard::write, __FILE__, __func__);
     event_filter_node* found = nullptr;
     for (event_filter_node* f = list.head; f != nullptr; f = f->next) {
         VESK_ASSERT(f->magic == VESK_EVENT_DEBUG_MAGIC);
@@ -672,10 +651,10 @@ VESK_ERR vesk_utility_event_manage::get_event_info(
     localtime_r(&t, &lt);
     const int minute = lt.tm_hour * 60 + lt.tm_min;
 
-    list_guard info(m_info_list.lock, false, __func__);
-    list_guard schedule(m_schedule_list.lock, false, __func__);
-    list_guard all(m_filter_list[VESK_EVENT_USER_ALL].lock, false, __func__);
-    list_guard mine(m_filter_list[user].lock, false, __func__);
+    rw_guard info(m_info_list.lock, rw_guard::read, __FILE__, __func__);
+    rw_guard schedule(m_schedule_list.lock, rw_guard::read, __FILE__, __func__);
+    rw_guard all(m_filter_list[VESK_EVENT_USER_ALL].lock, rw_guard::read, __FILE__, __func__);
+    rw_guard mine(m_filter_list[user].lock, rw_guard::read, __FILE__, __func__);
     uint32_t copied = 0;
     for (const event_info_node* n = m_info_list.head; n != nullptr; n = n->next) {
         VESK_ASSERT(n->magic == VESK_EVENT_DEBUG_MAGIC);
@@ -696,7 +675,7 @@ VESK_ERR vesk_utility_event_manage::get_event_info(
 
 void vesk_utility_event_manage::dump_events(print_fn print)
 {
-    list_guard guard(m_info_list.lock, false, __func__);
+    rw_guard guard(m_info_list.lock, rw_guard::read, __FILE__, __func__);
     print("active events: %u of %u\n", m_info_list.count, m_info_pool->count());
     print("%-4s %-5s %-5s %-5s %-5s %-7s %-10s %-10s %-9s %s\n", "no", "main", "sub", "index", "local", "trigger",
         "start", "last", "countdown", "text");
@@ -713,7 +692,7 @@ void vesk_utility_event_manage::dump_events(print_fn print)
 void vesk_utility_event_manage::dump_schedules(print_fn print)
 {
     static const char* const s_days[7] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    list_guard guard(m_schedule_list.lock, false, __func__);
+    rw_guard guard(m_schedule_list.lock, rw_guard::read, __FILE__, __func__);
     print("arming schedules: %u of %u\n", m_schedule_list.count, k_event_schedule_nodes);
     for (const event_schedule_node* n = m_schedule_list.head; n != nullptr; n = n->next) {
         VESK_ASSERT(n->magic == VESK_EVENT_DEBUG_MAGIC);
@@ -736,7 +715,7 @@ void vesk_utility_event_manage::dump_filters(print_fn print)
 {
     static const char* const s_users[k_event_filter_lists] = {"all users", "local", "remote"};
     for (uint32_t u = 0; u < k_event_filter_lists; u++) {
-        list_guard guard(m_filter_list[u].lock, false, __func__);
+        rw_guard guard(m_filter_list[u].lock, rw_guard::read, __FILE__, __func__);
         print("filters of %s: %u\n", s_users[u], m_filter_list[u].count);
         for (const event_filter_node* f = m_filter_list[u].head; f != nullptr; f = f->next) {
             VESK_ASSERT(f->magic == VESK_EVENT_DEBUG_MAGIC);
@@ -750,7 +729,7 @@ void vesk_utility_event_manage::dump_filters(print_fn print)
 
 void vesk_utility_event_manage::dump_observers(print_fn print)
 {
-    list_guard guard(m_oberver_lock, false, __func__);
+    rw_guard guard(m_oberver_lock, rw_guard::read, __FILE__, __func__);
     print("observers: %u of %u\n", m_oberver_manage.current_user, m_oberver_manage.capacity);
     for (uint32_t i = 0; i < m_oberver_manage.capacity; i++) {
         const event_oberver_slot& s = m_oberver_manage.oberver[i];

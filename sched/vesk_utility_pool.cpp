@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "core/vesk_utility_guard.h"
 #include "vesk_utility_fault.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_resource.h"
@@ -44,22 +45,6 @@ int kb(uint32_t bytes)
     return static_cast<int>(bytes >> 10);
 }
 
-class pool_guard
-{
-public:
-    explicit pool_guard(pthread_mutex_t& m)
-        : m_m(m)
-    {
-        pthread_mutex_lock(&m_m);
-    }
-    ~pool_guard() { pthread_mutex_unlock(&m_m); }
-    pool_guard(const pool_guard&) = delete;
-    pool_guard& operator=(const pool_guard&) = delete;
-
-private:
-    pthread_mutex_t& m_m;
-};
-
 vesk_mem_account& heap()
 {
     return vesk_utility_res_manage::instance()->mem_account();
@@ -86,13 +71,13 @@ utility_pool_base::utility_pool_base(const pool_rules& rules)
 
 uint32_t utility_pool_base::total_mem_size()
 {
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     return m_total_mem_size;
 }
 
 uint32_t utility_pool_base::chunk_count()
 {
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     uint32_t n = 0;
     for (utility_pool_chunk* c = m_chunk_head; c != nullptr; c = c->next)
         n++;
@@ -295,7 +280,7 @@ void utility_pool_base::release_node(utility_pool_chunk* chunk, pool_node* node)
 
 VESK_ERR utility_pool_base::try_free(const char* file, const char* func, const void* ptr)
 {
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     utility_pool_chunk* chunk = find_chunk(ptr);
     if (chunk == nullptr)
         return VESK_ERR_INVALID_PARAM;
@@ -305,7 +290,7 @@ VESK_ERR utility_pool_base::try_free(const char* file, const char* func, const v
 
 VESK_ERR utility_pool_base::get_mem_size(const char* file, const char* func, const void* ptr, unsigned& size)
 {
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     utility_pool_chunk* chunk = find_chunk(ptr);
     if (chunk == nullptr)
         return VESK_ERR_INVALID_PARAM;
@@ -512,7 +497,7 @@ VESK_CHAR* utility_string_pool::strdup(
             return nullptr;
         }
         // The copy is made under the lock so that a dump never prints a half-written string.
-        pool_guard guard(m_lock);
+        mutex_guard guard(m_lock);
         data = take_node(usr_id, purpose, need, len);
         if (data == nullptr) {
             VESK_LOG_DBG("utility_string_pool", "need_malloc_len = %d, creat big buf!\n", static_cast<int>(need));
@@ -557,7 +542,7 @@ void* utility_little_mem_pool::malloc(vesk_user_id usr_id, vesk_memmory_purpose 
     if (vesk_fault_pool_hit())
         return nullptr;
 
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     VESK_CHAR* data = take_node(usr_id, purpose, need, size);
     if (data == nullptr && creat_chunk(false) != nullptr)
         data = take_node(usr_id, purpose, need, size);

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/vesk_utility_guard.h"
 #include "vesk_utility_core.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_account.h"
@@ -61,22 +62,6 @@ bool read_head(const char* path, char (&buf)[k_proc_read_max + 1])
     fclose(fp);
     return true;
 }
-
-class pool_guard
-{
-public:
-    explicit pool_guard(pthread_mutex_t& m)
-        : m_m(m)
-    {
-        pthread_mutex_lock(&m_m);
-    }
-    ~pool_guard() { pthread_mutex_unlock(&m_m); }
-    pool_guard(const pool_guard&) = delete;
-    pool_guard& operator=(const pool_guard&) = delete;
-
-private:
-    pthread_mutex_t& m_m;
-};
 
 } // namespace
 
@@ -221,7 +206,7 @@ int utility_thread_pool::start_thread(
     // Held across pthread_create: the new thread's enter (and, for a short routine, its exit)
     // waits for the record instead of racing it, so a detached thread that ends at once does
     // not leave a record behind.
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     pthread_t h = 0;
     const int ret = pthread_create(&h, attr, ctl.thread_func, ctl.thread_arg);
     *thread_hand = h;
@@ -232,7 +217,7 @@ int utility_thread_pool::start_thread(
 
 VESK_ERR utility_thread_pool::save_thr_pid(unsigned long thread_hand, int32_t pid, const char* name)
 {
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     vesk_thread_record* node = find_node(thread_hand);
     if (node == nullptr) {
         node = new_record();
@@ -252,7 +237,7 @@ VESK_ERR utility_thread_pool::save_thr_pid(unsigned long thread_hand, int32_t pi
 VESK_ERR utility_thread_pool::find_thr_hand(
     unsigned long thread_hand, uint32_t state, VESK_BOOL* auto_retrieve, char* name)
 {
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     vesk_thread_record* node = find_node(thread_hand);
     if (node == nullptr)
         return VESK_ERR_OPERATE_FAIL;
@@ -265,7 +250,7 @@ VESK_ERR utility_thread_pool::find_thr_hand(
 
 VESK_ERR utility_thread_pool::delete_thr_hand(unsigned long thread_hand)
 {
-    pool_guard guard(m_lock);
+    mutex_guard guard(m_lock);
     vesk_thread_record* node = find_node(thread_hand);
     if (node == nullptr)
         return VESK_ERR_OPERATE_FAIL;

@@ -7,6 +7,7 @@
 
 #include <ctime>
 
+#include "core/vesk_utility_guard.h"
 #include "core/vesk_utility_lock.h"
 #include "core/vesk_utility_system.h"
 #include "doc/vesk_utility_xml.h"
@@ -28,25 +29,6 @@ namespace
 
 constexpr const char* k_cls = "vesk_utility_watch_dog_manage";
 constexpr int k_dump_held_locks = 7; // the resource manager's dump of held locks
-
-// Holds the manager's lock for a scope, under the operation's name.
-class dog_guard
-{
-public:
-    dog_guard(vesk_lock* lock, const char* op)
-        : m_lock(lock)
-        , m_op(op)
-    {
-        m_lock->lock(__FILE__, m_op);
-    }
-    ~dog_guard() { m_lock->unlock(__FILE__, m_op); }
-    dog_guard(const dog_guard&) = delete;
-    dog_guard& operator=(const dog_guard&) = delete;
-
-private:
-    vesk_lock* m_lock;
-    const char* m_op;
-};
 
 } // namespace
 
@@ -85,7 +67,7 @@ vesk_watch_dog_node* vesk_utility_watch_dog_manage::find(unsigned long dog_hand)
 VESK_ERR vesk_utility_watch_dog_manage::regist_dog(
     vesk_watch_dog_purpose purpose, unsigned timeout_s, unsigned long* dog_hand)
 {
-    dog_guard guard(m_lock, "regist_dog");
+    named_guard guard(m_lock, __FILE__, "regist_dog");
     for (vesk_watch_dog_node* node = m_head; node != nullptr; node = node->next) {
         if (node->purpose == purpose) {
             node->counter = 0;
@@ -115,7 +97,7 @@ VESK_ERR vesk_utility_watch_dog_manage::regist_dog(
 
 VESK_ERR vesk_utility_watch_dog_manage::fetch_dog(unsigned long dog_hand)
 {
-    dog_guard guard(m_lock, "fetch_dog");
+    named_guard guard(m_lock, __FILE__, "fetch_dog");
     vesk_watch_dog_node* node = find(dog_hand);
     if (node == nullptr)
         return VESK_ERR_OPERATE_FAIL;
@@ -127,7 +109,7 @@ VESK_ERR vesk_utility_watch_dog_manage::unregist_dog(unsigned long dog_hand)
 {
     vesk_watch_dog_node* node;
     {
-        dog_guard guard(m_lock, "unregist_dog");
+        named_guard guard(m_lock, __FILE__, "unregist_dog");
         node = find(dog_hand);
         if (node == nullptr)
             return VESK_OK;
@@ -146,7 +128,7 @@ void vesk_utility_watch_dog_manage::regist_reboot_func(VESK_ERR (*func)())
 bool vesk_utility_watch_dog_manage::check_need_reset(unsigned long* dead)
 {
     bool found = false;
-    dog_guard guard(m_lock, "check_need_reset");
+    named_guard guard(m_lock, __FILE__, "check_need_reset");
     for (vesk_watch_dog_node* node = m_head; node != nullptr; node = node->next) {
         node->counter++;
         if (node->counter > node->timeout) {
@@ -161,7 +143,7 @@ bool vesk_utility_watch_dog_manage::check_need_reset(unsigned long* dead)
 
 bool vesk_utility_watch_dog_manage::get_watch_dog_node(unsigned long dog_hand, vesk_watch_dog_node* out)
 {
-    dog_guard guard(m_lock, "get_watch_dog_node");
+    named_guard guard(m_lock, __FILE__, "get_watch_dog_node");
     const vesk_watch_dog_node* node = find(dog_hand);
     if (node == nullptr)
         return false;
