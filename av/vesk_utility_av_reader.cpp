@@ -30,12 +30,6 @@ constexpr int32_t k_min_remain_th = 2;
 constexpr int32_t k_max_remain_th = 15;
 constexpr int32_t k_sleep_ofset_ms = 40;
 
-constexpr auto is_key = av_is_key;
-constexpr auto is_video = av_is_video;
-constexpr auto blk_idle = av_blk_idle;
-constexpr auto find_blk = av_find_blk;
-constexpr auto node_of = av_node;
-
 } // namespace
 
 // ---- Channel, user bits and history ----------------------------------------------------------
@@ -237,7 +231,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
             return FETCH_WAIT;
         from_start = true;
     } else {
-        b = find_blk(list, r.last_blk_id);
+        b = av_find_blk(list, r.last_blk_id);
         if (b == nullptr) {
             // Rotated out: blocks up to it are done with; resume at the first newer frame.
             for (vesk_av_block* x = list.head; x != nullptr; x = x->next) {
@@ -246,7 +240,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
                 } else if (x->block->node_num != 0) {
                     b = x;
                     break;
-                } else if (!blk_idle(x)) {
+                } else if (!av_blk_idle(x)) {
                     return FETCH_WAIT;
                 }
             }
@@ -261,7 +255,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
     for (uint32_t round = 0;; round++) {
         // Step 3: past the block's frames, move on once it is complete.
         while (i >= static_cast<int32_t>(b->block->node_num)) {
-            if (!blk_idle(b))
+            if (!av_blk_idle(b))
                 return FETCH_WAIT;
             clear_bit(str_type, b);
             if (b->next == nullptr)
@@ -270,17 +264,17 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
             i = 0;
         }
         // Step 4: a video reader takes only the very next frame number or a key frame.
-        if (is_video(str_type)) {
-            const vesk_av_frame_node* cand = node_of(b, static_cast<uint32_t>(i));
+        if (av_is_video(str_type)) {
+            const vesk_av_frame_node* cand = av_node(b, static_cast<uint32_t>(i));
             const bool in_order = r.has_fno && cand->frame_no == r.last_fno + 1 && !m_force_skip[str_type];
-            if (!in_order && !is_key(cand->frame_type)) {
+            if (!in_order && !av_is_key(cand->frame_type)) {
                 vesk_av_block* k = b;
                 int32_t j = i;
                 if (!proc_skip_to_key(str_type, k, j))
                     return FETCH_WAIT;
-                const vesk_av_frame_node* key = node_of(k, static_cast<uint32_t>(j));
+                const vesk_av_frame_node* key = av_node(k, static_cast<uint32_t>(j));
                 if (!m_force_skip[str_type] && flag == 0) {
-                    vesk_av_block* last = r.last_blk_id != 0 ? find_blk(list, r.last_blk_id) : nullptr;
+                    vesk_av_block* last = r.last_blk_id != 0 ? av_find_blk(list, r.last_blk_id) : nullptr;
                     if (last != nullptr)
                         VESK_LOG_WARN(k_cls,
                             "ch_%d last_ref_blk[%llu_%u/%u], jump to blk[%llu_%u] Fno[%u] type_0x%x, drop %u "
@@ -308,7 +302,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
         if (ret != FETCH_DROP || round > list.blk_cnt) {
             if (from_start && ret != FETCH_WAIT)
                 VESK_LOG_WARN(k_cls, "%s",
-                    node_of(b, static_cast<uint32_t>(i))->frame_type == VESK_FRAME_TYPE_I ? "fetch I fail!"
+                    av_node(b, static_cast<uint32_t>(i))->frame_type == VESK_FRAME_TYPE_I ? "fetch I fail!"
                                                                                           : "fetch VI fail!");
             return ret;
         }
@@ -360,7 +354,7 @@ VESK_ERR vesk_av_reader_v1::get_frame(
     vesk_av_stream_list& list = chn.lists[str_type];
     pthread_mutex_lock(&chn.lock);
     _tagVeskFrameHeader* logo = nullptr;
-    if (is_video(str_type) && logo_frame(str_type, ipc, &logo)) {
+    if (av_is_video(str_type) && logo_frame(str_type, ipc, &logo)) {
         pthread_mutex_unlock(&chn.lock);
         r.curr_ref_frame = logo;
         r.frame_is_copy = false;
@@ -449,7 +443,7 @@ static int32_t remain_after(const vesk_av_block* b, int32_t idx, uint32_t fno, u
         for (; j < b->block->node_num; j++) {
             remain++;
             const vesk_av_frame_node* n = b->block->frame_index[j];
-            if (key_ahead == 0 && is_key(n->frame_type))
+            if (key_ahead == 0 && av_is_key(n->frame_type))
                 key_ahead = n->frame_no - fno;
         }
     }
@@ -484,7 +478,7 @@ uint32_t vesk_av_reader_v1::next_interval_of(uint32_t str_type, const fetch_out*
     int32_t idx, const vesk_av_time& now, const vesk_av_time& last_call)
 {
     pace_info& p = m_ref_info[str_type].pace;
-    if (m_work_mode != VESK_AV_READER_REAL_TIME || !is_video(str_type)) {
+    if (m_work_mode != VESK_AV_READER_REAL_TIME || !av_is_video(str_type)) {
         if (out != nullptr && out->interval != 0) {
             p.last_interval = out->interval;
             return 0;
@@ -570,8 +564,8 @@ VESK_ERR vesk_av_reader_v1::proc_get_block(
     vesk_av_block* b = nullptr;
     if (r.last_blk_id == 0) {
         b = list.head; // a new reader starts with the oldest cached block
-    } else if (vesk_av_block* last = find_blk(list, r.last_blk_id)) {
-        if (blk_idle(last) && last->block->commit_pos >= last->block->data_end) {
+    } else if (vesk_av_block* last = av_find_blk(list, r.last_blk_id)) {
+        if (av_blk_idle(last) && last->block->commit_pos >= last->block->data_end) {
             clear_bit(str_type, last, true);
             b = last->next;
         } else {
@@ -664,7 +658,7 @@ VESK_ERR vesk_av_reader_v1::put_block(vesk_av_stream_type str_type, vesk_IPC_str
     VESK_ASSERT(ref_info->curr_ref_blk->ref_cnt > 0);
     b->ref_cnt--;
     ref_info->put_time = av_now();
-    if (blk_idle(b) && block->commit_pos >= block->data_end) {
+    if (av_blk_idle(b) && block->commit_pos >= block->data_end) {
         if (m_usr_magic_ofset[str_type] < 0) {
             VESK_LOG_WARN(k_cls, "StreamType:%#x ivr_ch_%d, blk[%llu] m_usr_magic_ofset = -1?\n", str_type, m_ivr_ch,
                 static_cast<unsigned long long>(b->blk_id));
