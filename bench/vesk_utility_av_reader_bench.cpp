@@ -144,8 +144,7 @@ void count_split(vesk_utility_av_mng& mng, uint32_t ipc, uint32_t type, uint32_t
 constexpr uint32_t k_micro_chn = 8;
 constexpr uint32_t k_tick_frames = 5;
 
-template <typename Fixture>
-void run_micro(benchmark::State& state, Fixture& fx)
+template <typename Fixture> void run_micro(benchmark::State& state, Fixture& fx)
 {
     using clock = std::chrono::steady_clock;
     constexpr int64_t k_run = k_micro_chn * k_tick_frames;
@@ -521,6 +520,19 @@ _tagVeskFrameHeader load_header(const load_stream& s, uint32_t fno)
     return make_header(fno, s.i_len != 0 ? k_frame_type_p : k_frame_type_data, s.len + fno * 7919 % s.span);
 }
 
+// The frames one 40 ms tick of the load produces on every stream of a camera, each handed to
+// deliver(stream, header); written counts frames per stream, bytes the payload of all cameras.
+template <class Deliver> void load_tick(uint32_t (&written)[VESK_AV_STREAM_NUM], uint64_t& bytes, Deliver deliver)
+{
+    for (const load_stream& s : k_load) {
+        for (uint32_t f = 0; f < s.fps / k_ticks_per_s; f++, written[s.type]++) {
+            const _tagVeskFrameHeader h = load_header(s, written[s.type]);
+            bytes += h.uiLength * k_load_chn;
+            deliver(s, h);
+        }
+    }
+}
+
 // Reads per simulated second once every reader is under way.
 constexpr uint32_t load_reads_per_s()
 {
@@ -535,8 +547,7 @@ constexpr uint32_t load_reads_per_s()
 // three audio readers of a camera.
 constexpr uint64_t k_load_start_loss = 3 * k_load_chn * 50 / k_ticks_per_s;
 
-void report_load(
-    benchmark::State& state, double cpu_s, double faults, uint64_t reads, uint64_t bytes, uint64_t errors)
+void report_load(benchmark::State& state, double cpu_s, double faults, uint64_t reads, uint64_t bytes, uint64_t errors)
 {
     const double n = static_cast<double>(state.iterations());
     if (errors != 0)
@@ -580,21 +591,17 @@ void vesk_recorder_load(benchmark::State& state)
     const double faults0 = page_faults();
     for (auto _ : state) {
         for (uint32_t tick = 0; tick < k_ticks_per_s; tick++) {
-            for (const load_stream& s : k_load) {
-                for (uint32_t f = 0; f < s.fps / k_ticks_per_s; f++, written[s.type]++) {
-                    const _tagVeskFrameHeader h = load_header(s, written[s.type]);
-                    bytes += h.uiLength * k_load_chn;
-                    for (uint32_t ch = 0; ch < k_load_chn; ch++) {
-                        vesk_av_block_writer& wr = w[ch * VESK_AV_STREAM_NUM + s.type];
-                        if (av_writer_put(mng.get(), &wr, &h, payload_src()) != VESK_OK) {
-                            errors++; // the budget refused a block
-                            continue;
-                        }
-                        // A frame that did not fit leaves the writer in a block holding only its end.
-                        split += wr.cur->node_num == 0 && wr.cur->cont_len != 0 ? 1 : 0;
+            load_tick(written, bytes, [&](const load_stream& s, const _tagVeskFrameHeader& h) {
+                for (uint32_t ch = 0; ch < k_load_chn; ch++) {
+                    vesk_av_block_writer& wr = w[ch * VESK_AV_STREAM_NUM + s.type];
+                    if (av_writer_put(mng.get(), &wr, &h, payload_src()) != VESK_OK) {
+                        errors++; // the budget refused a block
+                        continue;
                     }
+                    // A frame that did not fit leaves the writer in a block holding only its end.
+                    split += wr.cur->node_num == 0 && wr.cur->cont_len != 0 ? 1 : 0;
                 }
-            }
+            });
             for (uint32_t i = 0; i < readers.size(); i++) {
                 for (uint32_t j = 0; j < 2; j++) {
                     const vesk_av_stream_type t = k_readers[i % k_reader_num].streams[j];
@@ -642,22 +649,18 @@ void baseline_recorder_load(benchmark::State& state)
     const double faults0 = page_faults();
     for (auto _ : state) {
         for (uint32_t tick = 0; tick < k_ticks_per_s; tick++) {
-            for (const load_stream& s : k_load) {
-                for (uint32_t f = 0; f < s.fps / k_ticks_per_s; f++, written[s.type]++) {
-                    const _tagVeskFrameHeader h = load_header(s, written[s.type]);
-                    bytes += h.uiLength * k_load_chn;
-                    for (uint32_t q = 0; q < queues.size(); q++) {
-                        if (k_readers[q / 2 % k_reader_num].streams[q % 2] != s.type)
-                            continue;
-                        auto* copy = static_cast<uint8_t*>(malloc(sizeof(h) + h.uiLength));
-                        memcpy(copy, &h, sizeof(h));
-                        memcpy(copy + sizeof(h), payload_src(), h.uiLength);
-                        pthread_mutex_lock(&queues[q].lock);
-                        queues[q].frames.push_back(reinterpret_cast<_tagVeskFrameHeader*>(copy));
-                        pthread_mutex_unlock(&queues[q].lock);
-                    }
+            load_tick(written, bytes, [&](const load_stream& s, const _tagVeskFrameHeader& h) {
+                for (uint32_t q = 0; q < queues.size(); q++) {
+                    if (k_readers[q / 2 % k_reader_num].streams[q % 2] != s.type)
+                        continue;
+                    auto* copy = static_cast<uint8_t*>(malloc(sizeof(h) + h.uiLength));
+                    memcpy(copy, &h, sizeof(h));
+                    memcpy(copy + sizeof(h), payload_src(), h.uiLength);
+                    pthread_mutex_lock(&queues[q].lock);
+                    queues[q].frames.push_back(reinterpret_cast<_tagVeskFrameHeader*>(copy));
+                    pthread_mutex_unlock(&queues[q].lock);
                 }
-            }
+            });
             for (uint32_t q = 0; q < queues.size(); q++) {
                 for (;;) {
                     _tagVeskFrameHeader* f = nullptr;
