@@ -11,6 +11,7 @@
 #include "vesk_utility.h"
 #include "av/vesk_utility_av_mng.h"
 #include "vesk_utility_diagnose.h"
+#include "vesk_utility_handle.h"
 #include "vesk_utility_hooks.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_mem_sys.h"
@@ -85,10 +86,7 @@ VESK_ERR vesk_utility_init(vesk_utility_ops_type ops)
 
 int vesk_utility_open_socket(vesk_user_id usr_id, const char* name, int domain, int type, int protocol)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return -1;
-    }
+    VESK_REQUIRE_INIT(-1);
     const int fd = socket(domain, type, protocol);
     if (fd < 0) {
         VESK_ERR_FN("socket fail!");
@@ -103,10 +101,7 @@ int vesk_utility_open_socket(vesk_user_id usr_id, const char* name, int domain, 
 // code never meets: an unknown descriptor is closed silently, unlike the object deletes.
 VESK_ERR vesk_utility_close_socket(const char* file, const char* func, int fd)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     const int32_t ret = static_cast<int32_t>(registry().delete_node(VESK_LIST_SOCKET, as_handle(fd)));
     if (ret < 0)
         VESK_ERR_FN("%s, %s invalid socket!\n", file, func);
@@ -116,10 +111,7 @@ VESK_ERR vesk_utility_close_socket(const char* file, const char* func, int fd)
 
 int vesk_utility_open(vesk_user_id usr_id, const char* name, const char* path, int flags, unsigned mode)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return -1;
-    }
+    VESK_REQUIRE_INIT(-1);
     if (path == nullptr) {
         VESK_ERR_FN("path == NULL!\n");
         return -1;
@@ -135,10 +127,7 @@ int vesk_utility_open(vesk_user_id usr_id, const char* name, const char* path, i
 
 VESK_ERR vesk_utility_close(const char* file, const char* func, int fd)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     const int32_t ret = static_cast<int32_t>(registry().delete_node(VESK_LIST_OPEN, as_handle(fd)));
     if (ret < 0)
         VESK_ERR_FN("%s, %s invalid fd!\n", file, func);
@@ -148,10 +137,7 @@ VESK_ERR vesk_utility_close(const char* file, const char* func, int fd)
 
 FILE* vesk_utility_fopen(vesk_user_id usr_id, const char* name, const char* path, const char* mode)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     if (path == nullptr || mode == nullptr) {
         VESK_ERR_FN("path = %p, mode = %p!\n", static_cast<const void*>(path), static_cast<const void*>(mode));
         return nullptr;
@@ -167,10 +153,7 @@ FILE* vesk_utility_fopen(vesk_user_id usr_id, const char* name, const char* path
 
 VESK_ERR vesk_utility_fclose(const char* file, const char* func, FILE* fp)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     if (fp == nullptr) {
         VESK_ERR_FN("%s %s client == NULL!\n", file, func);
         return VESK_ERR_INVALID_PARAM;
@@ -184,28 +167,19 @@ VESK_ERR vesk_utility_fclose(const char* file, const char* func, FILE* fp)
 
 bool vesk_utility_is_valid_socket(int fd)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return false;
-    }
+    VESK_REQUIRE_INIT(false);
     return registry().is_valid(VESK_LIST_SOCKET, as_handle(fd)) != 0;
 }
 
 bool vesk_utility_is_valid_open_fd(int fd)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return false;
-    }
+    VESK_REQUIRE_INIT(false);
     return registry().is_valid(VESK_LIST_OPEN, as_handle(fd)) != 0;
 }
 
 bool vesk_utility_is_valid_fopen_fd(FILE* fp)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return false;
-    }
+    VESK_REQUIRE_INIT(false);
     return registry().is_valid(VESK_LIST_FOPEN, as_handle(fp)) != 0;
 }
 
@@ -213,10 +187,7 @@ bool vesk_utility_is_valid_fopen_fd(FILE* fp)
 
 VESK_ERR vesk_utility_regist_diag(vesk_diagnose_client* client, const char* purpose, const char* help)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     if (client == nullptr) {
         VESK_ERR_FN("client == NULL!\n");
         return VESK_ERR_INVALID_PARAM;
@@ -228,19 +199,13 @@ VESK_ERR vesk_utility_regist_diag(vesk_diagnose_client* client, const char* purp
 
 void* vesk_utility_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return vesk_malloc(usr_id, purpose, size, align);
 }
 
 void* vesk_utility_calloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned count, unsigned size)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     const unsigned bytes = count * size;
     void* p = vesk_malloc(usr_id, purpose, bytes, 1);
     if (p != nullptr)
@@ -251,46 +216,31 @@ void* vesk_utility_calloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, uns
 void* vesk_utility_realloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, void* p, unsigned size,
                            const char* file, const char* func, unsigned align)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return vesk_realloc(usr_id, purpose, p, size, file, func, align);
 }
 
 char* vesk_utility_strdup(vesk_user_id usr_id, vesk_memmory_purpose purpose, const char* s, unsigned len)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return res()->get_string_pool()->strdup(usr_id, purpose, s, len, nullptr);
 }
 
 VESK_ERR vesk_utility_free(const char* file, const char* func, const void* p)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     return vesk_free(file, func, p);
 }
 
 void* vesk_utility_av_reader_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return res()->get_av_reader_pool()->malloc(usr_id, purpose, size);
 }
 
 VESK_ERR vesk_utility_av_reader_free(const char* file, const char* func, const void* p)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     // Requests too large for the pool's chunks came from the heap.
     if (p == nullptr || res()->get_av_reader_pool()->try_free(file, func, p) == VESK_OK)
         return VESK_OK;
@@ -299,10 +249,7 @@ VESK_ERR vesk_utility_av_reader_free(const char* file, const char* func, const v
 
 VESK_ERR vesk_utility_note_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     res()->malloc_note().add(usr_id, purpose, size);
     return VESK_OK;
 }
@@ -310,20 +257,14 @@ VESK_ERR vesk_utility_note_malloc(vesk_user_id usr_id, vesk_memmory_purpose purp
 VESK_ERR vesk_utility_note_free(const char* file, const char* func, vesk_user_id usr_id,
                                 vesk_memmory_purpose purpose, unsigned size)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     res()->malloc_note().sub(file, func, usr_id, purpose, size);
     return VESK_OK;
 }
 
 VESK_ERR vesk_utility_note_new(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     res()->new_note().add(usr_id, purpose, size);
     return VESK_OK;
 }
@@ -331,20 +272,14 @@ VESK_ERR vesk_utility_note_new(vesk_user_id usr_id, vesk_memmory_purpose purpose
 VESK_ERR vesk_utility_note_delete(const char* file, const char* func, vesk_user_id usr_id,
                                   vesk_memmory_purpose purpose, unsigned size)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     res()->new_note().sub(file, func, usr_id, purpose, size);
     return VESK_OK;
 }
 
 VESK_ERR vesk_utility_note_new(const char* class_name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     if (class_name == nullptr) {
         VESK_ERR_FN("class_name == NULL!\n");
         return VESK_ERR_INVALID_PARAM;
@@ -355,10 +290,7 @@ VESK_ERR vesk_utility_note_new(const char* class_name)
 
 VESK_ERR vesk_utility_note_delete(const char* class_name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     if (class_name == nullptr) {
         VESK_ERR_FN("class_name == NULL!\n");
         return VESK_ERR_INVALID_PARAM;
@@ -369,10 +301,7 @@ VESK_ERR vesk_utility_note_delete(const char* class_name)
 
 VESK_ERR vesk_utility_get_system_mem_info(unsigned& total, unsigned& free, unsigned& buffers, unsigned& cached)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     FILE* fp = fopen("/proc/meminfo", "r");
     if (fp == nullptr) {
         VESK_ERR_FN("/proc/meminfo open fail!");
@@ -385,10 +314,7 @@ VESK_ERR vesk_utility_get_system_mem_info(unsigned& total, unsigned& free, unsig
 
 void vesk_utility_dump_rss(VESK_BOOL detail)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return;
-    }
+    VESK_REQUIRE_INIT();
     dump_rss(detail != 0, vesk_print_stdout);
 }
 

@@ -14,10 +14,7 @@ using namespace vesk_utility;
 
 vesk_binary_file_operate* vesk_utility_new_binary_operate(vesk_user_id usr_id, const char* name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return VESK_REGISTER_NEW(
         VESK_LIST_BIN, static_cast<vesk_binary_file_operate*>(new binary_file_ops()), usr_id, name);
 }
@@ -29,10 +26,7 @@ VESK_ERR vesk_utility_delete_binary_operate(vesk_binary_file_operate* ops, const
 
 vesk_txt_file_operate* vesk_utility_new_txt_operate(vesk_user_id usr_id, const char* name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return VESK_REGISTER_NEW(VESK_LIST_TXT, static_cast<vesk_txt_file_operate*>(new txt_file_ops()), usr_id, name);
 }
 
@@ -43,10 +37,7 @@ VESK_ERR vesk_utility_delete_txt_operate(vesk_txt_file_operate* ops, const char*
 
 vesk_block_file_operate* vesk_utility_new_block_operate(vesk_user_id usr_id, const char* name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return VESK_REGISTER_NEW(
         VESK_LIST_BLOCK, static_cast<vesk_block_file_operate*>(new block_file_ops()), usr_id, name);
 }

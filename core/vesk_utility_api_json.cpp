@@ -13,20 +13,14 @@ using namespace vesk_utility;
 
 vesk_json_operate* vesk_utility_new_json_operate(const char* text, vesk_user_id usr_id, const char* name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return VESK_REGISTER_NEW(
         VESK_LIST_JSON, static_cast<vesk_json_operate*>(vesk_tool_json::create(text)), usr_id, name);
 }
 
 vesk_json_operate_V2* vesk_utility_new_json_operate_V2(const char* text, vesk_user_id usr_id, const char* name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return VESK_REGISTER_NEW(
         VESK_LIST_JSON_V2, static_cast<vesk_json_operate_V2*>(vesk_tool_json_V2::create(text)), usr_id, name);
 }

@@ -1,6 +1,7 @@
 // vesk_utility_api_system - the exported command and process functions: argument checks, then
 // the system-command client or the process helpers.
 #include "vesk_utility.h"
+#include "vesk_utility_handle.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_resource.h"
 #include "vesk_utility_system.h"
@@ -82,10 +83,7 @@ FILE* vesk_utility_popen(const char* cmd, const char* mode)
         VESK_ERR_FN("error: invalid param");
         return nullptr;
     }
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     vesk_utility_system_client* client = vesk_utility_res_manage::instance()->find_system_client();
     if (client == nullptr) {
         VESK_ERR_FN("get system fail!");

@@ -1,6 +1,7 @@
 // vesk_utility_api_thread - the exported thread functions: each checks that the layer is
 // initialised and its pointers, then hands the operation to the thread pool.
 #include "vesk_utility.h"
+#include "vesk_utility_handle.h"
 #include "vesk_utility_log.h"
 #include "vesk_utility_resource.h"
 #include "vesk_utility_thread_pool.h"
@@ -22,10 +23,7 @@ utility_thread_pool* pool()
 
 VESK_ERR vesk_utility_creat_thread(const vesk_thread_creat_ctl* ctl, const char* name, unsigned long* thread_hand)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     if (ctl == nullptr || thread_hand == nullptr) {
         VESK_ERR_FN(
             "ctl = %p, thread_hand = %p, invalid!\n", static_cast<const void*>(ctl), static_cast<void*>(thread_hand));
@@ -36,28 +34,19 @@ VESK_ERR vesk_utility_creat_thread(const vesk_thread_creat_ctl* ctl, const char*
 
 VESK_ERR vesk_utility_enter_thread(unsigned long thread_hand, const char* name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     return enter_thread(pool(), thread_hand, name);
 }
 
 VESK_ERR vesk_utility_exit_thread(unsigned long thread_hand)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     return exit_thread(pool(), thread_hand);
 }
 
 VESK_ERR vesk_utility_retrieve_thread(unsigned long thread_hand)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return VESK_ERR_NOT_INIT;
-    }
+    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     return retrieve_thread(pool(), thread_hand);
 }
 

@@ -13,10 +13,7 @@ using namespace vesk_utility;
 
 vesk_xml_operate* vesk_utility_new_xml_operate(vesk_user_id usr_id, const char* name)
 {
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("not init");
-        return nullptr;
-    }
+    VESK_REQUIRE_INIT(nullptr);
     return VESK_REGISTER_NEW(VESK_LIST_XML, static_cast<vesk_xml_operate*>(new (std::nothrow) vesk_xml_realize()),
         usr_id, name != nullptr ? name : "");
 }

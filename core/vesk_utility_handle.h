@@ -55,15 +55,27 @@ vesk_soft::VESK_ERR vesk_delete_registered(vesk_handle_list list, T* obj, const 
 
 }  // namespace vesk_utility
 
-// Opens a wrapper of a service only the main application has (timer, events): any other role
-// is told so under the wrapper's name and line, and the wrapper returns VESK_ERR_NOT_INIT.
-#define VESK_REQUIRE_MAIN_ROLE()                                                                     \
+// Opens a wrapper that needs the layer initialised (any role): before vesk_utility_init the
+// wrapper logs "not init" under its own name and returns `refusal` (empty for a void wrapper).
+#define VESK_REQUIRE_INIT(refusal)                                                                   \
     do {                                                                                             \
-        if (::vesk_utility::vesk_ops_type() != ::vesk_soft::VESK_UTILITY_OPS_MAIN_APP) {             \
-            VESK_ERR_FN("not init, or not support, s_ops_type = 0x%x\n", ::vesk_utility::vesk_ops_type()); \
-            return ::vesk_soft::VESK_ERR_NOT_INIT;                                                   \
+        if (::vesk_utility::vesk_ops_type() == 0) {                                                  \
+            VESK_ERR_FN("not init");                                                                 \
+            return refusal;                                                                          \
         }                                                                                            \
     } while (0)
+
+// Opens a wrapper of a service only the main application has (timer, events, watchdog): any
+// other role is told so under the wrapper's name and line, and the wrapper returns `refusal`
+// (empty for a void wrapper); VESK_REQUIRE_MAIN_ROLE returns VESK_ERR_NOT_INIT.
+#define VESK_REQUIRE_MAIN_ROLE_OR(refusal)                                                                 \
+    do {                                                                                                   \
+        if (::vesk_utility::vesk_ops_type() != ::vesk_soft::VESK_UTILITY_OPS_MAIN_APP) {                   \
+            VESK_ERR_FN("not init, or not support, s_ops_type = 0x%x\n", ::vesk_utility::vesk_ops_type()); \
+            return refusal;                                                                                \
+        }                                                                                                  \
+    } while (0)
+#define VESK_REQUIRE_MAIN_ROLE() VESK_REQUIRE_MAIN_ROLE_OR(::vesk_soft::VESK_ERR_NOT_INIT)
 
 // Used inside a wrapper, so that messages and the assertion name the wrapper.
 #define VESK_REGISTER_NEW(list, obj, usr_id, name) \
