@@ -168,6 +168,26 @@ FILE* open_proc(const char* path)
     return fp;
 }
 
+// Every address of `family` on if_name, one entry each in getifaddrs order, filled by
+// fill(entry, ifa); NULL when there is none. An allocation failure ends the list early.
+template <class List, class Entry, class Fill> List* address_list(const char* if_name, int family, Fill fill)
+{
+    ifaddrs* all = interface_addresses(if_name);
+    if (all == nullptr)
+        return nullptr;
+    List* list = nullptr;
+    for (const ifaddrs* ifa = all; ifa != nullptr; ifa = ifa->ifa_next) {
+        if (!is_match(ifa, if_name, family))
+            continue;
+        Entry* e = append_entry<Entry>(list);
+        if (e == nullptr)
+            break;
+        fill(*e, *ifa);
+    }
+    freeifaddrs(all);
+    return list;
+}
+
 template <class List, class Entry> List* parse_dns(FILE* fp, char family_mark)
 {
     List* list = nullptr;
@@ -358,47 +378,27 @@ int vesk_utility_get_local_mac(const char* if_name, unsigned char* mac, unsigned
 vesk_inet_ipv4_ip_info_list* vesk_utility_get_ipv4_ipconfig(const char* if_name)
 {
     VESK_NET_REQUIRE(if_name);
-    ifaddrs* all = interface_addresses(if_name);
-    if (all == nullptr)
-        return nullptr;
-    vesk_inet_ipv4_ip_info_list* list = nullptr;
-    for (const ifaddrs* ifa = all; ifa != nullptr; ifa = ifa->ifa_next) {
-        if (!is_match(ifa, if_name, AF_INET))
-            continue;
-        vesk_inet_ipv4_ip_info* e = append_entry<vesk_inet_ipv4_ip_info>(list);
-        if (e == nullptr)
-            break;
-        copy_text(e->if_name, sizeof(e->if_name), ifa->ifa_name, strlen(ifa->ifa_name));
-        numeric_host(ifa->ifa_addr, e->ip, sizeof(e->ip));
-        if (ifa->ifa_netmask != nullptr)
-            numeric_host(ifa->ifa_netmask, e->netmask, sizeof(e->netmask));
-    }
-    freeifaddrs(all);
-    return list;
+    return address_list<vesk_inet_ipv4_ip_info_list, vesk_inet_ipv4_ip_info>(
+        if_name, AF_INET, [](vesk_inet_ipv4_ip_info& e, const ifaddrs& ifa) {
+            copy_text(e.if_name, sizeof(e.if_name), ifa.ifa_name, strlen(ifa.ifa_name));
+            numeric_host(ifa.ifa_addr, e.ip, sizeof(e.ip));
+            if (ifa.ifa_netmask != nullptr)
+                numeric_host(ifa.ifa_netmask, e.netmask, sizeof(e.netmask));
+        });
 }
 
 vesk_inet_ipv6_ip_info_list* vesk_utility_get_ipv6_ipconfig(const char* if_name)
 {
     VESK_NET_REQUIRE(if_name);
-    ifaddrs* all = interface_addresses(if_name);
-    if (all == nullptr)
-        return nullptr;
-    vesk_inet_ipv6_ip_info_list* list = nullptr;
-    for (const ifaddrs* ifa = all; ifa != nullptr; ifa = ifa->ifa_next) {
-        if (!is_match(ifa, if_name, AF_INET6))
-            continue;
-        vesk_inet_ipv6_ip_info* e = append_entry<vesk_inet_ipv6_ip_info>(list);
-        if (e == nullptr)
-            break;
-        numeric_host(ifa->ifa_addr, e->ip, sizeof(e->ip));
-        if (ifa->ifa_netmask != nullptr) {
-            char mask[40];
-            numeric_host(ifa->ifa_netmask, mask, sizeof(mask));
-            e->prefix_len = vesk_utility_get_ipv6_prefixlen(mask);
-        }
-    }
-    freeifaddrs(all);
-    return list;
+    return address_list<vesk_inet_ipv6_ip_info_list, vesk_inet_ipv6_ip_info>(
+        if_name, AF_INET6, [](vesk_inet_ipv6_ip_info& e, const ifaddrs& ifa) {
+            numeric_host(ifa.ifa_addr, e.ip, sizeof(e.ip));
+            if (ifa.ifa_netmask != nullptr) {
+                char mask[40];
+                numeric_host(ifa.ifa_netmask, mask, sizeof(mask));
+                e.prefix_len = vesk_utility_get_ipv6_prefixlen(mask);
+            }
+        });
 }
 
 vesk_inet_ipv4_route_info_list* vesk_utility_get_ipv4_route_config(const char* if_name)
