@@ -1,12 +1,23 @@
 // Main of the benchmark programs: a private root, the layer initialised as the main
 // application, then Google Benchmark with a reporter that adds the ratio of every
 // "vesk_<x>" benchmark to its "baseline_<x>" twin.
+//
+// The layer logs to standard output, and without a proxy server beside it the command client
+// alone logs every 100 ms. The tables keep the original standard output; the layer's messages
+// go to "layer.log" in the private root, and the last line says how many there were.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <ext/stdio_filebuf.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -28,37 +39,71 @@ public:
     void Finalize() override
     {
         ConsoleReporter::Finalize();
-        printf("\n%-48s %12s %12s %8s\n", "benchmark (vesk vs baseline)", "vesk ns", "base ns", "ratio");
+        std::ostream& out = GetOutputStream();
+        char line[160];
+        snprintf(line, sizeof(line), "\n%-48s %12s %12s %8s\n", "benchmark (vesk vs baseline)", "vesk ns", "base ns",
+            "ratio");
+        out << line;
         for (const auto& [name, t] : m_times) {
             if (name.rfind("vesk_", 0) != 0)
                 continue;
             const auto base = m_times.find("baseline_" + name.substr(5));
             if (base == m_times.end() || base->second <= 0)
                 continue;
-            printf("%-48s %12.1f %12.1f %8.2f\n", name.substr(5).c_str(), t, base->second, t / base->second);
+            snprintf(line, sizeof(line), "%-48s %12.1f %12.1f %8.2f\n", name.substr(5).c_str(), t, base->second,
+                t / base->second);
+            out << line;
         }
+        out.flush();
     }
 
 private:
     std::map<std::string, double> m_times;
 };
 
+// The layer's messages in the file at path (one "[UTL]" tag each; not all end a line).
+long count_messages(const std::string& path)
+{
+    std::ifstream in(path);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    long n = 0;
+    for (size_t at = text.find("[UTL]"); at != std::string::npos; at = text.find("[UTL]", at + 5))
+        n++;
+    return n;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    benchmark::Initialize(&argc, argv); // --help prints and exits here, on the terminal
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
     if (getenv("VESK_UTILITY_ROOT") == nullptr) {
         char tmpl[] = "/tmp/vesk_bench.XXXXXX";
         if (mkdtemp(tmpl) == nullptr)
             return 2;
         setenv("VESK_UTILITY_ROOT", tmpl, 1);
     }
+    const std::string log_path = std::string(getenv("VESK_UTILITY_ROOT")) + "/layer.log";
+    fflush(stdout);
+    const int table_fd = dup(STDOUT_FILENO);
+    const int log_fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (table_fd < 0 || log_fd < 0 || dup2(log_fd, STDOUT_FILENO) < 0) {
+        perror(log_path.c_str());
+        return 2;
+    }
+    close(log_fd);
+    __gnu_cxx::stdio_filebuf<char> table_buf(table_fd, std::ios::out);
+    std::ostream table(&table_buf);
+
     vesk_soft::vesk_utility_init(vesk_soft::VESK_UTILITY_OPS_MAIN_APP);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
     ratio_reporter reporter;
+    reporter.SetOutputStream(&table);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
+    fflush(stdout);
+    table << "layer messages: " << count_messages(log_path) << " in " << log_path << "\n";
+    table.flush();
     return 0;
 }
