@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 
 #include "vesk_tool_json.h"
 #include "vesk_utility.h"
@@ -162,14 +163,9 @@ public:
 private:
     vesk_tool_json() = default;
 
-    VESK_ERR add_keys(const char* const* keys, int n, vesk_tool_JSON* item);
-    VESK_ERR delete_keys(const char* const* keys, int n);
-    VESK_ERR get_int_keys(const char* const* keys, int n, int& value);
-    VESK_ERR get_double_keys(const char* const* keys, int n, double& value);
-    VESK_ERR copy_string_keys(const char* const* keys, int n, char* buf, int buf_size);
-    int arrysize_keys(const char* const* keys, int n);
-    vesk_tool_JSON* arry_item_member(const char* const* keys, int n, int idx, const char* key);
-    VESK_ERR add_arry_item(const char* const* keys, int n, int idx, const char* key, vesk_tool_JSON* item);
+    // Runs walk(m_root, keys, number of keys, args...) under m_lock, held in the name of func.
+    template <class Walk, class... Args>
+    auto locked_chain(const char* func, std::initializer_list<const char*> keys, Walk walk, Args&&... args);
     vesk_tool_JSON* walk_levels(const level (&lv)[5], bool create);
 
     vesk_tool_JSON* m_root = nullptr;
