@@ -113,38 +113,57 @@ void vesk_json_heap::operator delete(void* p) noexcept
     vesk_free(k_src, "vesk_json_heap", p);
 }
 
+// ---- Document of both operators -------------------------------------------------------------
+
+bool vesk_json_document::open(const char* lock_name, const char* text)
+{
+    m_lock = vesk_utility_new_lock(VESK_USER_UTILITY, lock_name);
+    if (text != nullptr)
+        m_root = vesk_tool_JSON_parse(text);
+    if (m_root == nullptr)
+        m_root = vesk_tool_JSON_create_object();
+    return m_lock != nullptr && m_root != nullptr;
+}
+
+void vesk_json_document::close(const char* file, const char* func)
+{
+    vesk_tool_JSON_delete(m_root);
+    if (m_lock != nullptr)
+        vesk_utility_delete_lock(m_lock, file, func);
+}
+
+VESK_ERR vesk_json_document::reload(const char* text)
+{
+    vesk_tool_JSON_delete(m_root);
+    m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
+    return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
+}
+
+bool vesk_json_document::measure_tree(const char* file, const char* func, unsigned& nodes, unsigned& bytes)
+{
+    if (m_lock->trylock(file, func, 0) != VESK_OK)
+        return false;
+    vesk_tool_JSON_measure(m_root, nodes, bytes);
+    m_lock->unlock(file, func);
+    return true;
+}
+
 // ---- Object ----------------------------------------------------------------------------------
 
 vesk_tool_json* vesk_tool_json::create(const char* text)
 {
-    vesk_tool_json* json = new vesk_tool_json();
-    if (json == nullptr)
-        return nullptr;
-    json->m_lock = vesk_utility_new_lock(VESK_USER_UTILITY, "vesk_tool_json");
-    if (text != nullptr)
-        json->m_root = vesk_tool_JSON_parse(text);
-    if (json->m_root == nullptr)
-        json->m_root = vesk_tool_JSON_create_object();
-    if (json->m_lock == nullptr || json->m_root == nullptr) {
-        delete json;
-        return nullptr;
-    }
-    return json;
+    return make(new vesk_tool_json(), "vesk_tool_json", text);
 }
 
 vesk_tool_json::~vesk_tool_json()
 {
-    vesk_tool_JSON_delete(m_root);
-    if (m_lock != nullptr)
-        vesk_utility_delete_lock(m_lock, k_src, __func__);
+    close(k_src, __func__);
 }
 
 VESK_ERR vesk_tool_json::load(const char* text)
 {
     named_guard guard(m_lock, k_src, __func__);
-    vesk_tool_JSON_delete(m_root);
-    m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
-    return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
+    return reload(text);
 }
 
 int vesk_tool_json::print_copy(char* buf, int buf_size)
@@ -173,11 +192,7 @@ int vesk_tool_json::get_print_copy_unformate_size()
 
 bool vesk_tool_json::measure(unsigned& nodes, unsigned& bytes)
 {
-    if (m_lock->trylock(k_src, __func__, 0) != VESK_OK)
-        return false;
-    vesk_tool_JSON_measure(m_root, nodes, bytes);
-    m_lock->unlock(k_src, __func__);
-    return true;
+    return measure_tree(k_src, __func__, nodes, bytes);
 }
 
 // ---- Keys forms ------------------------------------------------------------------------------

@@ -137,26 +137,12 @@ bool proc_parse_exec(const char* key_pos, char* copy, vesk_json_path_args& args,
 
 vesk_tool_json_V2* vesk_tool_json_V2::create(const char* text)
 {
-    vesk_tool_json_V2* json = new vesk_tool_json_V2();
-    if (json == nullptr)
-        return nullptr;
-    json->m_lock = vesk_utility_new_lock(VESK_USER_UTILITY, "vesk_tool_json_V2");
-    if (text != nullptr)
-        json->m_root = vesk_tool_JSON_parse(text);
-    if (json->m_root == nullptr)
-        json->m_root = vesk_tool_JSON_create_object();
-    if (json->m_lock == nullptr || json->m_root == nullptr) {
-        delete json;
-        return nullptr;
-    }
-    return json;
+    return make(new vesk_tool_json_V2(), "vesk_tool_json_V2", text);
 }
 
 vesk_tool_json_V2::~vesk_tool_json_V2()
 {
-    vesk_tool_JSON_delete(m_root);
-    if (m_lock != nullptr)
-        vesk_utility_delete_lock(m_lock, k_src, __func__);
+    close(k_src, __func__);
 }
 
 vesk_tool_json_V2::fetched::~fetched()
@@ -167,9 +153,7 @@ vesk_tool_json_V2::fetched::~fetched()
 VESK_ERR vesk_tool_json_V2::loadData(const char* text)
 {
     named_guard guard(m_lock, k_src, __func__);
-    vesk_tool_JSON_delete(m_root);
-    m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
-    return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
+    return reload(text);
 }
 
 VESK_ERR vesk_tool_json_V2::clearData()
@@ -638,11 +622,7 @@ int vesk_tool_json_V2::exportContent(char* buf, unsigned buf_size)
 
 bool vesk_tool_json_V2::measure(unsigned& nodes, unsigned& bytes)
 {
-    if (m_lock->trylock(k_src, __func__, 0) != VESK_OK)
-        return false;
-    vesk_tool_JSON_measure(m_root, nodes, bytes);
-    m_lock->unlock(k_src, __func__);
-    return true;
+    return measure_tree(k_src, __func__, nodes, bytes);
 }
 
 } // namespace vesk_utility
