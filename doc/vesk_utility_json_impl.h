@@ -263,6 +263,9 @@ private:
     };
     bool proc_fetch_parent(const char* key_pos, vesk_json_path_args& args, bool create, fetched& f);
     vesk_tool_JSON* proc_fetch_son(const char* key_pos, const fetched& f);
+    // The leaf a read addresses: VESK_ERR_INVALID_PARAM without a tree, VESK_ERR_OPERATE_FAIL
+    // when the path does not parse or its parent or leaf is missing.
+    VESK_ERR fetch_leaf(const char* key_pos, vesk_json_path_args& args, const vesk_tool_JSON*& son);
 };
 
 // Lists the JSON documents in dump modes 5 (vesk_tool_json) and 6 (vesk_tool_json_V2) of the
