@@ -3,6 +3,7 @@
 // accounted heap of both operators and their lines in the resource manager's JSON dump.
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "core/vesk_utility_guard.h"
 #include "vesk_utility_json_impl.h"
@@ -68,6 +69,15 @@ VESK_ERR copy_text(const vesk_tool_JSON* item, char* buf, int buf_size)
     return VESK_OK;
 }
 
+// The stored text itself and its length, or NULL (len untouched) when item is no string.
+const char* text_addr(const vesk_tool_JSON* item, int& len)
+{
+    if (!is_string(item))
+        return nullptr;
+    len = item->valuestring_len;
+    return item->valuestring;
+}
+
 // Appends empty objects until `array` has idx + 1 elements; the element at idx, or NULL
 // (logged) when that would pad more than k_json_max_pad or memory is short.
 vesk_tool_JSON* pad_to(vesk_tool_JSON* array, int idx)
@@ -103,38 +113,57 @@ void vesk_json_heap::operator delete(void* p) noexcept
     vesk_free(k_src, "vesk_json_heap", p);
 }
 
+// ---- Document of both operators -------------------------------------------------------------
+
+bool vesk_json_document::open(const char* lock_name, const char* text)
+{
+    m_lock = vesk_utility_new_lock(VESK_USER_UTILITY, lock_name);
+    if (text != nullptr)
+        m_root = vesk_tool_JSON_parse(text);
+    if (m_root == nullptr)
+        m_root = vesk_tool_JSON_create_object();
+    return m_lock != nullptr && m_root != nullptr;
+}
+
+void vesk_json_document::close(const char* file, const char* func)
+{
+    vesk_tool_JSON_delete(m_root);
+    if (m_lock != nullptr)
+        vesk_utility_delete_lock(m_lock, file, func);
+}
+
+VESK_ERR vesk_json_document::reload(const char* text)
+{
+    vesk_tool_JSON_delete(m_root);
+    m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
+    return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
+}
+
+bool vesk_json_document::measure_tree(const char* file, const char* func, unsigned& nodes, unsigned& bytes)
+{
+    if (m_lock->trylock(file, func, 0) != VESK_OK)
+        return false;
+    vesk_tool_JSON_measure(m_root, nodes, bytes);
+    m_lock->unlock(file, func);
+    return true;
+}
+
 // ---- Object ----------------------------------------------------------------------------------
 
 vesk_tool_json* vesk_tool_json::create(const char* text)
 {
-    vesk_tool_json* json = new vesk_tool_json();
-    if (json == nullptr)
-        return nullptr;
-    json->m_lock = vesk_utility_new_lock(VESK_USER_UTILITY, "vesk_tool_json");
-    if (text != nullptr)
-        json->m_root = vesk_tool_JSON_parse(text);
-    if (json->m_root == nullptr)
-        json->m_root = vesk_tool_JSON_create_object();
-    if (json->m_lock == nullptr || json->m_root == nullptr) {
-        delete json;
-        return nullptr;
-    }
-    return json;
+    return make(new vesk_tool_json(), "vesk_tool_json", text);
 }
 
 vesk_tool_json::~vesk_tool_json()
 {
-    vesk_tool_JSON_delete(m_root);
-    if (m_lock != nullptr)
-        vesk_utility_delete_lock(m_lock, k_src, __func__);
+    close(k_src, __func__);
 }
 
 VESK_ERR vesk_tool_json::load(const char* text)
 {
     named_guard guard(m_lock, k_src, __func__);
-    vesk_tool_JSON_delete(m_root);
-    m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
-    return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
+    return reload(text);
 }
 
 int vesk_tool_json::print_copy(char* buf, int buf_size)
@@ -163,23 +192,36 @@ int vesk_tool_json::get_print_copy_unformate_size()
 
 bool vesk_tool_json::measure(unsigned& nodes, unsigned& bytes)
 {
-    if (m_lock->trylock(k_src, __func__, 0) != VESK_OK)
-        return false;
-    vesk_tool_JSON_measure(m_root, nodes, bytes);
-    m_lock->unlock(k_src, __func__);
-    return true;
+    return measure_tree(k_src, __func__, nodes, bytes);
 }
 
 // ---- Keys forms ------------------------------------------------------------------------------
-// Each walks at most four members deep: O(sum of the children of the members on the way).
+// A chain is one to four member names, outermost first, the last naming the target. Each walk
+// goes at most four members deep: O(sum of the children of the members on the way). The walks
+// below run with the document's lock held (see locked_chain).
 
-VESK_ERR vesk_tool_json::add_keys(const char* const* keys, int n, vesk_tool_JSON* item)
+namespace
 {
-    if (item == nullptr || m_root == nullptr || !keys_valid(keys, n)) {
+
+vesk_tool_JSON* find_keys(vesk_tool_JSON* root, const char* const* keys, int n)
+{
+    if (!keys_valid(keys, n))
+        return nullptr;
+    vesk_tool_JSON* node = root;
+    for (int i = 0; i < n && node != nullptr; i++)
+        node = vesk_tool_JSON_get_object_item(node, keys[i]);
+    return node;
+}
+
+// Appends item as the last name of the chain, creating missing outer members as empty objects.
+// Owns item: it is deleted when it cannot be placed.
+VESK_ERR add_keys(vesk_tool_JSON* root, const char* const* keys, int n, vesk_tool_JSON* item)
+{
+    if (item == nullptr || root == nullptr || !keys_valid(keys, n)) {
         vesk_tool_JSON_delete(item);
         return VESK_ERR_FAIL;
     }
-    vesk_tool_JSON* parent = m_root;
+    vesk_tool_JSON* parent = root;
     for (int i = 0; i < n - 1 && parent != nullptr; i++) {
         vesk_tool_JSON* son = vesk_tool_JSON_get_object_item(parent, keys[i]);
         if (son == nullptr) {
@@ -199,24 +241,19 @@ VESK_ERR vesk_tool_json::add_keys(const char* const* keys, int n, vesk_tool_JSON
     return VESK_OK;
 }
 
-namespace
+VESK_ERR add_number(vesk_tool_JSON* root, const char* const* keys, int n, double value)
 {
-
-vesk_tool_JSON* find_keys(vesk_tool_JSON* root, const char* const* keys, int n)
-{
-    if (!keys_valid(keys, n))
-        return nullptr;
-    vesk_tool_JSON* node = root;
-    for (int i = 0; i < n && node != nullptr; i++)
-        node = vesk_tool_JSON_get_object_item(node, keys[i]);
-    return node;
+    return add_keys(root, keys, n, vesk_tool_JSON_create_number(value));
 }
 
-} // namespace
-
-VESK_ERR vesk_tool_json::delete_keys(const char* const* keys, int n)
+VESK_ERR add_string(vesk_tool_JSON* root, const char* const* keys, int n, const char* value)
 {
-    vesk_tool_JSON* parent = find_keys(m_root, keys, n - 1);
+    return add_keys(root, keys, n, vesk_tool_JSON_create_string(value));
+}
+
+VESK_ERR delete_keys(vesk_tool_JSON* root, const char* const* keys, int n)
+{
+    vesk_tool_JSON* parent = find_keys(root, keys, n - 1);
     if (parent == nullptr || keys[n - 1] == nullptr)
         return VESK_ERR_FAIL;
     vesk_tool_JSON* item = vesk_tool_JSON_detach_item_from_object(parent, keys[n - 1]);
@@ -226,14 +263,14 @@ VESK_ERR vesk_tool_json::delete_keys(const char* const* keys, int n)
     return VESK_OK;
 }
 
-VESK_ERR vesk_tool_json::get_int_keys(const char* const* keys, int n, int& value)
+VESK_ERR get_int_keys(vesk_tool_JSON* root, const char* const* keys, int n, int& value)
 {
-    return read_int(find_keys(m_root, keys, n), value) ? VESK_OK : VESK_ERR_FAIL;
+    return read_int(find_keys(root, keys, n), value) ? VESK_OK : VESK_ERR_FAIL;
 }
 
-VESK_ERR vesk_tool_json::get_double_keys(const char* const* keys, int n, double& value)
+VESK_ERR get_double_keys(vesk_tool_JSON* root, const char* const* keys, int n, double& value)
 {
-    const vesk_tool_JSON* item = find_keys(m_root, keys, n);
+    const vesk_tool_JSON* item = find_keys(root, keys, n);
     if (item == nullptr)
         return VESK_ERR_FAIL;
     switch (item->type) {
@@ -251,249 +288,41 @@ VESK_ERR vesk_tool_json::get_double_keys(const char* const* keys, int n, double&
     }
 }
 
-VESK_ERR vesk_tool_json::copy_string_keys(const char* const* keys, int n, char* buf, int buf_size)
+VESK_ERR copy_string_keys(vesk_tool_JSON* root, const char* const* keys, int n, char* buf, int buf_size)
 {
-    return copy_text(find_keys(m_root, keys, n), buf, buf_size);
+    return copy_text(find_keys(root, keys, n), buf, buf_size);
 }
 
-int vesk_tool_json::arrysize_keys(const char* const* keys, int n)
+const char* string_addr_keys(vesk_tool_JSON* root, const char* const* keys, int n, int& len)
 {
-    const vesk_tool_JSON* item = find_keys(m_root, keys, n);
+    return text_addr(find_keys(root, keys, n), len);
+}
+
+int arrysize_keys(vesk_tool_JSON* root, const char* const* keys, int n)
+{
+    const vesk_tool_JSON* item = find_keys(root, keys, n);
     return item != nullptr ? vesk_tool_JSON_get_array_size(item) : 0;
 }
 
-#define VESK_JSON_KEYS(...)                                                                                            \
-    const char* const keys[] = {__VA_ARGS__};                                                                          \
-    const int n = static_cast<int>(sizeof(keys) / sizeof(keys[0]))
+// ---- Elements of array members: the chain names the array, idx its element, key a member.
 
-VESK_ERR vesk_tool_json::add_item_int(const char* key, int value)
+const vesk_tool_JSON* arry_item_member(vesk_tool_JSON* root, const char* const* keys, int n, int idx, const char* key)
 {
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_number(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, int value)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_number(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, const char* key3, int value)
-{
-    VESK_JSON_KEYS(key1, key2, key3);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_number(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, const char* key3, const char* key4, int value)
-{
-    VESK_JSON_KEYS(key1, key2, key3, key4);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_number(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_double(const char* key, double value)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_number(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_double(const char* key1, const char* key2, double value)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_number(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_string(const char* key, const char* value)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_string(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_string(const char* key1, const char* key2, const char* value)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_string(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_string(const char* key1, const char* key2, const char* key3, const char* value)
-{
-    VESK_JSON_KEYS(key1, key2, key3);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_string(value));
-}
-
-VESK_ERR vesk_tool_json::add_item_string(
-    const char* key1, const char* key2, const char* key3, const char* key4, const char* value)
-{
-    VESK_JSON_KEYS(key1, key2, key3, key4);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_keys(keys, n, vesk_tool_JSON_create_string(value));
-}
-
-VESK_ERR vesk_tool_json::delete_item(const char* key)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return delete_keys(keys, n);
-}
-
-VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return delete_keys(keys, n);
-}
-
-VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2, const char* key3)
-{
-    VESK_JSON_KEYS(key1, key2, key3);
-    named_guard guard(m_lock, k_src, __func__);
-    return delete_keys(keys, n);
-}
-
-VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2, const char* key3, const char* key4)
-{
-    VESK_JSON_KEYS(key1, key2, key3, key4);
-    named_guard guard(m_lock, k_src, __func__);
-    return delete_keys(keys, n);
-}
-
-VESK_ERR vesk_tool_json::try_get_item_int(const char* key, int& value)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return get_int_keys(keys, n, value);
-}
-
-VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, const char* key2, int& value)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return get_int_keys(keys, n, value);
-}
-
-VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, const char* key2, const char* key3, int& value)
-{
-    VESK_JSON_KEYS(key1, key2, key3);
-    named_guard guard(m_lock, k_src, __func__);
-    return get_int_keys(keys, n, value);
-}
-
-VESK_ERR vesk_tool_json::try_get_item_int(
-    const char* key1, const char* key2, const char* key3, const char* key4, int& value)
-{
-    VESK_JSON_KEYS(key1, key2, key3, key4);
-    named_guard guard(m_lock, k_src, __func__);
-    return get_int_keys(keys, n, value);
-}
-
-VESK_ERR vesk_tool_json::try_get_item_double(const char* key, double& value)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return get_double_keys(keys, n, value);
-}
-
-VESK_ERR vesk_tool_json::try_get_item_double(const char* key1, const char* key2, double& value)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return get_double_keys(keys, n, value);
-}
-
-VESK_ERR vesk_tool_json::get_item_string_copy(const char* key, char* buf, int buf_size)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return copy_string_keys(keys, n, buf, buf_size);
-}
-
-VESK_ERR vesk_tool_json::get_item_string_copy(const char* key1, const char* key2, char* buf, int buf_size)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return copy_string_keys(keys, n, buf, buf_size);
-}
-
-VESK_ERR vesk_tool_json::get_item_string_copy(
-    const char* key1, const char* key2, const char* key3, char* buf, int buf_size)
-{
-    VESK_JSON_KEYS(key1, key2, key3);
-    named_guard guard(m_lock, k_src, __func__);
-    return copy_string_keys(keys, n, buf, buf_size);
-}
-
-VESK_ERR vesk_tool_json::get_item_string_copy(
-    const char* key1, const char* key2, const char* key3, const char* key4, char* buf, int buf_size)
-{
-    VESK_JSON_KEYS(key1, key2, key3, key4);
-    named_guard guard(m_lock, k_src, __func__);
-    return copy_string_keys(keys, n, buf, buf_size);
-}
-
-const char* vesk_tool_json::get_item_string_addr(const char* key, int& len)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    const vesk_tool_JSON* item = find_keys(m_root, keys, n);
-    if (!is_string(item))
-        return nullptr;
-    len = item->valuestring_len;
-    return item->valuestring;
-}
-
-int vesk_tool_json::get_item_arrysize(const char* key)
-{
-    VESK_JSON_KEYS(key);
-    named_guard guard(m_lock, k_src, __func__);
-    return arrysize_keys(keys, n);
-}
-
-int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2)
-{
-    VESK_JSON_KEYS(key1, key2);
-    named_guard guard(m_lock, k_src, __func__);
-    return arrysize_keys(keys, n);
-}
-
-int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2, const char* key3)
-{
-    VESK_JSON_KEYS(key1, key2, key3);
-    named_guard guard(m_lock, k_src, __func__);
-    return arrysize_keys(keys, n);
-}
-
-int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2, const char* key3, const char* key4)
-{
-    VESK_JSON_KEYS(key1, key2, key3, key4);
-    named_guard guard(m_lock, k_src, __func__);
-    return arrysize_keys(keys, n);
-}
-
-// ---- Elements of array members ---------------------------------------------------------------
-
-vesk_tool_JSON* vesk_tool_json::arry_item_member(const char* const* keys, int n, int idx, const char* key)
-{
-    const vesk_tool_JSON* array = find_keys(m_root, keys, n);
+    const vesk_tool_JSON* array = find_keys(root, keys, n);
     if (array == nullptr || array->type != VESK_TOOL_JSON_ARRAY || idx < 0 || key == nullptr)
         return nullptr;
     return vesk_tool_JSON_get_object_item(vesk_tool_JSON_get_array_item(array, idx), key);
 }
 
-VESK_ERR vesk_tool_json::add_arry_item(const char* const* keys, int n, int idx, const char* key, vesk_tool_JSON* item)
+// Owns item, as add_keys does.
+VESK_ERR add_arry_item(
+    vesk_tool_JSON* root, const char* const* keys, int n, int idx, const char* key, vesk_tool_JSON* item)
 {
-    if (item == nullptr || m_root == nullptr || !keys_valid(keys, n) || idx < 0 || key == nullptr) {
+    if (item == nullptr || root == nullptr || !keys_valid(keys, n) || idx < 0 || key == nullptr) {
         vesk_tool_JSON_delete(item);
         return VESK_ERR_FAIL;
     }
-    vesk_tool_JSON* parent = m_root;
+    vesk_tool_JSON* parent = root;
     for (int i = 0; i < n && parent != nullptr; i++) {
         vesk_tool_JSON* son = vesk_tool_JSON_get_object_item(parent, keys[i]);
         if (son == nullptr && parent->type == VESK_TOOL_JSON_OBJECT) {
@@ -513,87 +342,252 @@ VESK_ERR vesk_tool_json::add_arry_item(const char* const* keys, int n, int idx, 
     return VESK_OK;
 }
 
+VESK_ERR add_arry_number(vesk_tool_JSON* root, const char* const* keys, int n, int idx, const char* key, int value)
+{
+    return add_arry_item(root, keys, n, idx, key, vesk_tool_JSON_create_number(value));
+}
+
+VESK_ERR add_arry_string(
+    vesk_tool_JSON* root, const char* const* keys, int n, int idx, const char* key, const char* value)
+{
+    return add_arry_item(root, keys, n, idx, key, vesk_tool_JSON_create_string(value));
+}
+
+VESK_ERR get_arry_int(vesk_tool_JSON* root, const char* const* keys, int n, int idx, const char* key, int& value)
+{
+    return read_int(arry_item_member(root, keys, n, idx, key), value) ? VESK_OK : VESK_ERR_FAIL;
+}
+
+VESK_ERR get_arry_string(
+    vesk_tool_JSON* root, const char* const* keys, int n, int idx, const char* key, const char*& value)
+{
+    const vesk_tool_JSON* item = arry_item_member(root, keys, n, idx, key);
+    if (!is_string(item))
+        return VESK_ERR_FAIL;
+    value = item->valuestring;
+    return VESK_OK;
+}
+
+VESK_ERR copy_arry_string(
+    vesk_tool_JSON* root, const char* const* keys, int n, int idx, const char* key, char* buf, int buf_size)
+{
+    return copy_text(arry_item_member(root, keys, n, idx, key), buf, buf_size);
+}
+
+} // namespace
+
+template <class Walk, class... Args>
+auto vesk_tool_json::locked_chain(const char* func, std::initializer_list<const char*> keys, Walk walk, Args&&... args)
+{
+    named_guard guard(m_lock, k_src, func);
+    return walk(m_root, keys.begin(), static_cast<int>(keys.size()), std::forward<Args>(args)...);
+}
+
+VESK_ERR vesk_tool_json::add_item_int(const char* key, int value)
+{
+    return locked_chain(__func__, {key}, add_number, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, int value)
+{
+    return locked_chain(__func__, {key1, key2}, add_number, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, const char* key3, int value)
+{
+    return locked_chain(__func__, {key1, key2, key3}, add_number, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_int(const char* key1, const char* key2, const char* key3, const char* key4, int value)
+{
+    return locked_chain(__func__, {key1, key2, key3, key4}, add_number, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_double(const char* key, double value)
+{
+    return locked_chain(__func__, {key}, add_number, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_double(const char* key1, const char* key2, double value)
+{
+    return locked_chain(__func__, {key1, key2}, add_number, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_string(const char* key, const char* value)
+{
+    return locked_chain(__func__, {key}, add_string, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_string(const char* key1, const char* key2, const char* value)
+{
+    return locked_chain(__func__, {key1, key2}, add_string, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_string(const char* key1, const char* key2, const char* key3, const char* value)
+{
+    return locked_chain(__func__, {key1, key2, key3}, add_string, value);
+}
+
+VESK_ERR vesk_tool_json::add_item_string(
+    const char* key1, const char* key2, const char* key3, const char* key4, const char* value)
+{
+    return locked_chain(__func__, {key1, key2, key3, key4}, add_string, value);
+}
+
+VESK_ERR vesk_tool_json::delete_item(const char* key)
+{
+    return locked_chain(__func__, {key}, delete_keys);
+}
+
+VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2)
+{
+    return locked_chain(__func__, {key1, key2}, delete_keys);
+}
+
+VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2, const char* key3)
+{
+    return locked_chain(__func__, {key1, key2, key3}, delete_keys);
+}
+
+VESK_ERR vesk_tool_json::delete_item(const char* key1, const char* key2, const char* key3, const char* key4)
+{
+    return locked_chain(__func__, {key1, key2, key3, key4}, delete_keys);
+}
+
+VESK_ERR vesk_tool_json::try_get_item_int(const char* key, int& value)
+{
+    return locked_chain(__func__, {key}, get_int_keys, value);
+}
+
+VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, const char* key2, int& value)
+{
+    return locked_chain(__func__, {key1, key2}, get_int_keys, value);
+}
+
+VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, const char* key2, const char* key3, int& value)
+{
+    return locked_chain(__func__, {key1, key2, key3}, get_int_keys, value);
+}
+
+VESK_ERR vesk_tool_json::try_get_item_int(
+    const char* key1, const char* key2, const char* key3, const char* key4, int& value)
+{
+    return locked_chain(__func__, {key1, key2, key3, key4}, get_int_keys, value);
+}
+
+VESK_ERR vesk_tool_json::try_get_item_double(const char* key, double& value)
+{
+    return locked_chain(__func__, {key}, get_double_keys, value);
+}
+
+VESK_ERR vesk_tool_json::try_get_item_double(const char* key1, const char* key2, double& value)
+{
+    return locked_chain(__func__, {key1, key2}, get_double_keys, value);
+}
+
+VESK_ERR vesk_tool_json::get_item_string_copy(const char* key, char* buf, int buf_size)
+{
+    return locked_chain(__func__, {key}, copy_string_keys, buf, buf_size);
+}
+
+VESK_ERR vesk_tool_json::get_item_string_copy(const char* key1, const char* key2, char* buf, int buf_size)
+{
+    return locked_chain(__func__, {key1, key2}, copy_string_keys, buf, buf_size);
+}
+
+VESK_ERR vesk_tool_json::get_item_string_copy(
+    const char* key1, const char* key2, const char* key3, char* buf, int buf_size)
+{
+    return locked_chain(__func__, {key1, key2, key3}, copy_string_keys, buf, buf_size);
+}
+
+VESK_ERR vesk_tool_json::get_item_string_copy(
+    const char* key1, const char* key2, const char* key3, const char* key4, char* buf, int buf_size)
+{
+    return locked_chain(__func__, {key1, key2, key3, key4}, copy_string_keys, buf, buf_size);
+}
+
+const char* vesk_tool_json::get_item_string_addr(const char* key, int& len)
+{
+    return locked_chain(__func__, {key}, string_addr_keys, len);
+}
+
+int vesk_tool_json::get_item_arrysize(const char* key)
+{
+    return locked_chain(__func__, {key}, arrysize_keys);
+}
+
+int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2)
+{
+    return locked_chain(__func__, {key1, key2}, arrysize_keys);
+}
+
+int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2, const char* key3)
+{
+    return locked_chain(__func__, {key1, key2, key3}, arrysize_keys);
+}
+
+int vesk_tool_json::get_item_arrysize(const char* key1, const char* key2, const char* key3, const char* key4)
+{
+    return locked_chain(__func__, {key1, key2, key3, key4}, arrysize_keys);
+}
+
 VESK_ERR vesk_tool_json::get_item_arry_item_int(const char* array_key, int idx, const char* key, int& value)
 {
-    VESK_JSON_KEYS(array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    return read_int(arry_item_member(keys, n, idx, key), value) ? VESK_OK : VESK_ERR_FAIL;
+    return locked_chain(__func__, {array_key}, get_arry_int, idx, key, value);
 }
 
 VESK_ERR vesk_tool_json::get_item_arry_item_int(
     const char* key1, const char* array_key, int idx, const char* key, int& value)
 {
-    VESK_JSON_KEYS(key1, array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    return read_int(arry_item_member(keys, n, idx, key), value) ? VESK_OK : VESK_ERR_FAIL;
+    return locked_chain(__func__, {key1, array_key}, get_arry_int, idx, key, value);
 }
 
 VESK_ERR vesk_tool_json::add_item_arry_item_int(const char* array_key, int idx, const char* key, int value)
 {
-    VESK_JSON_KEYS(array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_arry_item(keys, n, idx, key, vesk_tool_JSON_create_number(value));
+    return locked_chain(__func__, {array_key}, add_arry_number, idx, key, value);
 }
 
 VESK_ERR vesk_tool_json::add_item_arry_item_int(
     const char* key1, const char* array_key, int idx, const char* key, int value)
 {
-    VESK_JSON_KEYS(key1, array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_arry_item(keys, n, idx, key, vesk_tool_JSON_create_number(value));
+    return locked_chain(__func__, {key1, array_key}, add_arry_number, idx, key, value);
 }
 
 VESK_ERR vesk_tool_json::get_item_arry_item_string(const char* array_key, int idx, const char* key, const char*& value)
 {
-    VESK_JSON_KEYS(array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    const vesk_tool_JSON* item = arry_item_member(keys, n, idx, key);
-    if (!is_string(item))
-        return VESK_ERR_FAIL;
-    value = item->valuestring;
-    return VESK_OK;
+    return locked_chain(__func__, {array_key}, get_arry_string, idx, key, value);
 }
 
 VESK_ERR vesk_tool_json::get_item_arry_item_string(
     const char* key1, const char* array_key, int idx, const char* key, const char*& value)
 {
-    VESK_JSON_KEYS(key1, array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    const vesk_tool_JSON* item = arry_item_member(keys, n, idx, key);
-    if (!is_string(item))
-        return VESK_ERR_FAIL;
-    value = item->valuestring;
-    return VESK_OK;
+    return locked_chain(__func__, {key1, array_key}, get_arry_string, idx, key, value);
 }
 
 VESK_ERR vesk_tool_json::get_item_arry_item_string_copy(
     const char* array_key, int idx, const char* key, char* buf, int buf_size)
 {
-    VESK_JSON_KEYS(array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    return copy_text(arry_item_member(keys, n, idx, key), buf, buf_size);
+    return locked_chain(__func__, {array_key}, copy_arry_string, idx, key, buf, buf_size);
 }
 
 VESK_ERR vesk_tool_json::get_item_arry_item_string_copy(
     const char* key1, const char* array_key, int idx, const char* key, char* buf, int buf_size)
 {
-    VESK_JSON_KEYS(key1, array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    return copy_text(arry_item_member(keys, n, idx, key), buf, buf_size);
+    return locked_chain(__func__, {key1, array_key}, copy_arry_string, idx, key, buf, buf_size);
 }
 
 VESK_ERR vesk_tool_json::add_item_arry_item_string(const char* array_key, int idx, const char* key, const char* value)
 {
-    VESK_JSON_KEYS(array_key);
-    named_guard guard(m_lock, k_src, __func__);
-    return add_arry_item(keys, n, idx, key, vesk_tool_JSON_create_string(value));
+    return locked_chain(__func__, {array_key}, add_arry_string, idx, key, value);
 }
 
 // ---- Levels forms ----------------------------------------------------------------------------
 
-// The node the levels address, or NULL. Writing creates members as empty objects and turns an
-// indexed node into an array padded with empty objects; a member step into anything but an
-// object, or an index step into an object that has members, fails rather than lose data.
+// The node the levels address, or NULL (always NULL without a tree). Writing creates members
+// as empty objects and turns an indexed node into an array padded with empty objects; a member
+// step into anything but an object, or an index step into an object that has members, fails
+// rather than lose data.
 vesk_tool_JSON* vesk_tool_json::walk_levels(const level (&lv)[5], bool create)
 {
     vesk_tool_JSON* node = m_root;
@@ -642,7 +636,7 @@ VESK_ERR vesk_tool_json::add_item_int(const char* key1, int idx1, const char* ke
 {
     VESK_JSON_LEVELS;
     named_guard guard(m_lock, k_src, __func__);
-    vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, true) : nullptr;
+    vesk_tool_JSON* node = walk_levels(lv, true);
     if (node == nullptr)
         return VESK_ERR_FAIL;
     vesk_tool_JSON_clear_value(node);
@@ -657,7 +651,7 @@ VESK_ERR vesk_tool_json::try_get_item_int(const char* key1, int idx1, const char
 {
     VESK_JSON_LEVELS;
     named_guard guard(m_lock, k_src, __func__);
-    const vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, false) : nullptr;
+    const vesk_tool_JSON* node = walk_levels(lv, false);
     if (node == nullptr) {
         VESK_LOG_ERR(k_cls, "get_json_object error \n");
         return VESK_ERR_FAIL;
@@ -676,7 +670,7 @@ VESK_ERR vesk_tool_json::add_item_str(const char* key1, int idx1, const char* ke
     if (value == nullptr)
         return VESK_ERR_FAIL;
     named_guard guard(m_lock, k_src, __func__);
-    vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, true) : nullptr;
+    vesk_tool_JSON* node = walk_levels(lv, true);
     if (node == nullptr)
         return VESK_ERR_FAIL;
     if (node->type != VESK_TOOL_JSON_STRING) {
@@ -697,11 +691,7 @@ const char* vesk_tool_json::get_item_str_addr(const char* key1, int idx1, const 
 {
     VESK_JSON_LEVELS;
     named_guard guard(m_lock, k_src, __func__);
-    const vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, false) : nullptr;
-    if (!is_string(node))
-        return nullptr;
-    len = node->valuestring_len;
-    return node->valuestring;
+    return text_addr(walk_levels(lv, false), len);
 }
 
 VESK_ERR vesk_tool_json::get_item_str_copy(const char* key1, int idx1, const char* key2, int idx2, const char* key3,
@@ -709,7 +699,7 @@ VESK_ERR vesk_tool_json::get_item_str_copy(const char* key1, int idx1, const cha
 {
     VESK_JSON_LEVELS;
     named_guard guard(m_lock, k_src, __func__);
-    return copy_text(m_root != nullptr ? walk_levels(lv, false) : nullptr, buf, buf_size);
+    return copy_text(walk_levels(lv, false), buf, buf_size);
 }
 
 int vesk_tool_json::get_item_arrysize(const char* key1, int idx1, const char* key2, int idx2, const char* key3,
@@ -717,7 +707,7 @@ int vesk_tool_json::get_item_arrysize(const char* key1, int idx1, const char* ke
 {
     VESK_JSON_LEVELS;
     named_guard guard(m_lock, k_src, __func__);
-    const vesk_tool_JSON* node = m_root != nullptr ? walk_levels(lv, false) : nullptr;
+    const vesk_tool_JSON* node = walk_levels(lv, false);
     if (node == nullptr || node->type != VESK_TOOL_JSON_ARRAY)
         return 0;
     return vesk_tool_JSON_get_array_size(node);

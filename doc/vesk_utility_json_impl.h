@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 
 #include "vesk_tool_json.h"
 #include "vesk_utility.h"
@@ -70,9 +71,43 @@ bool proc_parse_exec(const char* key_pos, char* copy, vesk_json_path_args& args,
 
 // ---- The operators ---------------------------------------------------------------------------
 
+// The tree and the named lock that guards it, as both operators keep them.
 // Invariant: m_lock is never NULL; m_root is NULL only after a failed load. Every public
 // operation holds m_lock for its whole run (the tree has no lock of its own).
-class vesk_tool_json final : public vesk_soft::vesk_json_operate, public vesk_json_heap
+class vesk_json_document : public vesk_json_heap
+{
+protected:
+    vesk_json_document() = default;
+    ~vesk_json_document() = default;
+
+    // Gives the new operator json its lock, named lock_name, and its tree: the parsed text, or
+    // an empty object when there is no text or it does not parse. NULL (json deleted) when
+    // json or either of the two could not be made.
+    template <class T> static T* make(T* json, const char* lock_name, const char* text)
+    {
+        if (json != nullptr && !json->open(lock_name, text)) {
+            delete json;
+            return nullptr;
+        }
+        return json;
+    }
+    // Deletes the tree, then the lock; file and func name the caller to the lock's release.
+    void close(const char* file, const char* func);
+    // Replaces the tree by the parse of text (no tree when it does not parse).
+    // REQUIRES: m_lock held.
+    VESK_ERR reload(const char* text);
+    // Nodes and bytes of the tree, the lock tried without waiting in the name of file and
+    // func; false when it is busy.
+    bool measure_tree(const char* file, const char* func, unsigned& nodes, unsigned& bytes);
+
+    vesk_tool_JSON* m_root = nullptr;
+    vesk_soft::vesk_lock* m_lock = nullptr;
+
+private:
+    bool open(const char* lock_name, const char* text);
+};
+
+class vesk_tool_json final : public vesk_soft::vesk_json_operate, public vesk_json_document
 {
 public:
     // NULL when memory is short.
@@ -162,21 +197,13 @@ public:
 private:
     vesk_tool_json() = default;
 
-    VESK_ERR add_keys(const char* const* keys, int n, vesk_tool_JSON* item);
-    VESK_ERR delete_keys(const char* const* keys, int n);
-    VESK_ERR get_int_keys(const char* const* keys, int n, int& value);
-    VESK_ERR get_double_keys(const char* const* keys, int n, double& value);
-    VESK_ERR copy_string_keys(const char* const* keys, int n, char* buf, int buf_size);
-    int arrysize_keys(const char* const* keys, int n);
-    vesk_tool_JSON* arry_item_member(const char* const* keys, int n, int idx, const char* key);
-    VESK_ERR add_arry_item(const char* const* keys, int n, int idx, const char* key, vesk_tool_JSON* item);
+    // Runs walk(m_root, keys, number of keys, args...) under m_lock, held in the name of func.
+    template <class Walk, class... Args>
+    auto locked_chain(const char* func, std::initializer_list<const char*> keys, Walk walk, Args&&... args);
     vesk_tool_JSON* walk_levels(const level (&lv)[5], bool create);
-
-    vesk_tool_JSON* m_root = nullptr;
-    vesk_soft::vesk_lock* m_lock = nullptr;
 };
 
-class vesk_tool_json_V2 final : public vesk_soft::vesk_json_operate_V2, public vesk_json_heap
+class vesk_tool_json_V2 final : public vesk_soft::vesk_json_operate_V2, public vesk_json_document
 {
 public:
     // NULL when memory is short.
@@ -236,9 +263,9 @@ private:
     };
     bool proc_fetch_parent(const char* key_pos, vesk_json_path_args& args, bool create, fetched& f);
     vesk_tool_JSON* proc_fetch_son(const char* key_pos, const fetched& f);
-
-    vesk_tool_JSON* m_root = nullptr;
-    vesk_soft::vesk_lock* m_lock = nullptr;
+    // The leaf a read addresses: VESK_ERR_INVALID_PARAM without a tree, VESK_ERR_OPERATE_FAIL
+    // when the path does not parse or its parent or leaf is missing.
+    VESK_ERR fetch_leaf(const char* key_pos, vesk_json_path_args& args, const vesk_tool_JSON*& son);
 };
 
 // Lists the JSON documents in dump modes 5 (vesk_tool_json) and 6 (vesk_tool_json_V2) of the

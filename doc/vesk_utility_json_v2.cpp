@@ -137,26 +137,12 @@ bool proc_parse_exec(const char* key_pos, char* copy, vesk_json_path_args& args,
 
 vesk_tool_json_V2* vesk_tool_json_V2::create(const char* text)
 {
-    vesk_tool_json_V2* json = new vesk_tool_json_V2();
-    if (json == nullptr)
-        return nullptr;
-    json->m_lock = vesk_utility_new_lock(VESK_USER_UTILITY, "vesk_tool_json_V2");
-    if (text != nullptr)
-        json->m_root = vesk_tool_JSON_parse(text);
-    if (json->m_root == nullptr)
-        json->m_root = vesk_tool_JSON_create_object();
-    if (json->m_lock == nullptr || json->m_root == nullptr) {
-        delete json;
-        return nullptr;
-    }
-    return json;
+    return make(new vesk_tool_json_V2(), "vesk_tool_json_V2", text);
 }
 
 vesk_tool_json_V2::~vesk_tool_json_V2()
 {
-    vesk_tool_JSON_delete(m_root);
-    if (m_lock != nullptr)
-        vesk_utility_delete_lock(m_lock, k_src, __func__);
+    close(k_src, __func__);
 }
 
 vesk_tool_json_V2::fetched::~fetched()
@@ -167,9 +153,7 @@ vesk_tool_json_V2::fetched::~fetched()
 VESK_ERR vesk_tool_json_V2::loadData(const char* text)
 {
     named_guard guard(m_lock, k_src, __func__);
-    vesk_tool_JSON_delete(m_root);
-    m_root = text != nullptr ? vesk_tool_JSON_parse(text) : nullptr;
-    return m_root != nullptr ? VESK_OK : VESK_ERR_FAIL;
+    return reload(text);
 }
 
 VESK_ERR vesk_tool_json_V2::clearData()
@@ -303,21 +287,28 @@ void vesk_tool_json_V2::set_node(const char* key_pos, vesk_json_path_args& args,
     vesk_tool_JSON_delete(item);
 }
 
+// Runs stmt under the document's lock, held in the name of the calling operation, with `args`
+// reading the "%d" indexes from the variable arguments that follow `last`.
+#define VESK_JSON_V2_LOCKED(last, stmt)                                                                                \
+    do {                                                                                                               \
+        va_list ap;                                                                                                    \
+        va_start(ap, last);                                                                                            \
+        vesk_json_path_args args(&ap);                                                                                 \
+        {                                                                                                              \
+            named_guard guard(m_lock, k_src, __func__);                                                                \
+            stmt;                                                                                                      \
+        }                                                                                                              \
+        va_end(ap);                                                                                                    \
+    } while (0)
+
+// The node is made only when there is a tree to put it in.
 #define VESK_JSON_V2_SET(key_pos, last, make)                                                                          \
     do {                                                                                                               \
         if ((key_pos) == nullptr) {                                                                                    \
             VESK_LOG_ERR(k_cls, "key_pos == NULL");                                                                    \
             return;                                                                                                    \
         }                                                                                                              \
-        va_list ap;                                                                                                    \
-        va_start(ap, last);                                                                                            \
-        vesk_json_path_args args(&ap);                                                                                 \
-        {                                                                                                              \
-            named_guard guard(m_lock, k_src, __func__);                                                                \
-            if (m_root != nullptr)                                                                                     \
-                set_node(key_pos, args, make);                                                                         \
-        }                                                                                                              \
-        va_end(ap);                                                                                                    \
+        VESK_JSON_V2_LOCKED(last, if (m_root != nullptr) set_node(key_pos, args, make));                               \
     } while (0)
 
 void vesk_tool_json_V2::execSetS8Int(const char* key_pos, int value, ...)
@@ -385,29 +376,29 @@ void vesk_tool_json_V2::execDelete(const char* key_pos, ...)
         VESK_LOG_ERR(k_cls, "key_pos == NULL");
         return;
     }
-    va_list ap;
-    va_start(ap, key_pos);
-    vesk_json_path_args args(&ap);
-    {
-        named_guard guard(m_lock, k_src, __func__);
-        delete_node(key_pos, args);
-    }
-    va_end(ap);
+    VESK_JSON_V2_LOCKED(key_pos, delete_node(key_pos, args));
 }
 
 // ---- Reads -----------------------------------------------------------------------------------
 
-VESK_ERR vesk_tool_json_V2::get_number(
-    const char* func, const char* key_pos, vesk_json_path_args& args, num_kind kind, void* out)
+VESK_ERR vesk_tool_json_V2::fetch_leaf(const char* key_pos, vesk_json_path_args& args, const vesk_tool_JSON*& son)
 {
     if (m_root == nullptr)
         return VESK_ERR_INVALID_PARAM;
     fetched f;
     if (!proc_fetch_parent(key_pos, args, false, f))
         return VESK_ERR_OPERATE_FAIL;
-    const vesk_tool_JSON* son = proc_fetch_son(key_pos, f);
-    if (son == nullptr)
-        return VESK_ERR_OPERATE_FAIL;
+    son = proc_fetch_son(key_pos, f);
+    return son != nullptr ? VESK_OK : VESK_ERR_OPERATE_FAIL;
+}
+
+VESK_ERR vesk_tool_json_V2::get_number(
+    const char* func, const char* key_pos, vesk_json_path_args& args, num_kind kind, void* out)
+{
+    const vesk_tool_JSON* son = nullptr;
+    const VESK_ERR found = fetch_leaf(key_pos, args, son);
+    if (found != VESK_OK)
+        return found;
     const bool is_bool = son->type == VESK_TOOL_JSON_TRUE || son->type == VESK_TOOL_JSON_FALSE;
     const bool ok = kind == num_kind::boolean ? is_bool : son->type == VESK_TOOL_JSON_NUMBER;
     if (!ok) {
@@ -454,15 +445,8 @@ VESK_ERR vesk_tool_json_V2::get_number(
             VESK_LOG_ERR(k_cls, (key_pos) == nullptr ? "key_pos == NULL" : "value == NULL");                           \
             return VESK_ERR_INVALID_PARAM;                                                                             \
         }                                                                                                              \
-        va_list ap;                                                                                                    \
-        va_start(ap, value);                                                                                           \
-        vesk_json_path_args args(&ap);                                                                                 \
         VESK_ERR rc;                                                                                                   \
-        {                                                                                                              \
-            named_guard guard(m_lock, k_src, __func__);                                                                \
-            rc = get_number(__func__, key_pos, args, kind, value);                                                     \
-        }                                                                                                              \
-        va_end(ap);                                                                                                    \
+        VESK_JSON_V2_LOCKED(value, rc = get_number(__func__, key_pos, args, kind, value));                             \
         return rc;                                                                                                     \
     } while (0)
 
@@ -504,14 +488,10 @@ VESK_ERR vesk_tool_json_V2::execTryGetBool(const char* key_pos, VESK_BOOL* value
 VESK_ERR vesk_tool_json_V2::get_string(
     const char* func, const char* key_pos, vesk_json_path_args& args, char* buf, unsigned buf_size)
 {
-    if (m_root == nullptr)
-        return VESK_ERR_INVALID_PARAM;
-    fetched f;
-    if (!proc_fetch_parent(key_pos, args, false, f))
-        return VESK_ERR_OPERATE_FAIL;
-    const vesk_tool_JSON* son = proc_fetch_son(key_pos, f);
-    if (son == nullptr)
-        return VESK_ERR_OPERATE_FAIL;
+    const vesk_tool_JSON* son = nullptr;
+    const VESK_ERR found = fetch_leaf(key_pos, args, son);
+    if (found != VESK_OK)
+        return found;
     if (son->type != VESK_TOOL_JSON_STRING || son->valuestring == nullptr) {
         vesk_log(vesk_log_level::error, k_cls, func, __LINE__, "'%s', son->type = %d err!\n", key_pos, son->type);
         return VESK_ERR_OPERATE_FAIL;
@@ -528,15 +508,8 @@ VESK_ERR vesk_tool_json_V2::get_string(
         }                                                                                                              \
         if (clear)                                                                                                     \
             (buf)[0] = '\0';                                                                                           \
-        va_list ap;                                                                                                    \
-        va_start(ap, buf_size);                                                                                        \
-        vesk_json_path_args args(&ap);                                                                                 \
         VESK_ERR rc;                                                                                                   \
-        {                                                                                                              \
-            named_guard guard(m_lock, k_src, __func__);                                                                \
-            rc = get_string(__func__, key_pos, args, buf, buf_size);                                                   \
-        }                                                                                                              \
-        va_end(ap);                                                                                                    \
+        VESK_JSON_V2_LOCKED(buf_size, rc = get_string(__func__, key_pos, args, buf, buf_size));                        \
         return rc;                                                                                                     \
     } while (0)
 
@@ -552,11 +525,8 @@ VESK_ERR vesk_tool_json_V2::execGetStr(const char* key_pos, char* data_buf, unsi
 
 const char* vesk_tool_json_V2::get_string_addr(const char* key_pos, vesk_json_path_args& args, int* str_len)
 {
-    fetched f;
-    if (m_root == nullptr || !proc_fetch_parent(key_pos, args, false, f))
-        return nullptr;
-    const vesk_tool_JSON* son = proc_fetch_son(key_pos, f);
-    if (son == nullptr)
+    const vesk_tool_JSON* son = nullptr;
+    if (fetch_leaf(key_pos, args, son) != VESK_OK)
         return nullptr;
     if (son->type != VESK_TOOL_JSON_STRING || son->valuestring == nullptr) {
         VESK_LOG_ERR(k_cls, "'%s', son->type = %d err!\n", key_pos, son->type);
@@ -572,25 +542,15 @@ const char* vesk_tool_json_V2::execGetStr_addr(const char* key_pos, int* str_len
         VESK_LOG_ERR(k_cls, "key_pos or str_len NULL");
         return nullptr;
     }
-    va_list ap;
-    va_start(ap, str_len);
-    vesk_json_path_args args(&ap);
     const char* addr;
-    {
-        named_guard guard(m_lock, k_src, __func__);
-        addr = get_string_addr(key_pos, args, str_len);
-    }
-    va_end(ap);
+    VESK_JSON_V2_LOCKED(str_len, addr = get_string_addr(key_pos, args, str_len));
     return addr;
 }
 
 int vesk_tool_json_V2::get_array_size(const char* key_pos, vesk_json_path_args& args)
 {
-    fetched f;
-    if (m_root == nullptr || !proc_fetch_parent(key_pos, args, false, f))
-        return 0;
-    const vesk_tool_JSON* son = proc_fetch_son(key_pos, f);
-    if (son == nullptr)
+    const vesk_tool_JSON* son = nullptr;
+    if (fetch_leaf(key_pos, args, son) != VESK_OK)
         return 0;
     if (son->type != VESK_TOOL_JSON_ARRAY) {
         VESK_LOG_ERR(k_cls, "'%s', son->type = %d err!\n", key_pos, son->type);
@@ -605,15 +565,8 @@ int vesk_tool_json_V2::execGetArraysize(const char* key_pos, ...)
         VESK_LOG_ERR(k_cls, "key_pos == NULL");
         return 0;
     }
-    va_list ap;
-    va_start(ap, key_pos);
-    vesk_json_path_args args(&ap);
     int size;
-    {
-        named_guard guard(m_lock, k_src, __func__);
-        size = get_array_size(key_pos, args);
-    }
-    va_end(ap);
+    VESK_JSON_V2_LOCKED(key_pos, size = get_array_size(key_pos, args));
     return size;
 }
 
@@ -638,11 +591,7 @@ int vesk_tool_json_V2::exportContent(char* buf, unsigned buf_size)
 
 bool vesk_tool_json_V2::measure(unsigned& nodes, unsigned& bytes)
 {
-    if (m_lock->trylock(k_src, __func__, 0) != VESK_OK)
-        return false;
-    vesk_tool_JSON_measure(m_root, nodes, bytes);
-    m_lock->unlock(k_src, __func__);
-    return true;
+    return measure_tree(k_src, __func__, nodes, bytes);
 }
 
 } // namespace vesk_utility

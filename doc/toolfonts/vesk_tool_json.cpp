@@ -298,18 +298,20 @@ const char* parse_string(vesk_tool_JSON* item, const char* str)
     return ptr;
 }
 
-const char* parse_array(vesk_tool_JSON* item, const char* value, int depth)
+// The children of a container, from its opening bracket to `close`: parse_one reads one child
+// into a fresh node and returns the text after it with its whitespace skipped.
+template <char close, const char* (*parse_one)(vesk_tool_JSON*, const char*, int)>
+const char* parse_children(vesk_tool_JSON* item, const char* value, int depth)
 {
-    item->type = VESK_TOOL_JSON_ARRAY;
     value = skip(value + 1);
-    if (*value == ']')
+    if (*value == close)
         return value + 1;
 
     vesk_tool_JSON* child = new_item();
     item->child = child;
     if (child == nullptr)
         return nullptr;
-    value = skip(parse_value(child, skip(value), depth));
+    value = parse_one(child, value, depth);
     if (value == nullptr)
         return nullptr;
     while (*value == ',') {
@@ -319,14 +321,20 @@ const char* parse_array(vesk_tool_JSON* item, const char* value, int depth)
         child->next = new_child;
         new_child->prev = child;
         child = new_child;
-        value = skip(parse_value(child, skip(value + 1), depth));
+        value = parse_one(child, value + 1, depth);
         if (value == nullptr)
             return nullptr;
     }
-    if (*value == ']')
+    if (*value == close)
         return value + 1;
     s_ep = value;
     return nullptr;
+}
+
+// One array element into child.
+const char* parse_element(vesk_tool_JSON* child, const char* value, int depth)
+{
+    return skip(parse_value(child, skip(value), depth));
 }
 
 // One "key": value member into child.
@@ -345,35 +353,16 @@ const char* parse_member(vesk_tool_JSON* child, const char* value, int depth)
     return skip(parse_value(child, skip(value + 1), depth));
 }
 
+const char* parse_array(vesk_tool_JSON* item, const char* value, int depth)
+{
+    item->type = VESK_TOOL_JSON_ARRAY;
+    return parse_children<']', parse_element>(item, value, depth);
+}
+
 const char* parse_object(vesk_tool_JSON* item, const char* value, int depth)
 {
     item->type = VESK_TOOL_JSON_OBJECT;
-    value = skip(value + 1);
-    if (*value == '}')
-        return value + 1;
-
-    vesk_tool_JSON* child = new_item();
-    item->child = child;
-    if (child == nullptr)
-        return nullptr;
-    value = parse_member(child, value, depth);
-    if (value == nullptr)
-        return nullptr;
-    while (*value == ',') {
-        vesk_tool_JSON* new_child = new_item();
-        if (new_child == nullptr)
-            return nullptr;
-        child->next = new_child;
-        new_child->prev = child;
-        child = new_child;
-        value = parse_member(child, value + 1, depth);
-        if (value == nullptr)
-            return nullptr;
-    }
-    if (*value == '}')
-        return value + 1;
-    s_ep = value;
-    return nullptr;
+    return parse_children<'}', parse_member>(item, value, depth);
 }
 
 const char* parse_value(vesk_tool_JSON* item, const char* value, int depth)

@@ -150,8 +150,9 @@ TEST_F(JsonTreeTest, LiteralsAreMatchedByPrefixAndWhitespaceIsEveryByteUpTo32)
 
 TEST_F(JsonTreeTest, ContainersFailAtTheOffendingByte)
 {
-    const std::pair<const char*, long> cases[] = {{"[1, 2,]", 6}, {"[1 2]", 3}, {"{\"a\" 1}", 5},
-        {"{\"a\":1 \"b\":2}", 7}, {"{a:1}", 1}, {"{\"a\":}", 5}, {"[1,2", 4}, {"@", 0}};
+    const std::pair<const char*, long> cases[]
+        = {{"[1, 2,]", 6}, {"[1 2]", 3}, {"{\"a\" 1}", 5}, {"{\"a\":1 \"b\":2}", 7}, {"{a:1}", 1}, {"{\"a\":}", 5},
+            {"[1,2", 4}, {"@", 0}, {"[1}", 2}, {"{\"a\":1]", 6}}; // each container closes only with its own bracket
     for (const auto& c : cases)
         EXPECT_EQ(fail_offset(c.first), c.second) << c.first;
 

@@ -273,6 +273,11 @@ TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
     int i = 0;
     EXPECT_EQ(one->try_get_item_int("a", i), VESK_ERR_FAIL);
     EXPECT_EQ(one->add_item_int("a", 1), VESK_ERR_FAIL);
+    EXPECT_EQ(one->add_item_arry_item_int("a", 0, "b", 1), VESK_ERR_FAIL);
+    EXPECT_EQ(one->get_item_arrysize("a"), 0);
+    EXPECT_EQ(one->add_item_int("a", 0, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1, 1), VESK_ERR_FAIL);
+    EXPECT_EQ(one->add_item_str("a", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1, "s"), VESK_ERR_FAIL);
+    EXPECT_EQ(one->get_item_arrysize("a", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1), 0);
     EXPECT_EQ(one->print_copy(buf, sizeof(buf)), 0);
     EXPECT_EQ(one->get_print_copy_size(), 0);
     EXPECT_EQ(one->load("{\"x\":1}"), VESK_OK);
