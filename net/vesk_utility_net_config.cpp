@@ -294,6 +294,16 @@ vesk_inet_ipv6_dns_info_list* parse_ipv6_dns(FILE* fp)
     return parse_dns<vesk_inet_ipv6_dns_info_list, vesk_inet_ipv6_dns_info>(fp, ':');
 }
 
+// parse(fp), then fp closed; NULL when the file could not be opened (fp NULL).
+template <class Parse> auto read_list(FILE* fp, Parse parse) -> decltype(parse(fp))
+{
+    if (fp == nullptr)
+        return nullptr;
+    auto* list = parse(fp);
+    fclose(fp);
+    return list;
+}
+
 char* resolver_path(char* out, size_t size, const char* fmt, const char* if_name)
 {
     // The firmware has always opened these names with a trailing line feed, and the files on
@@ -405,20 +415,14 @@ vesk_inet_ipv4_route_info_list* vesk_utility_get_ipv4_route_config(const char* i
 {
     if (if_name == nullptr)
         return nullptr;
-    FILE* fp = open_proc(k_proc_net_route);
-    vesk_inet_ipv4_route_info_list* list = parse_ipv4_routes(fp, if_name);
-    fclose(fp);
-    return list;
+    return read_list(open_proc(k_proc_net_route), [if_name](FILE* fp) { return parse_ipv4_routes(fp, if_name); });
 }
 
 vesk_inet_ipv6_route_info_list* vesk_utility_get_ipv6_route_config(const char* if_name)
 {
     if (if_name == nullptr)
         return nullptr;
-    FILE* fp = open_proc(k_proc_net_ipv6_route);
-    vesk_inet_ipv6_route_info_list* list = parse_ipv6_routes(fp, if_name);
-    fclose(fp);
-    return list;
+    return read_list(open_proc(k_proc_net_ipv6_route), [if_name](FILE* fp) { return parse_ipv6_routes(fp, if_name); });
 }
 
 vesk_inet_ipv4_dns_info_list* vesk_utility_get_ipv4_dns_config(const char* if_name)
@@ -426,12 +430,7 @@ vesk_inet_ipv4_dns_info_list* vesk_utility_get_ipv4_dns_config(const char* if_na
     if (if_name == nullptr)
         return nullptr;
     char path[512];
-    FILE* fp = fopen(resolver_path(path, sizeof(path), k_path_resolv_reserve_fmt, if_name), "r");
-    if (fp == nullptr)
-        return nullptr;
-    vesk_inet_ipv4_dns_info_list* list = parse_ipv4_dns(fp);
-    fclose(fp);
-    return list;
+    return read_list(fopen(resolver_path(path, sizeof(path), k_path_resolv_reserve_fmt, if_name), "r"), parse_ipv4_dns);
 }
 
 vesk_inet_ipv6_dns_info_list* vesk_utility_get_ipv6_dns_config(const char* if_name)
@@ -439,12 +438,7 @@ vesk_inet_ipv6_dns_info_list* vesk_utility_get_ipv6_dns_config(const char* if_na
     if (if_name == nullptr)
         return nullptr;
     char path[512];
-    FILE* fp = fopen(resolver_path(path, sizeof(path), k_path_resolv_etc_fmt, if_name), "r");
-    if (fp == nullptr)
-        return nullptr;
-    vesk_inet_ipv6_dns_info_list* list = parse_ipv6_dns(fp);
-    fclose(fp);
-    return list;
+    return read_list(fopen(resolver_path(path, sizeof(path), k_path_resolv_etc_fmt, if_name), "r"), parse_ipv6_dns);
 }
 
 vesk_if_config_struct* vesk_utility_get_if_config(const char* if_name)
