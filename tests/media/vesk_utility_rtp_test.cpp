@@ -18,23 +18,34 @@ namespace
 
 constexpr uint8_t k_pt = 96;
 const bytes k_start = {0, 0, 0, 1};
+const _tagVeskFrameHeader k_header = {VESK_FRAME_STARTCODE, VESK_FRAME_TYPE_I, 77, 1700000000, 0x5EED, 0xFFFFFFFF, 1920,
+    1080, 16, {0xA1, 0xA2, 0xA3}, 90000};
 
 struct result {
     VESK_ERR err;
     int out_size;
-    bytes out;
+    bytes out; // the written bytes on success, else the whole buffer
 };
 
-// Runs the depacketiser with a capacity of in.size() + extra and returns the written bytes.
-result convert(bytes in, int extra = 0, uint8_t fill = 0xCC)
+// Runs the depacketiser with a capacity of in.size() + extra.
+result convert(bytes in, int extra = 0)
 {
-    bytes out(in.size() + static_cast<size_t>(extra > 0 ? extra : 0), fill);
+    bytes out(in.size() + static_cast<size_t>(extra > 0 ? extra : 0), 0xCC);
     _tagVesk_rtp_h264_param p
         = {in.data(), static_cast<int32_t>(in.size()), out.data(), static_cast<int32_t>(in.size()) + extra};
     const VESK_ERR err = vesk_utility_RTPtoH264_InputData(&p);
     if (err == VESK_OK && p.nOutSize >= 0 && static_cast<size_t>(p.nOutSize) <= out.size())
-        return {err, p.nOutSize, bytes(out.begin(), out.begin() + p.nOutSize)};
+        out.resize(static_cast<size_t>(p.nOutSize));
     return {err, p.nOutSize, out};
+}
+
+// Interleaves one packet per payload, with sequence numbers 1, 2, ...
+bytes stream(std::initializer_list<bytes> payloads, bytes in = {})
+{
+    uint16_t seq = 1;
+    for (const bytes& payload : payloads)
+        interleave(in, rtp_packet(k_pt, payload, seq++));
+    return in;
 }
 
 bytes join(std::initializer_list<bytes> parts)
@@ -45,98 +56,59 @@ bytes join(std::initializer_list<bytes> parts)
     return all;
 }
 
-_tagVeskFrameHeader sample_header()
-{
-    _tagVeskFrameHeader h = {};
-    h.uiStartId = VESK_FRAME_STARTCODE;
-    h.uiFrameType = VESK_FRAME_TYPE_I;
-    h.uiFrameNo = 77;
-    h.uiTimeSec = 1700000000;
-    h.uiReserved = 0x5EED;
-    h.uiLength = 0xFFFFFFFF;
-    h.usWidth = 1920;
-    h.usHeight = 1080;
-    h.ucCodec = 16;
-    h.ucReserved[0] = 0xA1;
-    h.ucReserved[1] = 0xA2;
-    h.ucReserved[2] = 0xA3;
-    h.uiTimeStamp = 90000;
-    return h;
-}
-
 } // namespace
 
-TEST(RtpTest, SingleNalUnitsEachGetAStartCode)
+TEST(RtpTest, SingleUnitsAndFuAFragmentsJoinBehindStartCodes)
 {
-    const bytes sps = {0x67, 0x42, 0x00, 0x1F, 0xE9};
-    const bytes slice = {0x65, 0x88, 0x84, 0x00, 0x33, 0xFF};
+    const bytes sps = {0x67, 0x42, 0x00, 0x1F, 0xE9}, slice = {0x65, 0x88, 0x84, 0x00, 0x33, 0xFF};
     bytes in;
     interleave(in, rtp_packet(k_pt, sps, 1));
     interleave(in, rtp_packet(k_pt | 0x80, slice, 2), 1); // marker bit, channel 1: both ignored
-    const result r = convert(in);
+    result r = convert(in);
     ASSERT_EQ(r.err, VESK_OK);
     EXPECT_EQ(r.out_size, static_cast<int>(8 + sps.size() + slice.size()));
     EXPECT_EQ(r.out, join({k_start, sps, k_start, slice}));
-}
 
-TEST(RtpTest, FuAFragmentsJoinIntoOneUnitWithRebuiltHeader)
-{
-    // FU indicator keeps F and NRI (0x60 here) with type 28; the FU header carries S/E and
-    // the original type 5.
-    const bytes a = {0x7C, 0x85, 1, 2, 3};
-    const bytes b = {0x7C, 0x05, 4, 5};
-    const bytes c = {0x7C, 0x45, 6};
-    bytes in;
-    interleave(in, rtp_packet(k_pt, a, 10));
-    interleave(in, rtp_packet(k_pt, b, 11));
-    interleave(in, rtp_packet(k_pt | 0x80, c, 12));
-    result r = convert(in);
+    // The FU indicator gives F and NRI (0x60 here), the FU header S/E and the original type 5.
+    in.clear();
+    interleave(in, rtp_packet(k_pt, {0x7C, 0x85, 1, 2, 3}, 10));
+    interleave(in, rtp_packet(k_pt, {0x7C, 0x05, 4, 5}, 11));
+    interleave(in, rtp_packet(k_pt | 0x80, {0x7C, 0x45, 6}, 12));
+    r = convert(in);
     ASSERT_EQ(r.err, VESK_OK);
     EXPECT_EQ(r.out, join({k_start, {0x65, 1, 2, 3, 4, 5, 6}}));
-
     // Without a start fragment the bodies are appended behind whatever came before: the end
-    // bit and the order are not checked.
-    bytes orphan;
-    interleave(orphan, rtp_packet(k_pt, {0x41, 9}, 1));
-    interleave(orphan, rtp_packet(k_pt, b, 2));
-    interleave(orphan, rtp_packet(k_pt, {0xFC, 0x81, 7}, 3)); // F bit set, type 1
-    r = convert(orphan);
+    // bit and the order are not checked. A set F bit is kept.
+    r = convert(stream({{0x41, 9}, {0x7C, 0x05, 4, 5}, {0xFC, 0x81, 7}}));
     ASSERT_EQ(r.err, VESK_OK);
     EXPECT_EQ(r.out, join({k_start, {0x41, 9, 4, 5}, k_start, {0xE1, 7}}));
 }
 
 TEST(RtpTest, FrameHeaderIsCopiedWithLengthAndCodecRewritten)
 {
-    const _tagVeskFrameHeader h = sample_header();
-    bytes in = vesk_test::frame_header_bytes(h);
-    interleave(in, rtp_packet(k_pt, {0x65, 1, 2, 3}));
-    interleave(in, rtp_packet(k_pt, {0x7C, 0x41, 4, 5}));
+    const bytes in = stream({{0x65, 1, 2, 3}, {0x7C, 0x41, 4, 5}}, vesk_test::frame_header_bytes(k_header));
     const result r = convert(in);
     ASSERT_EQ(r.err, VESK_OK);
     ASSERT_EQ(r.out_size, 36 + 8 + 2);
-    _tagVeskFrameHeader got;
-    memcpy(&got, r.out.data(), sizeof(got));
-    _tagVeskFrameHeader want = h;
+    _tagVeskFrameHeader want = k_header;
     want.uiLength = 10;
     want.ucCodec = 8;
-    EXPECT_EQ(memcmp(&got, &want, sizeof(got)), 0);
+    EXPECT_EQ(bytes(r.out.begin(), r.out.begin() + 36), vesk_test::frame_header_bytes(want));
     EXPECT_EQ(bytes(r.out.begin() + 36, r.out.end()), join({k_start, {0x65, 1, 2, 3}, {4, 5}}));
 
-    // 36 bytes that do not start with the start code are not a header: the input must then
-    // begin with '$' itself.
+    // 36 bytes that do not start with the start code are not a header, so the input must begin
+    // with '$'; a header with nothing behind it has no packet to start with.
     bytes bad = in;
     bad[0] = 0x01;
     EXPECT_EQ(convert(bad).err, VESK_ERR_INVALID_PARAM);
-    // A header with nothing behind it has no packet to start with.
-    EXPECT_EQ(convert(vesk_test::frame_header_bytes(h)).err, VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(convert(vesk_test::frame_header_bytes(k_header)).err, VESK_ERR_INVALID_PARAM);
 }
 
 TEST(RtpTest, PayloadType98EndsTheCallWithCapacityUnchanged)
 {
-    bytes in;
-    interleave(in, rtp_packet(k_pt, {0x41, 1, 2}));
+    bytes in = stream({{0x41, 1, 2}});
     interleave(in, rtp_packet(98 | 0x80, {0x41, 3, 4}));
-    interleave(in, rtp_packet(k_pt, {0x41, 5, 6}));
+    in = stream({{0x41, 5, 6}}, in);
     const result r = convert(in, 5);
     EXPECT_EQ(r.err, VESK_OK);
     EXPECT_EQ(r.out_size, static_cast<int>(in.size()) + 5);
@@ -151,12 +123,10 @@ TEST(RtpTest, InvalidParametersAreRejectedAndLogged)
     EXPECT_NE(out.find("\e[0;32;31m[PLAT] ERROR! vesk_RTPtoH264_InputData["), std::string::npos) << out;
     EXPECT_NE(out.find("]:pParam == NULL"), std::string::npos) << out;
 
-    bytes in;
-    interleave(in, rtp_packet(k_pt, {0x41, 1, 2}));
+    bytes in = stream({{0x41, 1, 2}});
     // Capacity one byte short is refused although 7 bytes would fit.
     EXPECT_EQ(convert(in, -1).err, VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(convert(in, 0).err, VESK_OK);
-
     bytes buf(64);
     _tagVesk_rtp_h264_param p = {in.data(), 0, buf.data(), 64};
     out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&p), VESK_ERR_INVALID_PARAM); });
@@ -165,26 +135,19 @@ TEST(RtpTest, InvalidParametersAreRejectedAndLogged)
     for (_tagVesk_rtp_h264_param bad : {_tagVesk_rtp_h264_param {nullptr, 20, buf.data(), 64},
              {in.data(), static_cast<int32_t>(in.size()), nullptr, 64}, {in.data(), -5, buf.data(), 64}})
         EXPECT_EQ(vesk_utility_RTPtoH264_InputData(&bad), VESK_ERR_INVALID_PARAM);
-    // Not interleaved at all.
-    EXPECT_EQ(convert({0x80, 0x60, 0, 1}).err, VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(convert({0x80, 0x60, 0, 1}).err, VESK_ERR_INVALID_PARAM); // not interleaved
 }
 
 TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionKeepingEarlierUnits)
 {
-    bytes good;
-    interleave(good, rtp_packet(k_pt, {0x41, 1, 2}));
     const bytes long_ext = {0xBE, 0xDE, 0x00, 0x40, 1, 2, 3, 4};
-    bytes short_last;
-    interleave(short_last, rtp_packet(k_pt, {0x41, 3, 4, 5}));
+    bytes short_last = stream({{0x41, 3, 4, 5}});
     short_last.resize(short_last.size() - 2);
-    bytes csrc_overrun;
+    bytes csrc_overrun, ext_overrun, no_ext_length;
     interleave(csrc_overrun, bytes {0x8F, k_pt, 0, 2, 0, 0, 0, 0, 1, 2, 3, 4, 0x41, 9});
     interleave(csrc_overrun, rtp_packet(k_pt, {0x41, 7})); // never reached
-    bytes ext_overrun, no_ext_length, no_nal_header, fu_a_without_fu_header;
     interleave(ext_overrun, rtp_packet(k_pt, {0x41, 9, 9}, 3, 0, &long_ext));
     interleave(no_ext_length, bytes {0x90, k_pt, 0, 3, 0, 0, 0, 0, 1, 2, 3, 4, 0x41});
-    interleave(no_nal_header, rtp_packet(k_pt, {}));
-    interleave(fu_a_without_fu_header, rtp_packet(k_pt, {0x7C}));
     const struct {
         const char* what;
         bytes tail;
@@ -193,12 +156,12 @@ TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionKeepingEarlierUnits)
         {"fifteen CSRCs announced in a 14-byte packet", csrc_overrun},
         {"extension length runs past the packet", ext_overrun},
         {"X bit with no room for the length field", no_ext_length},
-        {"header exactly fills the packet", no_nal_header},
-        {"FU-A without its FU header", fu_a_without_fu_header},
+        {"header exactly fills the packet", stream({{}})},
+        {"FU-A without its FU header", stream({{0x7C}})},
         {"fewer than four bytes after the last packet", {'$', 0, 0}},
     };
     for (const auto& c : cases) {
-        bytes in = good;
+        bytes in = stream({{0x41, 1, 2}});
         in.insert(in.end(), c.tail.begin(), c.tail.end());
         const result r = convert(in);
         EXPECT_EQ(r.err, VESK_OK) << c.what;
@@ -211,34 +174,23 @@ TEST(RtpTest, ExtensionLengthIsTheOrOfItsTwoBytes)
     // Length field 0x0100: the receivers of this system skip (1 * 256) | ((0 + 1) * 4) = 260
     // bytes of extension, not the (256 + 1) * 4 = 1028 that the field means.
     bytes ext(260, 0xEE);
-    ext[0] = 0xBE;
-    ext[1] = 0xDE;
-    ext[2] = 0x01;
-    ext[3] = 0x00;
+    ext[0] = 0xBE, ext[1] = 0xDE, ext[2] = 0x01, ext[3] = 0x00;
     bytes in;
     interleave(in, rtp_packet(k_pt, {0x41, 0x9A, 0x02}, 1, 0, &ext));
-    result r = convert(in);
-    ASSERT_EQ(r.err, VESK_OK);
-    EXPECT_EQ(r.out, join({k_start, {0x41, 0x9A, 0x02}}));
-
+    EXPECT_EQ(convert(in).out, join({k_start, {0x41, 0x9A, 0x02}}));
     // With a CSRC the length is still read at bytes 14 and 15 (inside the CSRC list): 0x1111
     // there means (0x11 * 256) | (0x12 * 4) = 0x1148 bytes, more than the packet holds.
     const bytes small_ext = {0xBE, 0xDE, 0x00, 0x00};
     in.clear();
     interleave(in, rtp_packet(k_pt, {0x41, 1}, 1, 0, &small_ext));
     interleave(in, rtp_packet(k_pt, {0x41, 2}, 2, 1, &small_ext));
-    r = convert(in);
-    ASSERT_EQ(r.err, VESK_OK);
-    EXPECT_EQ(r.out, join({k_start, {0x41, 1}}));
+    EXPECT_EQ(convert(in).out, join({k_start, {0x41, 1}}));
 }
 
 TEST(RtpTest, ConvertsInPlace)
 {
-    const _tagVeskFrameHeader h = sample_header();
-    bytes in = vesk_test::frame_header_bytes(h);
-    interleave(in, rtp_packet(k_pt, {0x67, 1, 2}));
-    interleave(in, rtp_packet(k_pt, {0x5C, 0x85, 3, 4, 5}));
-    interleave(in, rtp_packet(k_pt, {0x5C, 0x45, 6, 7}));
+    bytes in
+        = stream({{0x67, 1, 2}, {0x5C, 0x85, 3, 4, 5}, {0x5C, 0x45, 6, 7}}, vesk_test::frame_header_bytes(k_header));
     const result copied = convert(in);
     ASSERT_EQ(copied.err, VESK_OK);
     _tagVesk_rtp_h264_param p
@@ -256,7 +208,6 @@ TEST(RtpTest, OtherDirectionsAcceptAndTouchNothing)
     EXPECT_EQ(vesk_utility_H264toRTP_InputData(&hp), VESK_OK);
     EXPECT_EQ(vesk_utility_H265toRTP_InputData(&hp), VESK_OK);
     EXPECT_EQ(vesk_utility_RTPtoH265_InputData(&rp), VESK_OK);
-    EXPECT_EQ(vesk_utility_H264toRTP_InputData(nullptr), VESK_OK);
     EXPECT_EQ(out, (bytes {4, 5, 6}));
     EXPECT_EQ(rp.nOutSize, 3);
 }
