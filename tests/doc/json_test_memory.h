@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <sstream>
 #include <string>
 
 #include "vesk_tool_json.h"
@@ -37,25 +38,19 @@ inline int sink_print(const char* fmt, ...)
 // Live pool nodes with the JSON purpose and their sizes, from the pools' node dumps.
 inline uint64_t json_pool_bytes()
 {
-    using namespace vesk_utility;
-    vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
+    vesk_utility::vesk_utility_res_manage* res = vesk_utility::vesk_utility_res_manage::instance();
     sink().clear();
     res->get_little_mem_pool()->diagnose(1, sink_print);
     res->get_string_pool()->diagnose(1, sink_print);
     uint64_t bytes = 0;
-    size_t at = 0;
-    while (at < sink().size()) {
-        size_t end = sink().find('\n', at);
-        if (end == std::string::npos)
-            end = sink().size();
-        const std::string line = sink().substr(at, end - at);
+    std::istringstream lines(sink());
+    for (std::string line; std::getline(lines, line);) {
         unsigned usr = 0, purpose = 0;
         int ci = 0, ni = 0, size = 0;
         void* mem = nullptr;
         if (sscanf(line.c_str(), "%d %d 0x%x 0x%x %p %d", &ci, &ni, &usr, &purpose, &mem, &size) == 6
-            && purpose == k_json_purpose)
+            && purpose == vesk_utility::k_json_purpose)
             bytes += static_cast<uint64_t>(size) + 1;
-        at = end + 1;
     }
     return bytes;
 }
