@@ -3,6 +3,7 @@
 #ifndef VESK_AV_TEST_BLOCKS_H
 #define VESK_AV_TEST_BLOCKS_H
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -69,31 +70,65 @@ inline bool intact(const vesk_soft::_tagVeskFrameHeader* f)
 }
 
 // One camera stream written through the block writer into a manager: frames of `len` bytes
-// carrying pattern(), 33 ms apart.
+// carrying pattern(), `step_ms` apart (33 ms unless told).
 struct feed {
     vesk_utility::vesk_utility_av_mng& mng;
     vesk_soft::vesk_av_block_writer w;
+    uint32_t ts = 0;
     feed(vesk_utility::vesk_utility_av_mng& m, uint32_t block_bytes,
-        vesk_soft::vesk_av_stream_type type = vesk_soft::VESK_AV_STREAM_MAIN, uint32_t ipc = 3)
+        vesk_soft::vesk_av_stream_type type = vesk_soft::VESK_AV_STREAM_MAIN, uint32_t ipc = 3, uint32_t frames = 64)
         : mng(m)
     {
-        vesk_soft::vesk_utility_av_writer_init(&w, ipc, type, k_av_purpose, block_bytes, 64);
+        vesk_soft::vesk_utility_av_writer_init(&w, ipc, type, k_av_purpose, block_bytes, frames);
         mng.set_chn_connect_status(ipc, 1);
     }
-    void put(uint32_t fno, uint32_t type, uint32_t len = 100)
+    void put(uint32_t fno, uint32_t type, uint32_t len = 100, uint32_t step_ms = 33)
     {
         vesk_soft::_tagVeskFrameHeader h {};
         h.uiStartId = vesk_soft::VESK_FRAME_STARTCODE;
         h.uiFrameType = type;
         h.uiFrameNo = fno;
         h.uiLength = len;
-        h.uiTimeStamp = fno * 2970; // 33 ms
+        h.uiTimeStamp = ts;
+        ts += step_ms * 90;
         std::vector<uint8_t> p(len);
         for (uint32_t j = 0; j < len; j++)
             p[j] = pattern(fno, j);
         ASSERT_EQ(vesk_soft::VESK_OK, vesk_utility::av_writer_put(&mng, &w, &h, p.data()));
     }
 };
+
+// get_frame, check, put_frame: the frame number, or ~0u when nothing came; the wait in *interval.
+inline uint32_t read_one(vesk_soft::vesk_av_reader* r,
+    vesk_soft::vesk_av_stream_type t = vesk_soft::VESK_AV_STREAM_MAIN, uint32_t* interval = nullptr)
+{
+    vesk_soft::_tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    const vesk_soft::VESK_ERR ret = r->get_frame(t, &f, 0, &next);
+    if (interval != nullptr)
+        *interval = next;
+    if (ret != vesk_soft::VESK_OK)
+        return ~0u;
+    EXPECT_TRUE(intact(f)) << "frame " << f->uiFrameNo;
+    const uint32_t fno = f->uiFrameNo;
+    EXPECT_EQ(vesk_soft::VESK_OK, r->put_frame(t, f));
+    return fno;
+}
+
+// A logo file: the 16-byte head declares w x h and len payload bytes, of which `actual` follow.
+inline void write_nvr(const std::string& path, uint16_t w, uint16_t h, uint32_t len, uint32_t actual)
+{
+    uint8_t head[16] = {};
+    memcpy(head + 4, &w, 2);
+    memcpy(head + 6, &h, 2);
+    memcpy(head + 8, &len, 4);
+    FILE* fp = fopen(path.c_str(), "wb");
+    ASSERT_NE(nullptr, fp);
+    fwrite(head, 1, sizeof(head), fp);
+    for (uint32_t i = 0; i < actual; i++)
+        fputc(static_cast<int>(i & 0xFF), fp);
+    fclose(fp);
+}
 
 } // namespace vesk_test
 

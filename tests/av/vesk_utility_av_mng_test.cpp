@@ -1,6 +1,6 @@
 // The block manager: push, the descriptor pool, the rotation rule (age, users, references,
-// pressure, the snap users' key-frame group), user bits, the reader registry and the dump.
-// Rotation is driven by calling rotate_pass with chosen times on managers of the tests' own.
+// pressure, snap users' key-frame group), user bits, the reader registry and the dump; rotation
+// is driven by rotate_pass with chosen times on the tests' own managers.
 #include <gtest/gtest.h>
 
 #include <cstdarg>
@@ -32,11 +32,6 @@ int record_print(const char* fmt, ...)
     return 0;
 }
 
-vesk_av_block* tail_of(vesk_utility_av_mng& mng, uint32_t ipc, uint32_t type)
-{
-    return mng.chn_blocks(ipc).lists[type].tail;
-}
-
 } // namespace
 
 TEST(AvMngTest, PushChainsBlocksFromId9527AndRefusesBadBlocksUntouched)
@@ -46,7 +41,7 @@ TEST(AvMngTest, PushChainsBlocksFromId9527AndRefusesBadBlocksUntouched)
     const uint32_t before = vesk_mem_av_total();
     for (uint32_t t = 0; t < VESK_AV_STREAM_NUM; t++) {
         ASSERT_EQ(VESK_OK, mng.push_av_block(7, make_block(t, now, 100)));
-        EXPECT_EQ(9527u, tail_of(mng, 7, t)->blk_id);
+        EXPECT_EQ(9527u, mng.chn_blocks(7).lists[t].tail->blk_id);
     }
     vesk_IPC_stream_block_head* second = make_block(1, now, 200);
     ASSERT_EQ(VESK_OK, mng.push_av_block(7, second));

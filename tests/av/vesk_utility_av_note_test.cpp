@@ -1,5 +1,4 @@
-// Tests of the frame API (position notes) against a private manager fed by the block writer,
-// and of its exported wrappers against the process's cache.
+// The frame API (position notes) against a private manager, and its exported wrappers.
 #include <gtest/gtest.h>
 
 #include "av_test_blocks.h"
@@ -184,23 +183,21 @@ TEST(AvNoteDeathTest, StartingOverOrReleasingWhatIsNotHeldIsFatal)
 TEST(AvNoteTest, ExportedCallsMapStreamsAndReleaseSeveralNotes)
 {
     constexpr uint32_t ch = 29; // nothing else in this process feeds it
-    vesk_av_block_writer main_w, sub_w, ivs_w;
     // One large block each, still receiving until closed, so rotation keeps everything.
-    ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&main_w, ch, VESK_AV_STREAM_MAIN, 0x9110C, 64 * 1024, 64));
-    ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&sub_w, ch, VESK_AV_STREAM_SUB, 0x9110C, 64 * 1024, 64));
-    ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&ivs_w, ch, VESK_AV_STREAM_SMART, 0x9110C, 64 * 1024, 64));
+    vesk_av_block_writer w[3];
+    const vesk_av_stream_type types[3] = {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB, VESK_AV_STREAM_SMART};
+    for (uint32_t i = 0; i < 3; i++)
+        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w[i], ch, types[i], 0x9110C, 64 * 1024, 64));
     const uint8_t payload[64] = {};
     for (uint32_t n = 1; n <= 3; n++) {
-        _tagVeskFrameHeader h {};
-        h.uiStartId = VESK_FRAME_STARTCODE;
-        h.uiFrameType = n == 1 ? VESK_FRAME_TYPE_I : 2;
-        h.uiFrameNo = n;
-        h.uiLength = sizeof(payload);
-        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&main_w, &h, payload));
-        h.uiFrameNo = 100 + n;
-        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&sub_w, &h, payload));
-        h.uiFrameNo = 200 + n;
-        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&ivs_w, &h, payload));
+        for (uint32_t i = 0; i < 3; i++) {
+            _tagVeskFrameHeader h {};
+            h.uiStartId = VESK_FRAME_STARTCODE;
+            h.uiFrameType = n == 1 ? VESK_FRAME_TYPE_I : 2;
+            h.uiFrameNo = 100 * i + n;
+            h.uiLength = sizeof(payload);
+            ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&w[i], &h, payload));
+        }
     }
     vesk_read_av_list_note notes[4] = {};
     _tagVeskFrameHeader* f[4] = {};
@@ -223,6 +220,6 @@ TEST(AvNoteTest, ExportedCallsMapStreamsAndReleaseSeveralNotes)
     EXPECT_EQ(2u, f[0]->uiFrameNo) << "the position survives the release";
     EXPECT_EQ(VESK_OK, vesk_utility_ivs_rel_frame_multy(notes, 1));
     EXPECT_EQ(VESK_OK, vesk_utility_rel_frame(&notes[0]));
-    for (vesk_av_block_writer* w : {&main_w, &sub_w, &ivs_w})
-        vesk_utility_av_writer_close(w);
+    for (vesk_av_block_writer& one : w)
+        vesk_utility_av_writer_close(&one);
 }

@@ -1,10 +1,7 @@
-// Tests of the real-time pacing of the A/V reader against a private manager fed by the block
-// writer: the wait for each backlog (remain) row with its forced skips and reset, the
-// threshold's adjustment after failures, the unpaced intervals and the sleep correction.
-//
-// Frames are 1901 ms apart unless a test says otherwise: back-to-back calls then sleep nowhere
-// near the last interval, so the sleep correction (which applies only within 40 ms of it)
-// stays out of the exact results.
+// Real-time pacing of the A/V reader: the wait per backlog (remain) row with its forced skips
+// and reset, the threshold's rise after failures, the unpaced waits and the sleep correction.
+// Frames are 1901 ms apart unless told: back-to-back calls then sleep nowhere near the last
+// interval, which keeps the sleep correction (only within 40 ms of it) out of exact results.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -19,6 +16,7 @@ using namespace vesk_soft;
 using namespace vesk_utility;
 using vesk_test::capture_stdout;
 using vesk_test::count_of;
+using vesk_test::read_one;
 
 namespace
 {
@@ -32,30 +30,14 @@ int no_print(const char*, ...)
     return 0;
 }
 
-// One camera stream of numbered frames, small enough that 16 fit a block's index.
-struct camera {
-    vesk_utility_av_mng& mng;
-    vesk_av_block_writer w;
+// Numbered frames of 40 bytes; 16 fit a block's index.
+struct camera : vesk_test::feed {
     uint32_t fno = 0;
-    uint32_t ts = 0;
     camera(vesk_utility_av_mng& m, vesk_av_stream_type type)
-        : mng(m)
+        : feed(m, 4096, type, k_ipc, 16)
     {
-        vesk_utility_av_writer_init(&w, k_ipc, type, 0x9110C, 4096, 16);
-        mng.set_chn_connect_status(k_ipc, 1);
     }
-    void put(uint32_t type, uint32_t step_ms = k_base_ms)
-    {
-        _tagVeskFrameHeader h {};
-        h.uiStartId = VESK_FRAME_STARTCODE;
-        h.uiFrameType = type;
-        h.uiFrameNo = fno++;
-        h.uiTimeStamp = ts;
-        h.uiLength = 40;
-        ts += step_ms * 90;
-        const std::vector<uint8_t> payload(h.uiLength, static_cast<uint8_t>(h.uiFrameNo));
-        ASSERT_EQ(VESK_OK, av_writer_put(&mng, &w, &h, payload.data()));
-    }
+    void put(uint32_t type, uint32_t step_ms = k_base_ms) { feed::put(fno++, type, 40, step_ms); }
     void put_p(uint32_t count)
     {
         for (uint32_t k = 0; k < count; k++)
@@ -63,34 +45,15 @@ struct camera {
     }
 };
 
-// get_frame then put_frame; the frame number, or k_nothing.
-uint32_t read_one(vesk_av_reader* r, vesk_av_stream_type t, uint32_t* interval)
+std::string pace_msg(uint32_t type, int remain, const char* what)
 {
-    _tagVeskFrameHeader* f = nullptr;
-    uint32_t next = 0;
-    const VESK_ERR ret = r->get_frame(t, &f, 0, &next);
-    if (interval != nullptr)
-        *interval = next;
-    if (ret != VESK_OK)
-        return k_nothing;
-    const uint32_t fno = f->uiFrameNo;
-    EXPECT_EQ(VESK_OK, r->put_frame(t, f));
-    return fno;
-}
-
-std::string pace_msg(uint32_t type, int remain, int th, const std::string& what)
-{
-    char buf[160];
-    snprintf(buf, sizeof(buf), "ch_%u, stream_type_%u remain = %d, min_remain_th = %d, %s\n", k_ipc, type, remain, th,
-        what.c_str());
-    return buf;
+    return "ch_6, stream_type_" + std::to_string(type) + " remain = " + std::to_string(remain) + ", min_remain_th = 2, "
+        + what + "\n";
 }
 
 std::string adj_msg(int from, int to)
 {
-    char buf[80];
-    snprintf(buf, sizeof(buf), "ch_%u, remain_0, fail_1, adj %d to %d\n", k_ipc, from, to);
-    return buf;
+    return "ch_6, remain_0, fail_1, adj " + std::to_string(from) + " to " + std::to_string(to) + "\n";
 }
 
 } // namespace
@@ -131,7 +94,7 @@ TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
         cam.put(VESK_FRAME_TYPE_I);
         vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 0x31);
         r->set_chn(k_ipc);
-        ASSERT_EQ(0u, read_one(r, c.type, nullptr));
+        ASSERT_EQ(0u, read_one(r, c.type));
         while (static_cast<int>(cam.fno) < c.remain + 2) {
             const uint32_t n = cam.fno;
             cam.put(c.key != 0 && n == c.key        ? VESK_FRAME_TYPE_KEY2
@@ -144,10 +107,11 @@ TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
         std::string out = capture_stdout([&] { got = read_one(r, c.type, &interval); });
         EXPECT_EQ(1u, got);
         EXPECT_EQ(c.interval, interval);
-        const std::string expected = c.warning != nullptr ? pace_msg(c.type, c.remain, 2, c.warning) : "";
         EXPECT_EQ(c.warning != nullptr ? 1 : 0, count_of(out, "min_remain_th")) << out;
-        EXPECT_NE(std::string::npos, out.find(expected)) << out;
-        out = capture_stdout([&] { got = read_one(r, c.type, nullptr); });
+        if (c.warning != nullptr) {
+            EXPECT_EQ(1, count_of(out, pace_msg(c.type, c.remain, c.warning))) << out;
+        }
+        out = capture_stdout([&] { got = read_one(r, c.type); });
         EXPECT_EQ(c.next, got);
         EXPECT_EQ(0, count_of(out, "jump to")) << out;
         EXPECT_TRUE(r->is_free());
@@ -155,9 +119,8 @@ TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
     }
 }
 
-// Each cycle leaves exactly th frames behind the first read of a backlog, drains it and then
-// finds nothing: a period with calls and a failure, so the threshold rises at once, up to 16.
-// Failures before the period's first success count for nothing.
+// Each cycle leaves th frames behind the first read of a backlog, drains it, then finds nothing:
+// a period with calls and a failure, so the threshold rises at once, up to 16.
 TEST(AvPacingTest, FailuresAfterABacklogRaiseTheThresholdUpTo16AndSetWorkModeClearsIt)
 {
     vesk_utility_av_mng mng;
@@ -165,13 +128,13 @@ TEST(AvPacingTest, FailuresAfterABacklogRaiseTheThresholdUpTo16AndSetWorkModeCle
     cam.put(VESK_FRAME_TYPE_I);
     vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_REAL_TIME, VESK_AV_READER_STREAM_USER, 0x32);
     r->set_chn(k_ipc);
-    ASSERT_EQ(0u, read_one(r, VESK_AV_STREAM_MAIN, nullptr));
+    ASSERT_EQ(0u, read_one(r));
     uint32_t expect_fno = 1;
     const auto cycle = [&](uint32_t backlog) {
         return capture_stdout([&] {
             cam.put_p(backlog);
             for (uint32_t k = 0; k < backlog; k++)
-                ASSERT_EQ(expect_fno++, read_one(r, VESK_AV_STREAM_MAIN, nullptr));
+                ASSERT_EQ(expect_fno++, read_one(r));
             uint32_t interval = 0;
             for (int k = 0; k < 3; k++) {
                 ASSERT_EQ(k_nothing, read_one(r, VESK_AV_STREAM_MAIN, &interval));
@@ -209,42 +172,30 @@ TEST(AvPacingTest, UnpacedStreamsWaitOnlyWhenNothingFollows)
     camera cam(mng, VESK_AV_STREAM_AUDIO);
     vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_REAL_TIME, VESK_AV_READER_STREAM_USER, 0x33);
     r->set_chn(k_ipc);
-    uint32_t interval = 0;
-    EXPECT_EQ(k_nothing, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(40u, interval);
-    cam.put(2, 10);
-    EXPECT_EQ(0u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(40u, interval) << "nothing follows and no interval is known yet";
-    cam.put(2, 10);
-    cam.put(2, 10);
-    EXPECT_EQ(1u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(0u, interval);
-    EXPECT_EQ(2u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(10u, interval);
-    EXPECT_EQ(k_nothing, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(10u, interval);
-    cam.put(2, 2000); // 3; frame 4 comes 2000 ms later
-    cam.put(2, 10);
-    EXPECT_EQ(3u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(0u, interval);
-    EXPECT_EQ(4u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(40u, interval) << "a step above 1999 ms counts as 40";
-    cam.put(2, 10);
-    cam.put(2, 0); // 6; frame 7 at the same time
-    cam.put(2, 10);
-    for (uint32_t fno = 5; fno <= 6; fno++) {
-        EXPECT_EQ(fno, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-        EXPECT_EQ(0u, interval);
+    struct step {
+        std::vector<uint32_t> puts; // timestamp steps of the frames pushed first
+        uint32_t fno;
+        uint32_t interval;
+    };
+    const step steps[] = {
+        {{}, k_nothing, 40}, {{10}, 0, 40}, // nothing follows and no interval is known yet
+        {{10, 10}, 1, 0}, {{}, 2, 10}, {{}, k_nothing, 10}, {{2000, 10}, 3, 0},
+        {{}, 4, 40}, // a step above 1999 ms counts as 40
+        {{10, 0, 10}, 5, 0}, {{}, 6, 0}, {{}, 7, 40}, // a step of 0 counts as 40
+    };
+    for (const step& st : steps) {
+        SCOPED_TRACE("frame " + std::to_string(st.fno));
+        for (uint32_t ms : st.puts)
+            cam.put(2, ms);
+        uint32_t interval = 0;
+        EXPECT_EQ(st.fno, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
+        EXPECT_EQ(st.interval, interval);
     }
-    EXPECT_EQ(7u, read_one(r, VESK_AV_STREAM_AUDIO, &interval));
-    EXPECT_EQ(40u, interval) << "a step of 0 counts as 40";
     EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
 }
 
-// The correction uses the reader's own clock, which the test cannot pin: its debug trace
-// reports real_sleep, and the arithmetic is checked against that. Sleeping 120 ms past a
-// 40 ms wait is out of the window for certain; an immediate call is within it unless the
-// machine stalls for 80 ms, so only its arithmetic is asserted.
+// The reader's own clock cannot be pinned: the arithmetic is checked against the real_sleep
+// of its debug trace. 120 ms past a 40 ms wait is surely out of the window.
 TEST(AvPacingTest, SleepCorrectionTakesTheOffsetOfTheLastSleepOffTheNextWait)
 {
     vesk_utility_av_mng mng;
@@ -253,7 +204,7 @@ TEST(AvPacingTest, SleepCorrectionTakesTheOffsetOfTheLastSleepOffTheNextWait)
     cam.put(VESK_FRAME_TYPE_I, 40);
     vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 0x34);
     r->set_chn(k_ipc);
-    ASSERT_EQ(0u, read_one(r, VESK_AV_STREAM_MAIN, nullptr));
+    ASSERT_EQ(0u, read_one(r));
     cam.put(2, 40);
     cam.put(2, 40);
     for (const int pause_ms : {0, 120, 60}) {

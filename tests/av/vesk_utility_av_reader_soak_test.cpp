@@ -1,14 +1,11 @@
-// Soak: 32 cameras push main (25 fps, I frames that often span blocks), sub and audio through
-// block writers in real time into a private manager; 320 readers on their own threads read
-// them (stream and snap users, paced and unpaced, some stalling now and then); a rotation
-// thread evicts under a budget that the cache exceeds in the last second of every six. Paced
-// readers stalled early in a cycle come back to a kept backlog and skip or reset; readers
-// stalled across the tight second lose their blocks and resync.
-//
-// Invariants: every reader sees frame numbers strictly increasing, +1 except at jumps; a video
-// jump lands on a key frame, and video jumps are no more than the reader's logged jumps, block
-// drops, forced skips and resets; every payload is intact; once all stop no block is
-// referenced, no user bit is taken, and a last rotation returns every block and descriptor.
+// Soak: 32 cameras push main (25 fps, I frames that often span blocks), sub and audio in real
+// time into a private manager; 320 readers on their own threads (stream and snap users, paced and
+// unpaced, some stalling now and then) read them while rotation evicts under a budget that the
+// cache exceeds in the last second of every six.
+// Invariants: frame numbers strictly increase, +1 except at jumps; a video jump lands on a key
+// frame, and video jumps are no more than the logged jumps, block drops, forced skips and resets;
+// every payload is intact; at the end no block is referenced, no user bit taken, and a last
+// rotation returns every block and descriptor.
 // Duration: VESK_AV_READER_SOAK_MS (default 20 s; 8 s under emulation).
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -36,9 +33,8 @@ constexpr uint32_t k_gop = 25;
 constexpr int64_t k_cycle_ms = 6000;
 constexpr int64_t k_tight_from_ms = 5000; // of each cycle
 
-// Stalls by reader index: paced main 3.6 s and 2.4 s within the generous part of a cycle (90
-// and 60 frames behind: a reset, a forced skip or a quickened catch-up, as far as the threshold
-// has risen); unpaced sub and main 1 s across the tight second.
+// Stalls by reader index: paced main 3.6 s and 2.4 s in the generous part of a cycle (a reset,
+// a forced skip or a quickened catch-up); unpaced sub and main 1 s across the tight second.
 struct stall_plan {
     int64_t at_ms; // into the cycle
     uint32_t ms;
@@ -67,7 +63,6 @@ uint8_t pattern(uint32_t cam, uint32_t str, uint32_t fno, uint32_t j)
     return static_cast<uint8_t>(fno * 131 + j * 7 + cam * 17 + str * 53);
 }
 
-// The header and every payload byte are what the camera wrote.
 bool intact(uint32_t cam, uint32_t str, const _tagVeskFrameHeader* f)
 {
     if (f->uiStartId != VESK_FRAME_STARTCODE || f->uiLength != frame_len(f->uiFrameType, str, f->uiFrameNo))
@@ -79,10 +74,8 @@ bool intact(uint32_t cam, uint32_t str, const _tagVeskFrameHeader* f)
     return true;
 }
 
-// A reader whose blocks were rotated out resumes at the first frame of the oldest newer block
-// and takes it silently when it is a key frame. Cameras here never open a block with a key
-// frame, so that every resume after a loss is a logged skip. Only the writer's thread writes
-// its current block, which rotation never frees while it is receiving.
+// A reader whose blocks were rotated out resumes silently at a key frame opening the oldest newer
+// block: cameras here never open a block with one, so that every such resume is a logged skip.
 bool opens_block(const vesk_av_block_writer& w)
 {
     const vesk_IPC_stream_block_head* b = w.cur;
@@ -182,8 +175,7 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
         });
         writers.push_back(start_thread(&bodies.back()));
     }
-    // Rotation starts once every list has a block: it marks a list never pushed disconnected,
-    // and readers of a disconnected video stream get the no-video logo when one is loaded.
+    // Rotation starts once every list has a block: a list never pushed counts as disconnected.
     for (int i = 0; i < 5000; i++) {
         uint32_t empty = 0;
         for (uint32_t cam = 0; cam < k_cams; cam++) {

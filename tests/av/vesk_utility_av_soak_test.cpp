@@ -1,11 +1,8 @@
 // Soak: 32 cameras x 4 streams written through the block writer into the process's cache at a
 // recorder's frame rates, under a cache budget, with the rotation task running.
-//
-// Invariants: the accounted A/V total never passes the forbid limit by more than one block
-// (the allocator refuses once the total has reached it); when the streams stop, rotation
-// empties every list and the A/V total returns to where it started.
-// Duration: VESK_AV_SOAK_MS (default 20 s, a hundred rotation ticks; 5 s under emulation and
-// sanitizers, where every tick costs many times more).
+// Invariants: the A/V total never passes the forbid limit by more than one block; when the
+// streams stop, rotation empties every list and the A/V total returns to where it started.
+// Duration: VESK_AV_SOAK_MS (default 20 s; 5 s under emulation and sanitizers).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -30,8 +27,7 @@ struct stream_profile {
     uint32_t every; // one frame per this many 40 ms ticks
 };
 
-// Scaled-down bit rates (about 1.6 Mbit/s main per camera) keep the copy cost low under qemu
-// while still turning the budget over many times.
+// Scaled-down bit rates (about 1.6 Mbit/s main per camera) still turn the budget over many times.
 constexpr stream_profile k_profiles[4] = {
     {VESK_AV_STREAM_MAIN, 0x9110C, 64 * 1024, 8000, 1},
     {VESK_AV_STREAM_SUB, 0x9110D, 16 * 1024, 2000, 1},
@@ -56,8 +52,7 @@ TEST(AvSoakTest, FullLoadStaysWithinBudgetAndReturnsEverything)
     const uint32_t av_base = vesk_mem_av_total();
     ASSERT_EQ(VESK_OK, vesk_utility_set_av_max_cache(k_start, k_forbid));
 
-    // A stream user on every camera's main stream and a snap user on the sub stream keep
-    // blocks pending, so that pressure eviction does the work.
+    // Stream users on the main streams and snap users on the sub streams leave eviction to pressure.
     for (uint32_t ch = 0; ch < 32; ch++) {
         ASSERT_GE(mng->malloc_magic_ofset(ch, 0, 0, 0x500 + ch), 0);
         ASSERT_GE(mng->malloc_magic_ofset(ch, 1, 1, 0x600 + ch), 0);
@@ -118,7 +113,6 @@ TEST(AvSoakTest, FullLoadStaysWithinBudgetAndReturnsEverything)
     for (int i = 0; i < 600 && left != 0; i++) {
         left = 0;
         for (uint32_t ch = 0; ch < 32; ch++) {
-            // The counts are guarded by the channel lock, which rotation holds while it evicts.
             vesk_av_chn_blocks& chn = mng->chn_blocks(ch);
             pthread_mutex_lock(&chn.lock);
             for (uint32_t t = 0; t < 4; t++)

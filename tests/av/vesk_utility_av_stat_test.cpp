@@ -13,6 +13,7 @@
 using namespace vesk_soft;
 using namespace vesk_utility;
 using vesk_test::at;
+using vesk_test::write_nvr;
 
 namespace
 {
@@ -37,20 +38,6 @@ std::vector<vesk_IPC_stream_block_head*> blocks_of(vesk_utility_av_mng& mng, uin
     for (vesk_av_block* b = mng.chn_blocks(ipc).lists[type].head; b != nullptr; b = b->next)
         v.push_back(b->block);
     return v;
-}
-
-void write_nvr(const std::string& path, uint16_t w, uint16_t h, uint32_t len, uint32_t actual)
-{
-    uint8_t head[16] = {};
-    memcpy(head + 4, &w, 2);
-    memcpy(head + 6, &h, 2);
-    memcpy(head + 8, &len, 4);
-    FILE* fp = fopen(path.c_str(), "wb");
-    ASSERT_NE(nullptr, fp);
-    fwrite(head, 1, sizeof(head), fp);
-    for (uint32_t i = 0; i < actual; i++)
-        fputc(static_cast<int>(i & 0xFF), fp);
-    fclose(fp);
 }
 
 } // namespace
@@ -204,23 +191,23 @@ TEST(AvStatTest, CallerMeterReportsAfterThirtySecondsOfFrameTime)
     EXPECT_EQ(VESK_AV_STREAM_NUM, vesk_utility_av_convert_type(VESK_ENC_STR_INVALID));
 }
 
-TEST(AvLogoTest, MissingLargeLogoFallsBackAndBadFilesStayEmpty)
+TEST(AvLogoTest, MissingLargeLogoFallsBackBadFilesStayEmptyAndReadersShowTheRightOne)
 {
     const std::string root = vesk_test::private_root() + "/logos";
+    const std::string dir = root + "/mnt/mtd/res/platform/";
     mkdir(root.c_str(), 0755);
     for (const char* d : {"/mnt", "/mnt/mtd", "/mnt/mtd/res", "/mnt/mtd/res/platform", "/mnt/mtd/app"})
         mkdir((root + d).c_str(), 0755);
-    write_nvr(root + "/mnt/mtd/res/platform/novideo.nvr", 352, 288, 500, 500);
-    write_nvr(root + "/mnt/mtd/res/platform/not_connect_camera_mid.nvr", 704, 576, 800, 800);
-    write_nvr(root + "/mnt/mtd/res/platform/not_connect_camera.nvr", 0, 288, 100, 100);
-    write_nvr(root + "/mnt/mtd/res/platform/company.nvr", 352, 288, 900, 400);
+    write_nvr(dir + "novideo.nvr", 352, 288, 500, 500);
+    write_nvr(dir + "not_connect_camera_mid.nvr", 704, 576, 800, 800);
+    write_nvr(dir + "not_connect_camera.nvr", 0, 288, 100, 100);
+    write_nvr(dir + "company.nvr", 352, 288, 900, 400);
     vesk_logo_table table;
     const std::string out = vesk_test::capture_stdout([&] { table.load(root.c_str()); });
     EXPECT_EQ(16, vesk_test::count_of(out, "[Load Logo Frame] Open Failed "));
     EXPECT_NE(
         std::string::npos, out.find("not_connect_camera.nvr Vertify Logo Frame Width[0] Height[288] Not Invalid"));
-    EXPECT_NE(std::string::npos,
-        out.find("[Load Logo Frame] Read " + root + "/mnt/mtd/res/platform/company.nvr Logo Frame Failed"));
+    EXPECT_NE(std::string::npos, out.find("[Load Logo Frame] Read " + dir + "company.nvr Logo Frame Failed"));
 
     _tagVeskFrameHeader* f = nullptr;
     uint32_t len = 0;
@@ -242,4 +229,26 @@ TEST(AvLogoTest, MissingLargeLogoFallsBackAndBadFilesStayEmpty)
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, table.get(VESK_LOGO_NO_VIDEO, false, nullptr, &len));
     // The init-time table read the test root, which holds no logos.
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, vesk_utility_get_logo_frame(VESK_LOGO_NO_VIDEO, 1, &f, &len));
+
+    // A reader of a camera not connected gets that logo; of one with no block for 11 s, no video.
+    vesk_test::capture_stdout([&] { logo_table().load(root.c_str()); });
+    vesk_utility_av_mng mng;
+    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 0x77);
+    r->set_chn(3);
+    uint32_t next = 0;
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    EXPECT_EQ(800u, f->uiLength);
+    EXPECT_TRUE(r->is_free()) << "a logo holds no block";
+    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    vesk_test::feed in(mng, 1024); // connects the camera
+    in.put(0, VESK_FRAME_TYPE_I);
+    EXPECT_EQ(0u, vesk_test::read_one(r));
+    const vesk_av_time now = av_now();
+    mng.rotate_pass(now);
+    mng.rotate_pass(at(now, 11000));
+    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    EXPECT_EQ(500u, f->uiLength);
+    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    mng.delete_av_reader(r, __FILE__, __func__);
+    vesk_test::capture_stdout([] { load_logo_frame(); }); // the process's table back as init loaded it
 }
