@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "proxy_server_process.h" // wait_for
 #include "test_support.h"
 #include "vesk_utility.h"
 #include "vesk_utility_resource.h"
@@ -27,6 +27,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_utility;
+using vesk_test::wait_for;
 
 namespace vesk_utility
 {
@@ -59,7 +60,12 @@ public:
     static void add_head(utility_thread_pool& p, vesk_thread_record* r) { p.add_node_head(r); }
     static void set_pause(utility_thread_pool& p, unsigned ms) { p.m_pause_ms = ms; }
     static pthread_mutex_t& lock(utility_thread_pool& p) { return p.m_lock; }
-
+    static bool init_tables(utility_thread_pool& p) { return p.proc_init_node(); }
+    static void free_tables(utility_thread_pool& p)
+    {
+        p.proc_free_node();
+        p.m_view_busy = false;
+    }
     // One sample of a fixture tree and its listing.
     static void sample_and_print(
         utility_thread_pool& p, const std::string& root, int pid, bool show_all, print_fn print)
@@ -68,13 +74,7 @@ public:
         p.proc_sample(root.c_str(), pid);
         p.proc_print(show_all, print);
     }
-    static bool init_tables(utility_thread_pool& p) { return p.proc_init_node(); }
-    static void free_tables(utility_thread_pool& p)
-    {
-        p.proc_free_node();
-        p.m_view_busy = false;
-    }
-    // Hand-filled tables: prev/cur entries and totals, then the listing.
+    // Hand-filled tables (a previous total of 0: none), then the listing.
     static void print_tables(utility_thread_pool& p, const std::vector<vesk_cpu_sample>& prev, uint64_t prev_total,
         const std::vector<vesk_cpu_sample>& cur, uint64_t cur_total, bool show_all, print_fn print)
     {
@@ -120,15 +120,9 @@ utility_thread_pool& private_pool()
     return *vesk_test::never_destroyed(new utility_thread_pool());
 }
 
-bool wait_until(const std::function<bool()>& cond)
+uint32_t mem_total()
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return vesk_utility_res_manage::instance()->mem_account().total_size();
 }
 
 std::string comm_of(int tid)
@@ -144,6 +138,23 @@ int32_t own_tid()
     return static_cast<int32_t>(syscall(SYS_gettid));
 }
 
+std::string vfmt(const char* f, va_list ap)
+{
+    char line[512];
+    vsnprintf(line, sizeof(line), f, ap);
+    return line;
+}
+
+std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char* f, ...)
+{
+    va_list ap;
+    va_start(ap, f);
+    std::string s = vfmt(f, ap);
+    va_end(ap);
+    return s;
+}
+
 // The print function of the diagnostics, collecting into s_out; returns non-zero (console
 // gone) once s_stop_after separators have been printed, or once s_stop says so.
 std::mutex s_out_lock;
@@ -152,31 +163,15 @@ int s_separators = 0;
 int s_stop_after = 1 << 30;
 std::function<bool(const std::string&)> s_stop;
 
-std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* f, ...)
-{
-    char line[512];
-    va_list ap;
-    va_start(ap, f);
-    vsnprintf(line, sizeof(line), f, ap);
-    va_end(ap);
-    return line;
-}
-
 int collect(const char* f, ...)
 {
-    char line[512];
     va_list ap;
     va_start(ap, f);
-    vsnprintf(line, sizeof(line), f, ap);
+    const std::string text = vfmt(f, ap);
     va_end(ap);
     std::lock_guard<std::mutex> g(s_out_lock);
-    const std::string text(line);
-    if (text.find(" -----") == 0) {
-        if (++s_separators >= s_stop_after || (s_stop && s_stop(s_out)))
-            return 1;
-        return 0; // counted, not kept
-    }
+    if (text.find(" -----") == 0) // separators are counted, not kept
+        return ++s_separators >= s_stop_after || (s_stop && s_stop(s_out)) ? 1 : 0;
     s_out += text;
     return 0;
 }
@@ -190,23 +185,54 @@ void reset_collect(int stop_after = 1 << 30)
     s_stop = nullptr;
 }
 
-// The CPU view's header; a row with a share and no record; a row without a share.
-const std::string k_header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
-std::string cpu_row(int pid, int whole, int tenth)
+// What one diagnose command prints.
+const std::string& diagnosed(utility_thread_pool& pool, int para)
 {
-    return fmt("%5d %4d.%1d %6s %6s %32s %32s\n", pid, whole, tenth, "-", "-", "-", "-");
-}
-std::string dash_row(int pid)
-{
-    return fmt("%5d %6s %6s %6s %32s %32s\n", pid, "-", "-", "-", "-", "-");
+    reset_collect();
+    pool.diagnose(para, collect);
+    return s_out;
 }
 
-// Whether the captured output holds the text.
+// The CPU view's header, and a row: the share in tenths of a percent and the record's columns,
+// "-" where there is none (negative).
+const std::string k_header = fmt("%5s %6s %6s %6s %32s %32s\n", "PID", "%CPU", "prio", "type", "Thread", "Function");
+std::string cpu_row(int pid, int tenths, int prio = -1, int type = -1, const char* name = "-", const char* fn = "-")
+{
+    const auto col = [](int v, const std::string& s) { return v < 0 ? std::string("-") : s; };
+    return fmt("%5d %6s %6s %6s %32s %32s\n", pid, col(tenths, fmt("%d.%d", tenths / 10, tenths % 10)).c_str(),
+        col(prio, std::to_string(prio)).c_str(), col(type, std::to_string(type)).c_str(), name, fn);
+}
+
 ::testing::AssertionResult has(const std::string& out, const std::string& text)
 {
     if (out.find(text) != std::string::npos)
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "'" << text << "' not in:\n" << out;
+}
+
+// The record of a handle on one line; empty when there is none.
+std::string record_of(utility_thread_pool& pool, unsigned long h)
+{
+    vesk_thread_record r;
+    if (!probe::record(pool, h, r))
+        return "";
+    return fmt("pid %d, '%s' '%s', stack %u, type %u, prio %u, auto %d, state %u", r.pid, r.thread_name,
+        r.function_name, r.stack_size, r.work_type, r.priority, r.auto_retrieve, r.state);
+}
+
+// A record as creation leaves it, then the thread's enter unless function is null.
+void add_record(utility_thread_pool& pool, unsigned long h, uint32_t type, uint32_t prio, const char* name, int pid,
+    const char* function, uint32_t stack = 0, VESK_BOOL auto_retrieve = 0)
+{
+    vesk_thread_creat_ctl c {};
+    c.work_type = type;
+    c.priority = prio;
+    c.stack_size = stack;
+    c.auto_retrieve = auto_retrieve;
+    probe::save_hand(pool, h, c, name);
+    if (function != nullptr) {
+        ASSERT_EQ(pool.save_thr_pid(h, pid, function), VESK_OK);
+    }
 }
 
 // What a registered routine reports back to the test.
@@ -244,9 +270,8 @@ void* routine(void* arg)
     w->policy = policy;
     w->hand = self;
     while (!w->go) {
-        if (w->spin)
-            continue;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (!w->spin)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     w->exit_ret = vesk_utility_exit_thread(self);
     w->done = true;
@@ -269,20 +294,8 @@ unsigned long start(worker& w, const vesk_thread_creat_ctl& c, const char* name)
 {
     unsigned long h = 0;
     EXPECT_EQ(vesk_utility_creat_thread(&c, name, &h), VESK_OK);
-    EXPECT_TRUE(wait_until([&] { return w.hand != 0; }));
+    EXPECT_TRUE(wait_for([&] { return w.hand != 0; }));
     return h;
-}
-
-std::string temp_dir()
-{
-    char dir[] = "/tmp/vesk_thr.XXXXXX";
-    EXPECT_NE(mkdtemp(dir), nullptr);
-    return dir;
-}
-
-void write_file(const std::string& path, const std::string& text)
-{
-    std::ofstream(path) << text;
 }
 
 // A per-task stat line with the given times in fields 14 and 15.
@@ -293,51 +306,36 @@ std::string stat_line(int tid, const char* name, unsigned utime, unsigned stime)
 
 } // namespace
 
-// ---- Lifecycle through the exported calls ------------------------------------------------
-
 TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
 {
-    const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
+    const uint32_t mem_before = mem_total();
     worker w;
     const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 4096), "recorder_io");
     ASSERT_NE(h, 0ul);
     EXPECT_EQ(w.enter_ret.load(), VESK_OK);
     EXPECT_EQ(w.hand.load(), h);
-
-    // The kernel keeps the first 15 characters of the function name.
+    // The kernel keeps the first 15 characters of the function name. A 4 KiB stack request gets
+    // the 512 KiB floor (the C library may add a guard page); the record keeps it as asked.
     EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun");
-    // A 4 KiB request gets the 512 KiB floor (the C library may add a guard page).
     EXPECT_GE(w.stack.load(), 524288u);
     EXPECT_LT(w.stack.load(), 1048576u);
-
-    vesk_thread_record r;
-    ASSERT_TRUE(probe::record(live_pool(), h, r));
-    EXPECT_EQ(r.pid, w.tid.load());
-    EXPECT_STREQ(r.thread_name, "recorder_io");
-    EXPECT_STREQ(r.function_name, "vesk_worker_function_name");
-    EXPECT_EQ(r.stack_size, 4096u); // as asked, not as floored
-    EXPECT_EQ(r.work_type, 1u);
-    EXPECT_EQ(r.auto_retrieve, 0);
-    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_RUNNING));
-
+    EXPECT_EQ(record_of(live_pool(), h),
+        fmt("pid %d, 'recorder_io' 'vesk_worker_function_name', stack 4096, type 1, prio 0, auto 0, state %u",
+            w.tid.load(), VESK_THREAD_RUNNING));
     // The registered list shows the record, stack as asked in K, and finds the thread alive.
-    reset_collect();
-    live_pool().diagnose(2, collect);
-    EXPECT_TRUE(has(s_out,
+    const std::string listed = diagnosed(live_pool(), 2);
+    EXPECT_TRUE(has(listed,
         fmt("%6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", w.tid.load(), 4, 'K', 1, 0, 0, 2, "recorder_io",
             "vesk_worker_function_name")));
-    EXPECT_EQ(s_out.find("WARINNG"), std::string::npos) << s_out;
+    EXPECT_EQ(listed.find("WARINNG"), std::string::npos) << listed;
 
     w.go = true;
-    ASSERT_TRUE(wait_until([&] { return w.done.load(); }));
+    ASSERT_TRUE(wait_for([&] { return w.done.load(); }));
     EXPECT_EQ(w.exit_ret.load(), VESK_OK);
-    ASSERT_TRUE(probe::record(live_pool(), h, r)); // joinable: kept until retrieved
-    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_EXITED));
-
+    EXPECT_TRUE(has(record_of(live_pool(), h), fmt("state %u", VESK_THREAD_EXITED))); // kept until retrieved
     EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
-    EXPECT_FALSE(probe::record(live_pool(), h, r));
-    EXPECT_EQ(vesk_utility_res_manage::instance()->mem_account().total_size(), mem_before);
-
+    EXPECT_EQ(record_of(live_pool(), h), "");
+    EXPECT_EQ(mem_total(), mem_before);
     const std::string out
         = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
     EXPECT_TRUE(has(out, fmt("thread_hand = %lu, is invalid!", h)));
@@ -348,29 +346,24 @@ TEST(ThreadPoolTest, AutoRetrieveRecordGoesAtExitAndRetrieveOnlyDropsIt)
     // Exit removes the record of a detached thread; retrieving it afterwards is an error.
     worker a;
     const unsigned long ha = start(a, ctl_for(a, VESK_THREAD_WORK_COMMON, 1), "detached_a");
-    vesk_thread_record r;
-    ASSERT_TRUE(probe::record(live_pool(), ha, r));
-    EXPECT_EQ(r.auto_retrieve, 1);
-    EXPECT_EQ(r.stack_size, 0u);
+    EXPECT_TRUE(has(record_of(live_pool(), ha), "stack 0, type 1, prio 0, auto 1"));
     a.go = true;
-    ASSERT_TRUE(wait_until([&] { return a.done.load(); }));
+    ASSERT_TRUE(wait_for([&] { return a.done.load(); }));
     EXPECT_EQ(a.exit_ret.load(), VESK_OK);
-    EXPECT_FALSE(probe::record(live_pool(), ha, r));
-    std::string out
-        = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(ha), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_TRUE(has(out, "is invalid!"));
+    EXPECT_EQ(record_of(live_pool(), ha), "");
+    vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(ha), VESK_ERR_OPERATE_FAIL); });
 
     // Retrieve of a detached thread still running: no join, the record goes, and the thread's
     // own exit then finds nothing.
     worker b;
     const unsigned long hb = start(b, ctl_for(b, VESK_THREAD_WORK_COMMON, 1), "detached_b");
-    out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(hb), VESK_OK); });
+    std::string out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(hb), VESK_OK); });
     EXPECT_TRUE(has(out, fmt("thread_hand = %lu, name = 'detached_b', is auto retrieve, not need!", hb)));
     EXPECT_FALSE(b.done.load()); // not joined: it is still waiting for go
-    EXPECT_FALSE(probe::record(live_pool(), hb, r));
+    EXPECT_EQ(record_of(live_pool(), hb), "");
     out = vesk_test::capture_stdout([&] {
         b.go = true;
-        ASSERT_TRUE(wait_until([&] { return b.done.load(); }));
+        ASSERT_TRUE(wait_for([&] { return b.done.load(); }));
     });
     EXPECT_EQ(b.exit_ret.load(), VESK_ERR_OPERATE_FAIL);
     EXPECT_TRUE(has(out, fmt("thread_hand = %lu, is invalid!", hb)));
@@ -402,35 +395,12 @@ TEST(ThreadPoolTest, BadArgumentsCreateNothing)
     EXPECT_TRUE(has(out, "thread_hand = 4660, is invalid!"));
 }
 
-TEST(ThreadPoolTest, EnterWithoutCreateRegistersRunningAnonymousThread)
+// Without a pool nothing is registered at creation: the routine's enter registers it (unnamed
+// function: "anonymous") and exit keeps the record of a thread not created as auto retrieve.
+TEST(ThreadPoolTest, ThreadsCreatedWithoutThePoolRunNamedAndRegisterThroughEnter)
 {
     worker w;
     w.function = nullptr;
-    std::thread t(routine, &w);
-    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
-    EXPECT_EQ(w.enter_ret.load(), VESK_OK);
-    EXPECT_EQ(comm_of(w.tid), "anonymous");
-    vesk_thread_record r;
-    ASSERT_TRUE(probe::record(live_pool(), w.hand, r));
-    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_RUNNING));
-    EXPECT_EQ(r.pid, w.tid.load());
-    EXPECT_STREQ(r.function_name, "anonymous");
-    EXPECT_STREQ(r.thread_name, "");
-    EXPECT_EQ(r.work_type, 0u);
-    EXPECT_EQ(r.priority, 0u);
-    w.go = true;
-    t.join();
-    EXPECT_EQ(w.exit_ret.load(), VESK_OK);
-    ASSERT_TRUE(probe::record(live_pool(), w.hand, r)); // not auto retrieve: the record stays
-    EXPECT_EQ(r.state, uint32_t(VESK_THREAD_EXITED));
-    EXPECT_EQ(live_pool().delete_thr_hand(w.hand), VESK_OK);
-    EXPECT_EQ(live_pool().delete_thr_hand(w.hand), VESK_ERR_OPERATE_FAIL);
-}
-
-TEST(ThreadPoolTest, WithoutPoolThreadsStillRunNamedAndJoined)
-{
-    worker w;
-    w.function = "no_pool";
     const int before = probe::records(live_pool());
     const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON);
     unsigned long h = 0;
@@ -442,19 +412,21 @@ TEST(ThreadPoolTest, WithoutPoolThreadsStillRunNamedAndJoined)
     for (const char* fn : {"creat_thread", "enter_thread", "exit_thread"})
         EXPECT_TRUE(has(out, fmt("[UTL] WARNING! %s[", fn)));
     EXPECT_EQ(vesk_test::count_of(out, "get thread_pool fail!"), 3) << out;
-    ASSERT_NE(h, 0ul);
-    ASSERT_TRUE(wait_until([&] { return w.hand != 0; }));
-    EXPECT_EQ(comm_of(w.tid), "no_pool"); // the routine's enter went to the live pool
     EXPECT_EQ(comm_of(own_tid()), "no_pool_main");
+    ASSERT_NE(h, 0ul);
+    ASSERT_TRUE(wait_for([&] { return w.hand != 0; }));
+    EXPECT_EQ(w.enter_ret.load(), VESK_OK);
+    EXPECT_EQ(comm_of(w.tid), "anonymous");
+    EXPECT_EQ(record_of(live_pool(), h),
+        fmt("pid %d, '' 'anonymous', stack 0, type 0, prio 0, auto 0, state %u", w.tid.load(), VESK_THREAD_RUNNING));
     w.go = true;
     out = vesk_test::capture_stdout([&] { EXPECT_EQ(retrieve_thread(nullptr, h), VESK_OK); });
     EXPECT_TRUE(has(out, "[UTL] WARNING! retrieve_thread["));
     EXPECT_TRUE(w.done.load()); // joined: the routine has finished
-    // The routine registered itself through enter; the creation itself registered nothing.
-    vesk_thread_record r;
-    ASSERT_TRUE(probe::record(live_pool(), h, r));
-    EXPECT_STREQ(r.thread_name, "");
+    EXPECT_EQ(w.exit_ret.load(), VESK_OK);
+    EXPECT_TRUE(has(record_of(live_pool(), h), fmt("state %u", VESK_THREAD_EXITED)));
     EXPECT_EQ(live_pool().delete_thr_hand(h), VESK_OK);
+    EXPECT_EQ(live_pool().delete_thr_hand(h), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(probe::records(live_pool()), before);
 }
 
@@ -472,8 +444,7 @@ TEST(ThreadPoolTest, RecordAllocationFailureIsLoggedAndSurfacedOnlyByEnter)
     EXPECT_TRUE(has(out, fmt("thread_hand = %lu, pid = %d, 'vesk_worker_function_name' is invalid!", h, w.tid.load())));
     EXPECT_EQ(w.enter_ret.load(), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun"); // named all the same
-    vesk_thread_record r;
-    EXPECT_FALSE(probe::record(live_pool(), h, r));
+    EXPECT_EQ(record_of(live_pool(), h), "");
     w.go = true;
     vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
     EXPECT_EQ(pthread_join(h, nullptr), 0); // unregistered, so the caller joins it itself
@@ -488,10 +459,7 @@ TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
     c.priority = 10;
     const unsigned long h = start(w, c, "rt_from_normal");
     EXPECT_EQ(w.policy.load(), SCHED_OTHER);
-    vesk_thread_record r;
-    ASSERT_TRUE(probe::record(live_pool(), h, r));
-    EXPECT_EQ(r.work_type, 2u);
-    EXPECT_EQ(r.priority, 10u);
+    EXPECT_TRUE(has(record_of(live_pool(), h), "type 2, prio 10,"));
     w.go = true;
     EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
 
@@ -504,23 +472,20 @@ TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
         sched_param sp {};
         sp.sched_priority = 7;
         set_ret = pthread_setschedparam(pthread_self(), SCHED_RR, &sp);
-        if (set_ret != 0)
-            return;
         const vesk_thread_creat_ctl crt = ctl_for(rt, VESK_THREAD_WORK_REAL_TIME);
-        create_ret = vesk_utility_creat_thread(&crt, "rt_from_rt", &hrt);
+        if (set_ret == 0)
+            create_ret = vesk_utility_creat_thread(&crt, "rt_from_rt", &hrt);
     });
     creator.join();
     if (set_ret != 0)
         GTEST_SKIP() << "SCHED_RR refused here (" << strerror(set_ret) << "); real-time inheritance not checked";
     ASSERT_EQ(create_ret.load(), VESK_OK);
-    ASSERT_TRUE(wait_until([&] { return rt.hand != 0; }));
+    ASSERT_TRUE(wait_for([&] { return rt.hand != 0; }));
     EXPECT_EQ(rt.policy.load(), SCHED_RR);
     EXPECT_EQ(rt.priority.load(), 7);
     rt.go = true;
     EXPECT_EQ(vesk_utility_retrieve_thread(hrt), VESK_OK);
 }
-
-// ---- CPU view ----------------------------------------------------------------------------
 
 TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
 {
@@ -529,19 +494,12 @@ TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
     EXPECT_EQ(total, 280u); // the first seven counters only
     EXPECT_FALSE(parse_system_stat("intr 1 2 3\n", &total));
 
-    vesk_cpu_sample e {};
-    EXPECT_TRUE(parse_pid_stat(stat_line(321, "worker", 1234, 56).c_str(), &e));
-    EXPECT_EQ(e.utime, 1234u);
-    EXPECT_EQ(e.stime, 56u);
-    EXPECT_EQ(e.stat_read, 1u);
-
     // A blank in the name shifts the columns by one: cminflt (0) and utime are read.
-    vesk_cpu_sample shifted {};
+    vesk_cpu_sample e {}, shifted {}, short_line {};
+    EXPECT_TRUE(parse_pid_stat(stat_line(321, "worker", 1234, 56).c_str(), &e));
     EXPECT_TRUE(parse_pid_stat(stat_line(321, "my worker", 1234, 56).c_str(), &shifted));
-    EXPECT_EQ(shifted.utime, 0u);
-    EXPECT_EQ(shifted.stime, 1234u);
-
-    vesk_cpu_sample short_line {};
+    EXPECT_EQ(std::vector<uint64_t>({e.utime, e.stime, e.stat_read, shifted.utime, shifted.stime}),
+        std::vector<uint64_t>({1234, 56, 1, 0, 1234}));
     EXPECT_FALSE(parse_pid_stat("321 (w) S 1 1 1", &short_line));
     EXPECT_EQ(short_line.stat_read, 0u);
 
@@ -552,80 +510,56 @@ TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
     EXPECT_TRUE(has(out, "[UTL] ERROR! scanf_system_stat["));
     EXPECT_TRUE(has(out, "[UTL] ERROR! scanf_pid_stat["));
     EXPECT_TRUE(has(out, "Can not open /nonexistent/1/stat"));
-
-    // The live files parse.
-    EXPECT_TRUE(scanf_system_stat("/proc/stat", &total));
-    EXPECT_GT(total, 0u);
-    vesk_cpu_sample self {};
-    EXPECT_TRUE(scanf_pid_stat("/proc/self/stat", &self));
 }
 
 TEST(ThreadPoolCpuTest, TwoSamplesOfAFixtureTreeGiveExactShares)
 {
     // Process 100 with threads 101 (registered) and 102 (idle, not registered). The main
     // thread's own task entry (100) is skipped: entry 0 stands for the whole process.
-    const std::string root = temp_dir();
-    mkdir((root + "/100").c_str(), 0755);
-    mkdir((root + "/100/task").c_str(), 0755);
+    const std::string root = vesk_test::private_root() + "/proc_fixture";
     for (int tid : {100, 101, 102})
-        mkdir((root + "/100/task/" + std::to_string(tid)).c_str(), 0755);
+        std::filesystem::create_directories(root + "/100/task/" + std::to_string(tid));
     auto write_sample = [&](unsigned total_base, unsigned proc, unsigned t101, unsigned t102) {
-        write_file(root + "/stat", fmt("cpu  %u 0 0 0 0 0 0 0 0 0\n", total_base));
-        write_file(root + "/100/stat", stat_line(100, "nvr", proc, 0));
-        write_file(root + "/100/task/100/stat", stat_line(100, "nvr", 1, 0));
-        write_file(root + "/100/task/101/stat", stat_line(101, "rec", t101, 2));
-        write_file(root + "/100/task/102/stat", stat_line(102, "idle", t102, 0));
+        std::ofstream(root + "/stat") << fmt("cpu  %u 0 0 0 0 0 0 0 0 0\n", total_base);
+        std::ofstream(root + "/100/stat") << stat_line(100, "nvr", proc, 0);
+        std::ofstream(root + "/100/task/100/stat") << stat_line(100, "nvr", 1, 0);
+        std::ofstream(root + "/100/task/101/stat") << stat_line(101, "rec", t101, 2);
+        std::ofstream(root + "/100/task/102/stat") << stat_line(102, "idle", t102, 0);
     };
-
     utility_thread_pool& pool = private_pool();
-    vesk_thread_creat_ctl c {};
-    c.work_type = 2;
-    c.priority = 30;
-    probe::save_hand(pool, 0x5001, c, "recorder");
-    ASSERT_EQ(pool.save_thr_pid(0x5001, 101, "rec_loop"), VESK_OK);
+    auto listing = [&](int pid, bool show_all) {
+        reset_collect();
+        probe::sample_and_print(pool, root, pid, show_all, collect);
+        return s_out;
+    };
+    add_record(pool, 0x5001, 2, 30, "recorder", 101, "rec_loop");
     ASSERT_TRUE(probe::init_tables(pool));
     EXPECT_FALSE(probe::init_tables(pool)); // one view at a time
 
     // First sample: no reference yet, so nothing passes the 0.1% filter...
     write_sample(1000, 500, 100, 7);
-    reset_collect();
-    probe::sample_and_print(pool, root, 100, false, collect);
-    EXPECT_EQ(s_out, k_header);
+    EXPECT_EQ(listing(100, false), k_header);
     // ...second: 200 ticks elapsed; the process used 50, thread 101 used 33, thread 102 none.
     write_sample(1200, 550, 133, 7);
-    reset_collect();
-    probe::sample_and_print(pool, root, 100, false, collect);
-    EXPECT_EQ(s_out,
-        k_header + cpu_row(100, 25, 0)
-            + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 101, 16, 5, 30, 2, "recorder", "rec_loop"));
+    EXPECT_EQ(listing(100, false), k_header + cpu_row(100, 250) + cpu_row(101, 165, 30, 2, "recorder", "rec_loop"));
     // Show-all keeps the idle thread, with 0.0, at the end.
     write_sample(1400, 551, 134, 7);
-    reset_collect();
-    probe::sample_and_print(pool, root, 100, true, collect);
-    EXPECT_EQ(s_out,
-        k_header + cpu_row(100, 0, 5) + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 101, 0, 5, 30, 2, "recorder", "rec_loop")
-            + cpu_row(102, 0, 0));
+    EXPECT_EQ(listing(100, true),
+        k_header + cpu_row(100, 5) + cpu_row(101, 5, 30, 2, "recorder", "rec_loop") + cpu_row(102, 0));
 
     // A process without a task directory is logged and leaves only entry 0.
-    const std::string out = vesk_test::capture_stdout([&] {
-        reset_collect();
-        probe::sample_and_print(pool, root, 999, true, collect);
-    });
+    std::string listed;
+    const std::string out = vesk_test::capture_stdout([&] { listed = listing(999, true); });
     EXPECT_TRUE(has(out, "[UTL] ERROR! utility_thread_pool::proc_load_pid["));
     EXPECT_TRUE(has(out, fmt("%s/999/task open fail!", root.c_str())));
-    EXPECT_EQ(s_out, k_header + dash_row(999));
+    EXPECT_EQ(listed, k_header + cpu_row(999, -1));
     probe::free_tables(pool);
-    std::filesystem::remove_all(root);
 }
 
 TEST(ThreadPoolCpuTest, ListingMatchesByPositionFiltersAndOrders)
 {
     utility_thread_pool& pool = private_pool();
-    vesk_thread_creat_ctl c {};
-    c.work_type = 1;
-    c.priority = 3;
-    probe::save_hand(pool, 0x6001, c, "disk");
-    ASSERT_EQ(pool.save_thr_pid(0x6001, 12, "disk_loop"), VESK_OK);
+    add_record(pool, 0x6001, 1, 3, "disk", 12, "disk_loop");
     vesk_thread_record r;
     ASSERT_TRUE(probe::record(pool, 0x6001, r));
     ASSERT_TRUE(probe::init_tables(pool));
@@ -645,14 +579,13 @@ TEST(ThreadPoolCpuTest, ListingMatchesByPositionFiltersAndOrders)
     const std::vector<vesk_cpu_sample> prev = {e(10, 100), e(11, 100), e(12, 100), e(13, 100), e(15, 0), e(16, 1)};
     std::vector<vesk_cpu_sample> cur = {e(10, 500), e(11, 120), e(12, 500), e(14, 900), e(15, 0, 0), e(16, 2000)};
     cur[2].record = &r;
-    const std::string listed = k_header + cpu_row(16, 9, 9) + cpu_row(10, 2, 0)
-        + fmt("%5d %4d.%1d %6d %6d %32s %32s\n", 12, 2, 0, 3, 1, "disk", "disk_loop");
-    reset_collect();
-    probe::print_tables(pool, prev, 100000, cur, 120000, false, collect);
-    EXPECT_EQ(s_out, listed);
-    reset_collect();
-    probe::print_tables(pool, prev, 100000, cur, 120000, true, collect);
-    EXPECT_EQ(s_out, listed + cpu_row(11, 0, 0) + dash_row(14) + dash_row(15));
+    const std::string listed
+        = k_header + cpu_row(16, 99) + cpu_row(10, 20) + cpu_row(12, 20, 3, 1, "disk", "disk_loop");
+    for (bool show_all : {false, true}) {
+        reset_collect();
+        probe::print_tables(pool, prev, 100000, cur, 120000, show_all, collect);
+        EXPECT_EQ(s_out, show_all ? listed + cpu_row(11, 0) + cpu_row(14, -1) + cpu_row(15, -1) : listed);
+    }
     probe::free_tables(pool);
 }
 
@@ -662,7 +595,7 @@ TEST(ThreadPoolCpuTest, LiveViewShowsABusyThreadAndStartsWithDashes)
     w.spin = true;
     w.function = "busy_loop";
     const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON), "busy_worker");
-    const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
+    const uint32_t mem_before = mem_total();
 
     // Show-all, stopped once a sample after the first shows the busy thread above 0.0%
     // (or after 40 samples, which fails the test below).
@@ -684,59 +617,39 @@ TEST(ThreadPoolCpuTest, LiveViewShowsABusyThreadAndStartsWithDashes)
     // The first listing has no reference sample: "-" for every thread, the busy one included.
     ASSERT_EQ(s_out.find(k_header), 0u) << s_out;
     const std::string first = s_out.substr(k_header.size(), s_out.find(k_header, 1) - k_header.size());
-    EXPECT_TRUE(has(first, fmt("%5d %6s %6d %6d %32s %32s\n", w.tid.load(), "-", 0, 1, "busy_worker", "busy_loop")));
+    EXPECT_TRUE(has(first, cpu_row(w.tid, -1, 0, 1, "busy_worker", "busy_loop")));
     EXPECT_TRUE(has(first, fmt("%5d %6s %6s %6s", getpid(), "-", "-", "-")));
     EXPECT_GT(busy_whole * 10 + busy_tenth, 0) << s_out;
     EXPECT_LT(s_separators, 41) << s_out;
-    // The sample tables are freed when the view ends.
-    EXPECT_EQ(vesk_utility_res_manage::instance()->mem_account().total_size(), mem_before);
+    EXPECT_EQ(mem_total(), mem_before); // the sample tables are freed when the view ends
 
     w.go = true;
     EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
 }
 
-// ---- Diagnose commands -------------------------------------------------------------------
-
 TEST(ThreadPoolDiagnoseTest, RecordListIsExactAndFlagsThreadsThatDoNotExist)
 {
     utility_thread_pool& pool = private_pool();
-    vesk_thread_creat_ctl c {};
-    c.work_type = 1;
-    c.priority = 5;
-    c.stack_size = 4096;
-    probe::save_hand(pool, 0x7001, c, "never_entered");
-    c.work_type = 2;
-    c.priority = 40;
-    c.stack_size = 2 * 1048576;
-    c.auto_retrieve = 1;
-    probe::save_hand(pool, 0x7002, c, "main_like");
-    ASSERT_EQ(pool.save_thr_pid(0x7002, own_tid(), "the_test"), VESK_OK);
-
-    reset_collect();
-    pool.diagnose(2, collect);
-    const std::string expect = fmt("%5s %6s %6s %12s %12s %16s, %6s, %32s %32s\n", "idx", "PID", "Stack", "Work_type",
-                                   "Priority", "auto_retrieve", "state", "Thread", "Function")
-        + fmt("%5d %6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", 0, own_tid(), 2, 'M', 2, 40, 1, 2, "main_like",
-            "the_test")
-        + fmt("%5d %6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", 1, 0, 4, 'K', 1, 5, 0, 1, "never_entered", "")
-        + "----------- check pool list --------------------\n"
-        + "WARINNG!! PID = 0, type = 1, priority = 5, thread_name = 'never_entered', function = '', not exist, "
-          "why??\n"
-        + "----------- check pool list complete --------------------\n";
-    EXPECT_EQ(s_out, expect);
-
-    reset_collect();
-    pool.diagnose(3, collect);
-    EXPECT_EQ(s_out, "para = 0x3 not support!\n");
+    add_record(pool, 0x7001, 1, 5, "never_entered", 0, nullptr, 4096);
+    add_record(pool, 0x7002, 2, 40, "main_like", own_tid(), "the_test", 2 * 1048576, 1);
+    const std::string row = "%5d %6d %5d%c %12d %12d %16d, %6d, %32s %32s\n";
+    EXPECT_EQ(diagnosed(pool, 2),
+        fmt("%5s %6s %6s %12s %12s %16s, %6s, %32s %32s\n", "idx", "PID", "Stack", "Work_type", "Priority",
+            "auto_retrieve", "state", "Thread", "Function")
+            + fmt(row.c_str(), 0, own_tid(), 2, 'M', 2, 40, 1, 2, "main_like", "the_test")
+            + fmt(row.c_str(), 1, 0, 4, 'K', 1, 5, 0, 1, "never_entered", "")
+            + "----------- check pool list --------------------\n"
+            + "WARINNG!! PID = 0, type = 1, priority = 5, thread_name = 'never_entered', function = '', not exist, "
+              "why??\n"
+            + "----------- check pool list complete --------------------\n");
+    EXPECT_EQ(diagnosed(pool, 3), "para = 0x3 not support!\n");
 }
 
 TEST(ThreadPoolDiagnoseTest, BusyRegistryIsNeverWaitedFor)
 {
     utility_thread_pool& pool = private_pool();
     pthread_mutex_lock(&probe::lock(pool));
-    reset_collect();
-    pool.diagnose(2, collect);
-    EXPECT_EQ(s_out, "sorry, try lock fail!\n");
+    EXPECT_EQ(diagnosed(pool, 2), "sorry, try lock fail!\n");
     pthread_mutex_unlock(&probe::lock(pool));
 
     // The lock taken during the pause after the first sample: ten tries, then the view ends.
@@ -756,7 +669,7 @@ TEST(ThreadPoolDiagnoseTest, BusyRegistryIsNeverWaitedFor)
             });
         return false;
     };
-    const uint32_t mem_before = vesk_utility_res_manage::instance()->mem_account().total_size();
+    const uint32_t mem_before = mem_total();
     pool.diagnose(1, collect);
     EXPECT_TRUE(holder_has_lock.load());
     release = true;
@@ -766,18 +679,14 @@ TEST(ThreadPoolDiagnoseTest, BusyRegistryIsNeverWaitedFor)
         expect_tail += fmt("sorry, try lock fail, lock_fail_cnt = %d!\n", i);
     ASSERT_GE(s_out.size(), expect_tail.size());
     EXPECT_EQ(s_out.substr(s_out.size() - expect_tail.size()), expect_tail) << s_out;
-    EXPECT_EQ(vesk_utility_res_manage::instance()->mem_account().total_size(), mem_before);
+    EXPECT_EQ(mem_total(), mem_before);
 }
 
-TEST(ThreadPoolDeathTest, DestroyingThePoolIsFatal)
+TEST(ThreadPoolDeathTest, DestroyingThePoolAndInsertingARecordTwiceAreFatal)
 {
     VESK_EXPECT_FATAL(delete new utility_thread_pool(),
         "ASSERT!\n >File name: .*vesk_utility_thread_pool.cpp\n >Function: ~utility_thread_pool\n "
         ">Line No: [0-9]+\n >Condition: 0\n");
-}
-
-TEST(ThreadPoolDeathTest, RecordInsertedTwiceIsCaught)
-{
     VESK_EXPECT_FATAL(
         {
             utility_thread_pool& pool = private_pool();

@@ -1,7 +1,6 @@
-// The timer service with its real threads, in the process's own instance (each test runs in a
-// process of its own). Waits are for conditions, with deadlines far above what any machine
-// needs; nothing asserts a duration. A few checks assert that something did NOT happen during
-// a pause: they cannot fail on a correct service however slow the machine.
+// The timer service with its real threads, in the process's own instance. Waits are for
+// conditions with generous deadlines; nothing asserts a duration. Checks that something did NOT
+// happen during a pause cannot fail on a correct service however slow the machine.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -15,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "proxy_server_process.h" // wait_for
 #include "sched/vesk_utility_timer.h"
 #include "test_support.h"
 #include "vesk_utility_diagnose.h"
@@ -24,6 +24,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_utility;
+using vesk_test::wait_for;
 
 namespace vesk_utility
 {
@@ -34,12 +35,13 @@ class timer_probe
 public:
     static vesk_utility_timer* timer() { return vesk_utility_res_manage::instance()->get_timer(); }
 
+    // Nodes of a list with this callback (any when null) and parameter (any when null).
     static int count(vesk_timer_queue* que, vesk_timer_callback func, void* param)
     {
         int n = 0;
         pthread_mutex_lock(&que->lock);
         for (vesk_timer_task_node* p = que->que_head; p != nullptr; p = p->next)
-            n += (p->func == func && (param == nullptr || p->param == param)) ? 1 : 0;
+            n += ((func == nullptr || p->func == func) && (param == nullptr || p->param == param)) ? 1 : 0;
         pthread_mutex_unlock(&que->lock);
         return n;
     }
@@ -60,15 +62,7 @@ public:
     }
     static bool marked(vesk_timer_callback f, void* p) { return timer()->has_del_mark(f, p); }
     static uint32_t node_total() { return timer()->m_node_total; }
-    static uint32_t free_nodes()
-    {
-        uint32_t n = 0;
-        pthread_mutex_lock(&timer()->m_free_que.lock);
-        for (vesk_timer_task_node* p = timer()->m_free_que.que_head; p != nullptr; p = p->next)
-            n++;
-        pthread_mutex_unlock(&timer()->m_free_que.lock);
-        return n;
-    }
+    static uint32_t free_nodes() { return static_cast<uint32_t>(count(&timer()->m_free_que, nullptr, nullptr)); }
     // States of the temporary slots (empty while there are none).
     static std::vector<uint32_t> temp_states()
     {
@@ -95,18 +89,6 @@ namespace
 {
 
 using clock_type = std::chrono::steady_clock;
-
-// Polls cond until it holds or the (generous) deadline passes.
-template <class F> bool wait_for(F cond, int seconds = 60)
-{
-    const auto deadline = clock_type::now() + std::chrono::seconds(seconds);
-    while (!cond()) {
-        if (clock_type::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 void pause_ms(int ms)
 {
@@ -195,8 +177,16 @@ std::vector<std::string> lines_with(const std::string& text, const std::string& 
 
 } // namespace
 
-TEST(TimerTest, CallbackDecidesContinueSuspendAndDelete)
+TEST(TimerTest, CallbackDecidesContinueSuspendAndDeleteOnItsThreadGroup)
 {
+    scripted rt;
+    rt.ret = VESK_TIMER_RET_DELETE;
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1, 10, &rt, VESK_TIMER_TASK_REAL_TIME, 0), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return rt.runs == 1; }));
+    EXPECT_EQ(rt.seen_type, VESK_TIMER_TASK_REAL_TIME);
+    EXPECT_STREQ(rt.thread_name, "timer_realtime");
+    EXPECT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &rt, true) == 0; }));
+
     scripted s;
     s.set_next_ms = 10;
     ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1234, 50, &s, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
@@ -223,17 +213,6 @@ TEST(TimerTest, CallbackDecidesContinueSuspendAndDelete)
     EXPECT_EQ(vesk_utility_c_timer_wakeup(scripted_cb, &s, 0, VESK_TIMER_TASK_COMMON), VESK_OK);
     pause_ms(300);
     EXPECT_EQ(s.runs, suspended_at + 1);
-}
-
-TEST(TimerTest, RealTimeTasksRunOnTheRealTimeThreads)
-{
-    scripted s;
-    s.ret = VESK_TIMER_RET_DELETE;
-    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1, 10, &s, VESK_TIMER_TASK_REAL_TIME, 0), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return s.runs == 1; }));
-    EXPECT_EQ(s.seen_type, VESK_TIMER_TASK_REAL_TIME);
-    EXPECT_STREQ(s.thread_name, "timer_realtime");
-    EXPECT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &s, true) == 0; }));
 }
 
 TEST(TimerTest, SameTaskRegisteredTwiceStaysOneNode)
@@ -481,10 +460,6 @@ TEST(TimerTest, TemporaryThreadsStartForOverdueTasksAndRetireWhenIdle)
         EXPECT_TRUE(std::regex_search(out, std::regex("need_creat_num = [1-5], creat_num = [0-3] \\*{7}\n"))) << out;
     }
 
-    const std::string table = vesk_test::capture_stdout([] { timer_probe::timer()->diagnose(2, vesk_print_stdout); });
-    const size_t temp_title = table.find("常规任务临时工线程池");
-    ASSERT_NE(temp_title, std::string::npos) << table;
-
     // Released, the common threads are idle again; after ten idle seconds the temporary
     // threads are told to leave and do.
     for (blocker& x : b)
@@ -498,7 +473,7 @@ TEST(TimerTest, TemporaryThreadsStartForOverdueTasksAndRetireWhenIdle)
                 }
                 return true;
             },
-            120));
+            120000));
     });
     EXPECT_GE(vesk_test::count_of(out, "exit tmp thread_"), started) << out;
     EXPECT_NE(out.find("[UTL] vesk_utility_timer::check["), std::string::npos) << out;
@@ -572,7 +547,6 @@ TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
         vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1234, 50, &suspended, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
     ASSERT_TRUE(wait_for([&] { return timer_probe::waiting(scripted_cb, &suspended) == 1 && suspended.runs == 1; }));
     blocker running;
-    running.ret = VESK_TIMER_RET_DELETE;
     ASSERT_EQ(vesk_utility_c_regist_timer(0x43, blocker_cb, 0x5678, 70, &running, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
     ASSERT_TRUE(wait_for([&] { return running.entered == 1; }));
     scripted later;
@@ -580,65 +554,56 @@ TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
         VESK_OK);
 
     vesk_utility_timer* t = timer_probe::timer();
-    // The tables are only try-locked: on a busy (emulated) machine a service thread may hold a
-    // list at that moment, which the dump reports instead of waiting; ask again. Messages the
-    // service threads log meanwhile are not part of the tables.
-    std::string tasks;
-    ASSERT_TRUE(wait_for([&] {
-        tasks = vesk_test::without_log_messages(
-            vesk_test::capture_stdout([&] { t->diagnose(1, vesk_print_stdout); }));
-        return tasks.find("sorry, try lock fail!") == std::string::npos;
-    })) << tasks;
-    const char* titles[] = {
-        "-----------------------常规任务: 等待执行的任务--------------------------\n",
-        "-----------------------常规任务: 正在执行的任务--------------------------\n",
-        "-----------------------实时任务: 等待执行的任务--------------------------\n",
-        "-----------------------实时任务: 正在执行的任务--------------------------\n",
+    const auto dump = [&](int para) {
+        return vesk_test::without_log_messages(
+            vesk_test::capture_stdout([&] { t->diagnose(para, vesk_print_stdout); }));
     };
-    size_t at = 0;
-    for (const char* title : titles) {
-        const size_t found = tasks.find(title, at);
-        ASSERT_NE(found, std::string::npos) << title << tasks;
-        at = found;
-    }
-    char header[256];
-    snprintf(header, sizeof(header), "%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的",
-        "上次调用时间", "当前时间", "定时间隔(ms)", "超时时间(ms)");
-    EXPECT_NE(tasks.find(header), std::string::npos) << tasks;
-    snprintf(header, sizeof(header), "%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", "调用时间",
-        "当前时间", "定时间隔(ms)", "已耗时(ms)");
-    EXPECT_NE(tasks.find(header), std::string::npos) << tasks;
-    // The real-time running list is empty.
-    EXPECT_NE(tasks.find(std::string(titles[3]) + "have no task\n"), std::string::npos) << tasks;
-
+    // Each text in order, one after the other.
+    const auto in_order = [](const std::string& out, const std::vector<std::string>& texts) {
+        size_t at = 0;
+        for (const std::string& text : texts) {
+            if ((at = out.find(text, at)) == std::string::npos)
+                return ::testing::AssertionFailure() << "'" << text << "' not in order in:\n" << out;
+        }
+        return ::testing::AssertionSuccess();
+    };
+    const auto title = [](const char* name) {
+        return "-----------------------" + std::string(name) + "--------------------------\n";
+    };
+    const auto header = [](const char* start, const char* last) {
+        char h[256];
+        snprintf(h, sizeof(h), "%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", start, "当前时间",
+            "定时间隔(ms)", last);
+        return std::string(h);
+    };
+    // The tables are only try-locked: on a busy machine a service thread may hold a list at that
+    // moment, which the dump reports instead of waiting; ask again.
+    std::string tasks;
+    ASSERT_TRUE(wait_for([&] { return (tasks = dump(1)).find("sorry, try lock fail!") == std::string::npos; }))
+        << tasks;
+    EXPECT_TRUE(in_order(tasks,
+        {title("常规任务: 等待执行的任务"), header("上次调用时间", "超时时间(ms)"), title("常规任务: 正在执行的任务"),
+            header("调用时间", "已耗时(ms)"), title("实时任务: 等待执行的任务"),
+            title("实时任务: 正在执行的任务") + "have no task\n"}));
     const auto row_matches = [&](const std::string& needle, const std::string& pattern) {
         const std::vector<std::string> rows = lines_with(tasks, needle);
         return rows.size() == 1 && std::regex_match(rows[0], std::regex(pattern));
     };
-    // Waiting: number, ids, last run and current time ("%d.%d"), interval, state.
+    // Waiting: number, ids, last run and current time ("%d.%d"), interval, state; running: the
+    // last column is the time spent so far.
     EXPECT_TRUE(
         row_matches("0x1234", "[0-9]+ +0x42        0x1234      [0-9]+\\.[0-9]+ +[0-9]+\\.[0-9]+ +50 +暂停执行 *"))
         << tasks;
     EXPECT_TRUE(row_matches("0x9abc", "1     0x44        0x9abc      0\\.0 +[0-9]+\\.[0-9]+ +90 +还差[0-9]+ *"))
         << tasks;
-    // Running: the last column is the time spent so far.
     EXPECT_TRUE(row_matches("0x5678", "[0-9]+ +0x43        0x5678      [0-9]+\\.[0-9]+ +[0-9]+\\.[0-9]+ +70 +[0-9]+ *"))
         << tasks;
 
-    const std::string threads
-        = vesk_test::without_log_messages(vesk_test::capture_stdout([&] { t->diagnose(2, vesk_print_stdout); }));
-    const char* thread_titles[] = {
-        "-----------------------常规任务线程池--------------------------\n",
-        "-----------------------常规任务临时工线程池--------------------------\n",
-        "-----------------------实时任务线程池--------------------------\n",
-    };
-    snprintf(header, sizeof(header), "%-6s%-12s%-14s%-80s\n", "编号", "线程PID", "线程状态", "任务状态信息");
-    at = 0;
-    for (const char* title : thread_titles) {
-        const size_t found = threads.find(std::string(title) + header, at);
-        ASSERT_NE(found, std::string::npos) << title << threads;
-        at = found;
-    }
+    const std::string threads = dump(2);
+    char h[128];
+    snprintf(h, sizeof(h), "%-6s%-12s%-14s%-80s\n", "编号", "线程PID", "线程状态", "任务状态信息");
+    EXPECT_TRUE(in_order(
+        threads, {title("常规任务线程池") + h, title("常规任务临时工线程池") + h, title("实时任务线程池") + h}));
     // Five common rows and two real-time rows, the holder's showing its task.
     const std::regex row("[1-9] {5}[0-9]+ +(睡眠\\([0-9]+ms\\)|等待任务|执行任务|结束任务) +(上次|当前)任务: .*");
     int rows = 0;
@@ -684,17 +649,12 @@ TEST(TimerConsoleTest, AgentPolledByTheTimerAnswersTheConsole)
         const size_t idx_at = list.rfind("client idx = ", at);
         return atoi(list.c_str() + idx_at + strlen("client idx = "));
     };
-    const int clients = vesk_test::count_of(list, "client idx = ");
-    EXPECT_EQ(idx_of("诊断 音视频读者跨块中转内存池"), 0) << list;
-    EXPECT_EQ(idx_of("诊断 常规小内存池"), 1) << list;
-    EXPECT_EQ(idx_of("诊断 字符串内存池"), 2) << list;
-    EXPECT_EQ(idx_of("诊断 事件管理"), 3) << list;
-    const int timer_idx = idx_of("诊断 定时器");
-    EXPECT_EQ(timer_idx, 4) << list;
-    EXPECT_EQ(idx_of("诊断 中间层记录的内存、句柄等"), timer_idx + 1) << list;
-    EXPECT_EQ(idx_of("诊断 线程池"), timer_idx + 2) << list;
-    EXPECT_EQ(idx_of("诊断 线程池"), clients - 1) << list;
-
+    const char* order[] = {"诊断 音视频读者跨块中转内存池", "诊断 常规小内存池", "诊断 字符串内存池", "诊断 事件管理",
+        "诊断 定时器", "诊断 中间层记录的内存、句柄等", "诊断 线程池"};
+    for (int i = 0; i < 7; i++)
+        EXPECT_EQ(idx_of(order[i]), i) << order[i] << list;
+    EXPECT_EQ(vesk_test::count_of(list, "client idx = "), 7) << list;
+    const int timer_idx = 4;
     const std::string help = console("help " + std::to_string(timer_idx));
     EXPECT_NE(help.find("purpose is '诊断 定时器'\n"), std::string::npos) << help;
     EXPECT_NE(help.find("1  打印所有任务\n2  打印所有线程状态\n"), std::string::npos) << help;

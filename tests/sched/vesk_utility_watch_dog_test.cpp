@@ -7,8 +7,10 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <fstream>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "proxy_server_process.h"
 #include "sched/vesk_utility_watch_dog.h"
@@ -73,8 +75,7 @@ TEST(WatchDogTest, RegistrationResetsAndHandlesAreNeverReused)
     std::string out = capture_stdout([&] { EXPECT_EQ(VESK_TIMER_RET_CONTINUE, check(dogs, &next)); });
     EXPECT_EQ(1000u, next);
     EXPECT_EQ(std::string::npos, out.find("Is Dead"));
-    // Re-registration: same handle, counter back to 0, so the next check (1 > 1 otherwise
-    // 2 > 1) finds nothing dead. Feeding does the same.
+    // Re-registration (same handle) and feeding set the counter back to 0: 1 > 1 is not dead.
     ASSERT_EQ(VESK_OK, dogs.regist_dog(5, 1, &again));
     EXPECT_EQ(a, again);
     out = capture_stdout([&] { check(dogs, &next); });
@@ -93,9 +94,8 @@ TEST(WatchDogTest, RegistrationResetsAndHandlesAreNeverReused)
 TEST(WatchDogTest, DeadDogWithCloseMarkerIsReportedEverySecondWithoutReboot)
 {
     const std::string mark = guard_reboot_command();
-    FILE* fp = fopen(close_dog_marker().c_str(), "w");
-    ASSERT_NE(nullptr, fp);
-    fclose(fp);
+    std::ofstream(close_dog_marker()).close();
+    ASSERT_EQ(0, access(close_dog_marker().c_str(), F_OK));
     vesk_utility_watch_dog_manage dogs(false);
     dogs.regist_reboot_func(count_reboot);
     s_reboots = 0;
@@ -159,13 +159,11 @@ TEST(WatchDogTest, DeadDogRebootsThroughTheFunctionThenTheProxyWithACauseRecord)
     char text[64];
     ASSERT_EQ(VESK_OK, xml->get_root_name(text, sizeof(text)));
     EXPECT_STREQ("WDT_TAG", text);
-    int value = -1;
-    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "purpose", &value));
-    EXPECT_EQ(0x78, value);
-    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "threshold", &value));
-    EXPECT_EQ(3, value);
-    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "src", &value));
-    EXPECT_EQ(3, value);
+    int v[3] = {-1, -1, -1};
+    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "purpose", &v[0]));
+    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "threshold", &v[1]));
+    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "src", &v[2]));
+    EXPECT_EQ(std::vector<int>({0x78, 3, 3}), std::vector<int>(v, v + 3));
     ASSERT_EQ(VESK_OK, xml->get_attr("info", "time", text, sizeof(text)));
     EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << text;
     EXPECT_EQ(VESK_OK, vesk_utility_delete_xml_operate(xml, __FILE__, __func__));
