@@ -1,4 +1,5 @@
 // Generic helpers: clamps, intervals with counter wrap, bits and the ring buffer.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -9,6 +10,7 @@
 #include "vesk_utility.h"
 
 using namespace vesk_soft;
+using testing::HasSubstr;
 
 TEST(BaseTest, MinMaxMiddleAndIntervals)
 {
@@ -55,9 +57,8 @@ TEST(RingTest, FillsToOneLessThanSizeWrapsAndReportsFull)
     EXPECT_EQ(wr, 7u);
     std::string out = vesk_test::capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_add_circle_data(pool, 8, wr, rd, "h", 1), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(out.find("[UTL] ERROR! vesk_utility_add_circle_data["), std::string::npos) << out;
-    EXPECT_NE(out.find("pool_size = 8, pool_wr_pos = 7, pool_rd_pos = 0, empty_size = 0, len = 1\n"), std::string::npos)
-        << out;
+    EXPECT_THAT(out, HasSubstr("[UTL] ERROR! vesk_utility_add_circle_data["));
+    EXPECT_THAT(out, HasSubstr("pool_size = 8, pool_wr_pos = 7, pool_rd_pos = 0, empty_size = 0, len = 1\n"));
 
     ASSERT_EQ(vesk_utility_del_circle_data(pool, 8, wr, rd, 3), VESK_OK);
     EXPECT_EQ(rd, 3u);
@@ -74,8 +75,7 @@ TEST(RingTest, FillsToOneLessThanSizeWrapsAndReportsFull)
 
     out = vesk_test::capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_del_circle_data(pool, 8, wr, rd, 8), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(out.find("pool_size = 8, pool_wr_pos = 2, pool_rd_pos = 3, valid_size = 7, len = 8\n"), std::string::npos)
-        << out;
+    EXPECT_THAT(out, HasSubstr("pool_size = 8, pool_wr_pos = 2, pool_rd_pos = 3, valid_size = 7, len = 8\n"));
     ASSERT_EQ(vesk_utility_del_circle_data(pool, 8, wr, rd, 7), VESK_OK);
     EXPECT_EQ(rd, wr);
     vesk_utility_fetch_circle_data(pool, 8, wr, rd, p1, len1, p2, len2);

@@ -1,4 +1,5 @@
 // The diagnose agent over a real unix socket, and the vesk_diag console against it.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -22,6 +23,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_utility;
+using testing::HasSubstr;
 
 namespace
 {
@@ -187,6 +189,18 @@ protected:
 
 constexpr const char* k_sep = "-------------------------------------------------------\n";
 
+// Runs the console with args: its exit status and everything it printed.
+std::pair<int, std::string> console(const std::string& args)
+{
+    FILE* p = popen((std::string(VESK_DIAG_BIN) + " " + args + " 2>&1").c_str(), "r");
+    std::string out;
+    char buf[4096];
+    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof(buf), p)) > 0;)
+        out.append(buf, n);
+    const int status = p != nullptr ? pclose(p) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
 } // namespace
 
 TEST_F(DiagnoseTest, ListHelpAndRunRoundTrips)
@@ -232,7 +246,7 @@ TEST_F(DiagnoseTest, ListHelpAndRunRoundTrips)
 
     // A second registration of the same client is refused.
     const std::string out = vesk_test::capture_stdout([&] { m_agent->regist_diag(&alpha, "again", nullptr); });
-    EXPECT_NE(out.find("repeat, why?"), std::string::npos) << out;
+    EXPECT_THAT(out, HasSubstr("repeat, why?"));
     send_request(17, k_diag_cmd_list);
     EXPECT_EQ(vesk_test::count_of(exchange().joined(), "client idx"), 2);
 }
@@ -274,7 +288,7 @@ TEST_F(DiagnoseTest, BadMagicClosesAndUnknownCommandGetsNoFinish)
         for (int i = 0; i < 3; i++)
             m_agent->work();
     });
-    EXPECT_NE(out.find("not support cmd 0x4\n"), std::string::npos) << out;
+    EXPECT_THAT(out, HasSubstr("not support cmd 0x4\n"));
     const answer a = read_answer();
     EXPECT_TRUE(a.finished);
     EXPECT_EQ(a.finish_seq, 32u); // the first finish is the list's
@@ -296,7 +310,7 @@ TEST_F(DiagnoseTest, SilentConsoleIsDroppedAfterTwentyPolls)
     EXPECT_TRUE(closed_by_agent());
     // Without a console, print reports failure.
     const std::string out = vesk_test::capture_stdout([&] { EXPECT_NE(m_agent->send_text("x"), VESK_OK); });
-    EXPECT_NE(out.find("m_com_fd == -1"), std::string::npos);
+    EXPECT_THAT(out, HasSubstr("m_com_fd == -1"));
 }
 
 TEST_F(DiagnoseTest, EndlessCommandStopsWhenTheConsoleLeaves)
@@ -333,54 +347,35 @@ TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirst)
         }
     });
     const std::string path = vesk_test::private_root() + "/usr/lib/libutility.socket";
-    const auto console = [&](const std::string& args) {
-        FILE* p = popen((std::string(VESK_DIAG_BIN) + " " + args).c_str(), "r");
-        std::string out;
-        char buf[4096];
-        size_t n;
-        while (p != nullptr && (n = fread(buf, 1, sizeof(buf), p)) > 0)
-            out.append(buf, n);
-        EXPECT_EQ(p != nullptr ? pclose(p) : -1, 0) << out;
-        return out;
+    const auto ask = [](const std::string& args) {
+        const auto r = console(args);
+        EXPECT_EQ(r.first, 0) << r.second;
+        return r.second;
     };
-    std::string out = console("--socket " + path + " list");
+    std::string out = ask("--socket " + path + " list");
     // The resource manager's place depends on the services built; find it by its title.
     const size_t title = out.find("purpose = '诊断 中间层记录的内存、句柄等'");
     ASSERT_NE(title, std::string::npos) << out;
     const size_t idx_at = out.rfind("client idx = ", title);
     const int res_idx = atoi(out.c_str() + idx_at + strlen("client idx = "));
-    out += console("--socket " + path + " run 0 3");
-    out += console("run " + std::to_string(res_idx) + " 6"); // default path under the root
+    out += ask("--socket " + path + " run 0 3");
+    out += ask("run " + std::to_string(res_idx) + " 6"); // default path under the root
     run = false;
     pump.join();
-    EXPECT_NE(out.find("client idx = 0  purpose = 'my module'\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("client idx = 1  purpose = '"), std::string::npos) << out;
-    EXPECT_NE(out.find("para = 3\nsecond line\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("class cnt"), std::string::npos) << out; // the resource manager's command 6
+    EXPECT_THAT(out, HasSubstr("client idx = 0  purpose = 'my module'\n"));
+    EXPECT_THAT(out, HasSubstr("client idx = 1  purpose = '"));
+    EXPECT_THAT(out, HasSubstr("para = 3\nsecond line\n"));
+    EXPECT_THAT(out, HasSubstr("class cnt")); // the resource manager's command 6
     EXPECT_EQ(mine.last_para, 3);
 }
 
-TEST(DiagConsoleTest, MissingSocketFailsClearly)
+TEST_F(DiagnoseTest, ConsoleFailsClearlyWithoutASocketAndGivesUpOnAnAgentThatNeverAnswers)
 {
-    const std::string cmd = std::string(VESK_DIAG_BIN) + " --socket /nonexistent/x.sock list 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    char buf[512] = {};
-    const size_t n = fread(buf, 1, sizeof(buf) - 1, p);
-    const int status = pclose(p);
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_NE(std::string(buf, n).find("cannot connect to /nonexistent/x.sock: No such file or directory"),
-        std::string::npos);
-}
-
-TEST_F(DiagnoseTest, ConsoleGivesUpOnAnAgentThatNeverAnswers)
-{
+    auto r = console("--socket /nonexistent/x.sock list");
+    EXPECT_EQ(r.first, 1);
+    EXPECT_THAT(r.second, HasSubstr("cannot connect to /nonexistent/x.sock: No such file or directory"));
     // Nothing polls this agent: the connection is queued but never served.
-    const std::string cmd = std::string(VESK_DIAG_BIN) + " --timeout 1 --socket " + m_path + " list 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    ASSERT_NE(p, nullptr);
-    char buf[512] = {};
-    const size_t n = fread(buf, 1, sizeof(buf) - 1, p);
-    const int status = pclose(p);
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_NE(std::string(buf, n).find("no answer from " + m_path + " within 1 s"), std::string::npos) << buf;
+    r = console("--timeout 1 --socket " + m_path + " list");
+    EXPECT_EQ(r.first, 1);
+    EXPECT_THAT(r.second, HasSubstr("no answer from " + m_path + " within 1 s"));
 }

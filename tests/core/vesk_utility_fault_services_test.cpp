@@ -1,6 +1,7 @@
 // Allocation failure on the services' main paths: JSON parsing, timer registration past the
 // node pool, event raising and pushing A/V blocks. Each failure takes its own way out and
 // leaves the accounting as it was.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -15,6 +16,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_utility;
+using testing::HasSubstr;
 using vesk_test::fault_run;
 using vesk_test::walk_alloc_failures;
 
@@ -77,11 +79,13 @@ TEST(FaultServicesTest, TimerRegistrationPastThePoolFailsCleanly)
     VESK_ERR err = VESK_OK;
     char extra = 0;
     const unsigned allocs = walk_alloc_failures(
-        [&] { err = vesk_utility_c_regist_timer(0x77, never_runs, 0x7701, 1000, &extra, VESK_TIMER_TASK_COMMON, 3600000); },
+        [&] {
+            err = vesk_utility_c_regist_timer(0x77, never_runs, 0x7701, 1000, &extra, VESK_TIMER_TASK_COMMON, 3600000);
+        },
         [&](const fault_run& run) {
             if (run.failed) {
                 EXPECT_EQ(err, VESK_ERR_OPERATE_FAIL);
-                EXPECT_NE(run.out.find("proc_malloc_task_node fail!"), std::string::npos) << run.out;
+                EXPECT_THAT(run.out, HasSubstr("proc_malloc_task_node fail!"));
                 EXPECT_EQ(heap_total(), base);
             } else {
                 EXPECT_EQ(err, VESK_OK);

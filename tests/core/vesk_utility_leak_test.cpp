@@ -11,6 +11,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "test_support.h"
@@ -30,7 +31,7 @@ public:
     virtual ~leak_probe_iface() { }
 };
 
-std::atomic<int> s_leak_probes { 0 };
+std::atomic<int> s_leak_probes {0};
 
 class leak_probe final : public leak_probe_iface
 {
@@ -63,12 +64,11 @@ struct snapshot {
     unsigned free_pool;
     std::vector<unsigned> lists;
     int fds;
-    bool operator==(const snapshot& o) const
+    auto tie() const
     {
-        return total == o.total && blocks == o.blocks && av_total == o.av_total
-            && malloc_note_size == o.malloc_note_size && new_note_size == o.new_note_size && free_pool == o.free_pool
-            && lists == o.lists && fds == o.fds;
+        return std::tie(total, blocks, av_total, malloc_note_size, new_note_size, free_pool, lists, fds);
     }
+    bool operator==(const snapshot& o) const { return tie() == o.tie(); }
 };
 
 std::ostream& operator<<(std::ostream& os, const snapshot& s)
@@ -83,9 +83,9 @@ std::ostream& operator<<(std::ostream& os, const snapshot& s)
 snapshot take_snapshot()
 {
     vesk_utility_res_manage* r = vesk_utility_res_manage::instance();
-    snapshot s { r->mem_account().total_size(), r->mem_account().live_blocks(), vesk_mem_av_total(),
+    snapshot s {r->mem_account().total_size(), r->mem_account().live_blocks(), vesk_mem_av_total(),
         r->malloc_note().malloc_size(), r->new_note().malloc_size(), r->registry().free_pool_nodes(), {},
-        open_descriptors() };
+        open_descriptors()};
     for (int l = 0; l < VESK_LIST_COUNT; l++)
         s.lists.push_back(r->registry().list_size(static_cast<vesk_handle_list>(l)));
     return s;
@@ -118,8 +118,8 @@ void one_cycle(int round)
     }
     // Every size class the allocator routes differently: small (little-memory pool once it
     // exists), just over the pool limit, strongly aligned, SQLite's id, A/V budget blocks, large.
-    const unsigned sizes[] = { 1, 16, 100, 4096, 4097, 65536, 1u << 20 };
-    const unsigned aligns[] = { 1, 4, 8, 64 };
+    const unsigned sizes[] = {1, 16, 100, 4096, 4097, 65536, 1u << 20};
+    const unsigned aligns[] = {1, 4, 8, 64};
     for (unsigned size : sizes)
         for (unsigned align : aligns) {
             blocks.push_back(vesk_utility_malloc(0x75, 0x7501, size, align));
@@ -180,7 +180,7 @@ TEST(LeakTest, ConcurrentCyclesFromManyThreadsReturnToBaseline)
     one_cycle(0); // creates the note nodes used below
     const snapshot base = take_snapshot();
     std::vector<std::thread> threads;
-    std::atomic<int> failures { 0 };
+    std::atomic<int> failures {0};
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([t, &failures] {
             for (int i = 0; i < 300; i++) {

@@ -17,16 +17,16 @@ TEST(LogTest, LevelsCarryTheirColourPrefixAndReset)
         vesk_log(vesk_log_level::debug, nullptr, "free_fn", 14, "%s\n", "hello");
     });
     EXPECT_EQ(out,
-              "\e[0;32;31m[UTL] ERROR! vesk_cls::work[12]:x = 5\n\e[m"
-              "\e[1;33m[UTL] WARNING! vesk_cls::work[13]:careful\e[m"
-              "\e[0;32;32m[UTL] DEBUG! free_fn[14]:hello\n\e[m");
+        "\e[0;32;31m[UTL] ERROR! vesk_cls::work[12]:x = 5\n\e[m"
+        "\e[1;33m[UTL] WARNING! vesk_cls::work[13]:careful\e[m"
+        "\e[0;32;32m[UTL] DEBUG! free_fn[14]:hello\n\e[m");
 }
 
 TEST(LogDeathTest, AssertionBlockIsRedAndExitsWithMinusOne)
 {
     VESK_EXPECT_FATAL(VESK_ASSERT(1 + 1 == 3),
-                      "^\e\\[0;32;31mASSERT!\n >File name: tests/core/vesk_utility_log_test.cpp\n >Function: TestBody\n "
-                      ">Line No: [0-9]+\n >Condition: 1 \\+ 1 == 3\n");
+        "^\e\\[0;32;31mASSERT!\n >File name: tests/core/vesk_utility_log_test.cpp\n >Function: TestBody\n "
+        ">Line No: [0-9]+\n >Condition: 1 \\+ 1 == 3\n");
 }
 
 TEST(PathsTest, FixedPathsMoveUnderThePrivateRoot)
@@ -36,7 +36,7 @@ TEST(PathsTest, FixedPathsMoveUnderThePrivateRoot)
     ASSERT_FALSE(root.empty());
     EXPECT_STREQ(vesk_root(), root.c_str());
     EXPECT_EQ(std::string(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main)),
-              root + "/usr/lib/libutility.socket");
+        root + "/usr/lib/libutility.socket");
     EXPECT_EQ(std::string(vesk_rooted_path(path, sizeof(path), k_path_close_dog)), root + "/config//close_dog");
     // Cut, never overrun.
     char small[8];

@@ -1,5 +1,6 @@
 // Note trees and class counters: counting, compaction, overflow, dumps and the fatal
 // imbalances.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -12,6 +13,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_utility;
+using testing::HasSubstr;
 
 TEST(MemNoteTest, ExportedNotesCountPerCallerAndPurpose)
 {
@@ -33,19 +35,15 @@ TEST(MemNoteTest, ExportedNotesCountPerCallerAndPurpose)
     ASSERT_EQ(vesk_utility_note_new(0x52, 0x5201, 64), VESK_OK);
     const std::string out
         = vesk_test::capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(6, vesk_print_stdout); });
-    EXPECT_NE(
-        out.find("------------------------------------- malloc/free num: ------------------------------------------\n"
-                 "caller = 0x51:\n"
-                 "     purpose = 0x5101, note_cnt = 1, note_size = 50!\n"
-                 "     purpose = 0x5102, note_cnt = 1, note_size = 7!\n"),
-        std::string::npos)
-        << out;
-    EXPECT_NE(
-        out.find("------------------------------------- new/delete num: ------------------------------------------\n"
-                 "caller = 0x52:\n"
-                 "     purpose = 0x5201, note_cnt = 1, note_size = 64!\n"),
-        std::string::npos)
-        << out;
+    EXPECT_THAT(out,
+        HasSubstr("------------------------------------- malloc/free num: ------------------------------------------\n"
+                  "caller = 0x51:\n"
+                  "     purpose = 0x5101, note_cnt = 1, note_size = 50!\n"
+                  "     purpose = 0x5102, note_cnt = 1, note_size = 7!\n"));
+    EXPECT_THAT(out,
+        HasSubstr("------------------------------------- new/delete num: ------------------------------------------\n"
+                  "caller = 0x52:\n"
+                  "     purpose = 0x5201, note_cnt = 1, note_size = 64!\n"));
 }
 
 TEST(MemNoteTest, CompactionDropsEmptyNodesAndOverflowDropsNotes)
@@ -62,9 +60,7 @@ TEST(MemNoteTest, CompactionDropsEmptyNodesAndOverflowDropsNotes)
     EXPECT_EQ(tree.malloc_size(), users * user_bytes);
     // The next note compacts first: every empty node goes, only the new one stays.
     std::string out = vesk_test::capture_stdout([&] { tree.add(0x7, 0x70, 5); });
-    EXPECT_NE(
-        out.find("list.malloc_size = " + std::to_string(users * user_bytes) + "!!!!!!!!!!!!!!!\n"), std::string::npos)
-        << out;
+    EXPECT_THAT(out, HasSubstr("list.malloc_size = " + std::to_string(users * user_bytes) + "!!!!!!!!!!!!!!!\n"));
     EXPECT_EQ(tree.malloc_size(), user_bytes);
     uint32_t cnt, size;
     EXPECT_FALSE(tree.find(0x10000, 1, cnt, size));
@@ -78,7 +74,7 @@ TEST(MemNoteTest, CompactionDropsEmptyNodesAndOverflowDropsNotes)
         full.add(0x20000 + users++, 1, 8);
     const uint32_t before = full.malloc_size();
     out = vesk_test::capture_stdout([&] { full.add(0x5, 0x50, 1); });
-    EXPECT_NE(out.find("over flow!!!\n"), std::string::npos) << out;
+    EXPECT_THAT(out, HasSubstr("over flow!!!\n"));
     EXPECT_FALSE(full.find(0x5, 0x50, cnt, size));
     EXPECT_EQ(full.malloc_size(), before);
 }
@@ -96,10 +92,8 @@ TEST(MemNoteTest, ClassCountersCountAndDump)
     EXPECT_EQ(vesk_utility_note_new(nullptr), VESK_ERR_INVALID_PARAM);
     const std::string out = vesk_test::capture_stdout([&] { cls.dump(vesk_print_stdout); });
     // Newest class first.
-    EXPECT_NE(
-        out.find("class cnt ------------------------------------------\nlive_view: cnt = 1\nrecord_task: cnt = 2\n"),
-        std::string::npos)
-        << out;
+    EXPECT_THAT(out,
+        HasSubstr("class cnt ------------------------------------------\nlive_view: cnt = 1\nrecord_task: cnt = 2\n"));
 }
 
 TEST(MemNoteDeathTest, UnbalancedReleasesAreFatal)

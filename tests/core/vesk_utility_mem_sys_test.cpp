@@ -1,5 +1,6 @@
 // System and process memory figures: the fixed-position meminfo read, the summary
 // arithmetic, smaps, and SQLite's heap going through the accounting.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -14,6 +15,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_utility;
+using testing::HasSubstr;
 
 namespace
 {
@@ -96,7 +98,7 @@ TEST(MemSysTest, SmapsSummaryAndDetailLargestFirst)
                        "Size:                  4 kB\nRss:                   0 kB\nPss:                   0 kB\n");
     const std::string out = vesk_test::capture_stdout([&] { dump_smaps(fp, true, vesk_print_stdout); });
     fclose(fp);
-    EXPECT_NE(out.find("mappings = 3, size = 1356KB, rss = 1000KB, pss = 950KB"), std::string::npos) << out;
+    EXPECT_THAT(out, HasSubstr("mappings = 3, size = 1356KB, rss = 1000KB, pss = 950KB"));
     const size_t anon = out.find("b6f00000-b7000000 rw-p        900        900            900 \n");
     const size_t text = out.find("00400000-00452000 r-xp        100         50              0 /usr/bin/nvr\n");
     ASSERT_NE(anon, std::string::npos) << out;
@@ -116,7 +118,7 @@ TEST(SqliteHookTest, SqliteHeapIsAccountedToItsOwnCaller)
         SQLITE_OK);
     EXPECT_GT(account.total_size(), before + 10000);
     const std::string out = vesk_test::capture_stdout([&] { account.dump_by_module(vesk_print_stdout); });
-    EXPECT_NE(out.find("caller = 0x22, "), std::string::npos) << out;
-    EXPECT_NE(out.find("\tpurpose = 0x1600, "), std::string::npos) << out;
+    EXPECT_THAT(out, HasSubstr("caller = 0x22, "));
+    EXPECT_THAT(out, HasSubstr("\tpurpose = 0x1600, "));
     sqlite3_close(db);
 }

@@ -1,5 +1,6 @@
 // Handle registry, descriptor wrappers and the new/delete pattern.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_utility;
+using testing::HasSubstr;
 
 namespace
 {
@@ -120,11 +122,9 @@ TEST(RegistryTest, DescriptorsAreRecordedAndUnknownOnesClosedSilently)
     EXPECT_TRUE(vesk_utility_is_valid_open_fd(fd));
     std::string out
         = vesk_test::capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(4, vesk_print_stdout); });
-    EXPECT_NE(
-        out.find(
-            "-------------- open fd ------------------!\nusr_id = 0x32, name = 'index'\nopen fd, total num = 1!\n"),
-        std::string::npos)
-        << out;
+    EXPECT_THAT(out,
+        HasSubstr(
+            "-------------- open fd ------------------!\nusr_id = 0x32, name = 'index'\nopen fd, total num = 1!\n"));
     EXPECT_EQ(vesk_utility_close(__FILE__, __func__, fd), VESK_OK);
     EXPECT_FALSE(fd_is_open(fd));
 
@@ -144,8 +144,7 @@ TEST(RegistryTest, DescriptorsAreRecordedAndUnknownOnesClosedSilently)
     out = vesk_test::capture_stdout(
         [] { EXPECT_EQ(vesk_utility_open(0x32, "x", "/nonexistent/dir/file", O_RDONLY, 0644), -1); });
     EXPECT_NE(out.find("\e[0;32;31m[UTL] ERROR! vesk_utility_open["), std::string::npos) << out;
-    EXPECT_NE(out.find("]:open /nonexistent/dir/file, flags = 0x0, mode = 0x1a4 fail!\n\e[m"), std::string::npos)
-        << out;
+    EXPECT_THAT(out, HasSubstr("]:open /nonexistent/dir/file, flags = 0x0, mode = 0x1a4 fail!\n\e[m"));
 }
 
 namespace
@@ -190,7 +189,7 @@ TEST(HandlePatternTest, NewRegistersAndDeleteDestroys)
     EXPECT_EQ(reg.is_valid(VESK_LIST_MD5, reinterpret_cast<uintptr_t>(p)), 0);
     const std::string out = vesk_test::capture_stdout(
         [] { EXPECT_EQ(delete_probe(nullptr, "upgrade.cpp", "check"), VESK_ERR_INVALID_PARAM); });
-    EXPECT_NE(out.find("upgrade.cpp check client == NULL!\n"), std::string::npos) << out;
+    EXPECT_THAT(out, HasSubstr("upgrade.cpp check client == NULL!\n"));
 }
 
 TEST(HandlePatternDeathTest, DoubleDeleteNamesTheCaller)

@@ -1,5 +1,6 @@
 // The command client against a real proxy server process (and against a bare listener where
 // the exact requests matter), the fallback without a server, and the process helpers.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 
 using namespace vesk_soft;
 using namespace vesk_test;
+using testing::HasSubstr;
 using vesk_utility::vesk_cmd_request;
 
 namespace
@@ -93,7 +95,7 @@ TEST(SystemClientTest, LongCommandIsCutInto127CharacterPiecesUnderOneMagic)
     for (uint32_t m = 100; m < 100 + vesk_utility::k_cmd_answer_slots; m++)
         client->push_answer(m);
     const std::string out = capture_stdout([&] { client->push_answer(999); });
-    EXPECT_NE(std::string::npos, out.find("answer_magic = 0x3e7 push fail!"));
+    EXPECT_THAT(out, HasSubstr("answer_magic = 0x3e7 push fail!"));
     EXPECT_EQ(0, client->answer_is_ok(999));
     EXPECT_EQ(1, client->answer_is_ok(100 + vesk_utility::k_cmd_answer_slots - 1));
     close(conn);
@@ -145,7 +147,7 @@ TEST(SystemClientTest, WithoutServerTheCommandRunsHere)
     VESK_ERR ret = VESK_ERR_FAIL;
     const std::string log = capture_stdout([&] { ret = vesk_utility_system(cmd.c_str()); });
     EXPECT_EQ(VESK_OK, ret);
-    EXPECT_NE(std::string::npos, log.find("fail! use standard system"));
+    EXPECT_THAT(log, HasSubstr("fail! use standard system"));
     EXPECT_EQ("local\n", read_file(out));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_system(nullptr));
 
@@ -157,7 +159,7 @@ TEST(SystemClientTest, WithoutServerTheCommandRunsHere)
     lonely->rec_answer_msg();
     fflush(stdout);
     const std::string step = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, step.find(k_unconnected_client)) << step;
+    EXPECT_THAT(step, HasSubstr(k_unconnected_client));
     EXPECT_EQ("", without_background_messages(step));
 }
 
@@ -195,13 +197,13 @@ TEST(ProcessHelperTest, ExeCmdCapturesWithinTheBufferAndTimesOut)
         = capture_stdout([&] { EXPECT_EQ(VESK_OK, vesk_utility_exe_cmd("yes 0123456789", 30000, buf, 8)); });
     EXPECT_STREQ("0123456", buf);
     EXPECT_EQ('Z', buf[8]);
-    EXPECT_NE(std::string::npos, log.find("Output Info Size May Be Overflow, Store Buffer Size = 8"));
+    EXPECT_THAT(log, HasSubstr("Output Info Size May Be Overflow, Store Buffer Size = 8"));
 
     // A command that outlives its time is ended, and the call returns.
     VESK_ERR ret = VESK_OK;
     log = capture_stdout([&] { ret = vesk_utility_exe_cmd("sleep 600", 200, buf, sizeof(buf)); });
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, ret);
-    EXPECT_NE(std::string::npos, log.find("select Function Timeout"));
+    EXPECT_THAT(log, HasSubstr("select Function Timeout"));
 
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_exe_cmd("true", 10, buf, 0));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_exe_cmd(nullptr, 10, buf, sizeof(buf)));
