@@ -4,13 +4,33 @@
 
 #include <unistd.h>
 
-#include "test_support.h"
-#include "vesk_utility_resource.h"
+#include <cstdlib>
+#include <cstring>
+
 #include "sched/vesk_utility_timer.h"
+#include "test_support.h"
 #include "vesk_utility.h"
+#include "vesk_utility_resource.h"
+
+namespace
+{
+
+bool is_death_test_child(int argc, char** argv)
+{
+    for (int i = 1; i < argc; i++) {
+        if (strncmp(argv[i], "--gtest_internal_run_death_test", 31) == 0)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
+    // A death-test child re-runs the binary and starts the layer again: in a root of its own,
+    // or its diagnose agent would take over the parent's socket and leave it dead at exit.
+    const bool death_child = is_death_test_child(argc, argv);
     testing::InitGoogleTest(&argc, argv);
     // Death tests re-execute the binary, so a child starts from a clean, single-threaded
     // process even though the timer threads run in the parent.
@@ -18,6 +38,10 @@ int main(int argc, char** argv)
     // Listing the tests (CTest's discovery) must print nothing else: no start-up at all.
     if (testing::GTEST_FLAG(list_tests))
         return RUN_ALL_TESTS();
+    if (death_child) {
+        unsetenv("VESK_UTILITY_ROOT");
+        atexit(vesk_test::remove_private_root); // the layer's fatal paths end with exit()
+    }
     vesk_test::make_private_root();
     vesk_soft::vesk_utility_init(vesk_soft::VESK_UTILITY_OPS_MAIN_APP);
     // The timer's check thread greets asynchronously; tests that match printed output exactly

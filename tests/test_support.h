@@ -10,7 +10,7 @@ namespace vesk_test
 {
 
 // Sets VESK_UTILITY_ROOT to a fresh directory tree (with the fixed folders the layer uses)
-// unless it is already set, as in a death-test child, which shares its parent's root.
+// unless it is already set (as in the preinit tests' children, which share their parent's).
 void make_private_root();
 // Removes the tree when this process created it.
 void remove_private_root();
