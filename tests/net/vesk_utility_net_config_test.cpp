@@ -74,6 +74,7 @@ std::string text(const vesk_inet_ipv6_route_info* e)
 {
     return std::to_string(e->metric) + " " + e->destination;
 }
+#if defined(VESK_HAVE_CJSON) // the address lists are compared with `ip` only
 std::string text(const vesk_inet_ipv4_ip_info* e)
 {
     return std::string(e->if_name) + " " + e->ip + " " + e->netmask;
@@ -82,6 +83,7 @@ std::string text(const vesk_inet_ipv6_ip_info* e)
 {
     return std::string(e->ip) + "/" + std::to_string(e->prefix_len);
 }
+#endif
 template <class Dns> std::string text(const Dns* e)
 {
     return e->server;
