@@ -281,6 +281,28 @@ TEST_F(EventTest, TwoHundredEventsOfOneCheckAreDeliveredInTwoPasses)
     EXPECT_EQ(count, 0u);
 }
 
+// Until someone sets them, a manager keeps its two valid times apart: 6 checks for the
+// recorder's own events, 8 for those a camera relays.
+TEST_F(EventTest, FreshManagerCountsLocalAndRelayedEventsFromTheirOwnDefaults)
+{
+    auto* fresh = new vesk_utility_event_manage(32); // never destroyed, like the service itself
+    ASSERT_EQ(
+        vesk_utility_c_unregist_timer(vesk_utility_event_manage::event_check_thread, fresh, 1, VESK_TIMER_TASK_COMMON),
+        VESK_OK);
+    recorder seen;
+    ASSERT_EQ(fresh->register_event_oberver(1, &seen), VESK_OK);
+    ASSERT_EQ(fresh->set_event_state(event(VESK_EVENT_CHANNEL_EVENT, VESK_EVENT_SUB_MOTION, 1, 1), 1), VESK_OK);
+    ASSERT_EQ(fresh->set_event_state(event(VESK_EVENT_IO_EVENT, VESK_EVENT_SUB_ALARM_INPUT, 2, 0), 1), VESK_OK);
+    std::string told;
+    for (int check = 1; check <= 12; check++) {
+        run_check(fresh);
+        const std::string s = said(seen.take());
+        if (!s.empty())
+            told += std::to_string(check) + ":" + s;
+    }
+    EXPECT_EQ(told, "1:+2/1/1 +5/4/2 7:-2/1/1 9:-5/4/2 ");
+}
+
 // Raises event 8 and ends event 7 from the callback: delivery runs with no list lock held.
 class chaining_observer : public vesk_event_oberver
 {
