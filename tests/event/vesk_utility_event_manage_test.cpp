@@ -234,15 +234,24 @@ TEST_F(EventTest, ObserversAreToldOnlyWhilePushIsOnAndIdsAreValidated)
     EXPECT_EQ(told(), "-4/8/1 ") << "a repeated registration made a second slot";
 }
 
+// A manager of the test's own, checked only by run_check, telling its own recorder. Both live
+// until the process ends, like the service itself.
+void private_manager(uint32_t nodes, vesk_utility_event_manage*& m, recorder*& seen)
+{
+    m = vesk_test::never_destroyed(new vesk_utility_event_manage(nodes));
+    seen = vesk_test::never_destroyed(new recorder());
+    ASSERT_EQ(
+        vesk_utility_c_unregist_timer(vesk_utility_event_manage::event_check_thread, m, 1, VESK_TIMER_TASK_COMMON),
+        VESK_OK);
+    ASSERT_EQ(m->register_event_oberver(1, seen), VESK_OK);
+}
+
 // The batch holds 186 records: 205 starts, and later 200 ends, of one check need a second pass.
 TEST_F(EventTest, TwoHundredEventsOfOneCheckAreDeliveredInTwoPasses)
 {
-    auto* big = new vesk_utility_event_manage(256); // never destroyed, like the service itself
-    ASSERT_EQ(
-        vesk_utility_c_unregist_timer(vesk_utility_event_manage::event_check_thread, big, 1, VESK_TIMER_TASK_COMMON),
-        VESK_OK);
-    recorder seen;
-    ASSERT_EQ(big->register_event_oberver(1, &seen), VESK_OK);
+    vesk_utility_event_manage* big = nullptr;
+    recorder* seen = nullptr;
+    ASSERT_NO_FATAL_FAILURE(private_manager(256, big, seen));
     // Five longer events first in the list: a second pass must not count them down again.
     std::vector<vesk_event_info> events;
     for (uint32_t i = 0; i < 205; i++) {
@@ -253,7 +262,7 @@ TEST_F(EventTest, TwoHundredEventsOfOneCheckAreDeliveredInTwoPasses)
     records got;
     const auto one_check = [&] {
         const std::string out = vesk_test::capture_stdout([&] { run_check(big); });
-        got = seen.take();
+        got = seen->take();
         return vesk_test::count_of(out, "Notify Count > Max Notify Count, Re-Malloc, 186 > 186");
     };
     // Each event told once, in list order.
@@ -285,18 +294,15 @@ TEST_F(EventTest, TwoHundredEventsOfOneCheckAreDeliveredInTwoPasses)
 // recorder's own events, 8 for those a camera relays.
 TEST_F(EventTest, FreshManagerCountsLocalAndRelayedEventsFromTheirOwnDefaults)
 {
-    auto* fresh = new vesk_utility_event_manage(32); // never destroyed, like the service itself
-    ASSERT_EQ(
-        vesk_utility_c_unregist_timer(vesk_utility_event_manage::event_check_thread, fresh, 1, VESK_TIMER_TASK_COMMON),
-        VESK_OK);
-    recorder seen;
-    ASSERT_EQ(fresh->register_event_oberver(1, &seen), VESK_OK);
+    vesk_utility_event_manage* fresh = nullptr;
+    recorder* seen = nullptr;
+    ASSERT_NO_FATAL_FAILURE(private_manager(32, fresh, seen));
     ASSERT_EQ(fresh->set_event_state(event(VESK_EVENT_CHANNEL_EVENT, VESK_EVENT_SUB_MOTION, 1, 1), 1), VESK_OK);
     ASSERT_EQ(fresh->set_event_state(event(VESK_EVENT_IO_EVENT, VESK_EVENT_SUB_ALARM_INPUT, 2, 0), 1), VESK_OK);
     std::string told;
     for (int check = 1; check <= 12; check++) {
         run_check(fresh);
-        const std::string s = said(seen.take());
+        const std::string s = said(seen->take());
         if (!s.empty())
             told += std::to_string(check) + ":" + s;
     }
