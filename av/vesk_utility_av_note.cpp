@@ -31,18 +31,8 @@ bool resume_point(vesk_av_stream_list& list, const vesk_read_av_list_note* note,
         i = static_cast<int32_t>(note->frame_idx) + 1; // frame_idx ~0u: before the first frame
         return true;
     }
-    for (vesk_av_block* x = list.head; x != nullptr; x = x->next) {
-        if (x->blk_id <= note->blk_id)
-            continue;
-        if (x->block->node_num != 0) {
-            b = x;
-            i = 0;
-            return true;
-        }
-        if (!av_blk_idle(x))
-            return false;
-    }
-    return false;
+    i = 0;
+    return av_resume_after(list, note->blk_id, b, [](vesk_av_block*) {});
 }
 
 } // namespace
@@ -154,9 +144,8 @@ VESK_ERR vesk_av_note_reader::rel_frame(vesk_read_av_list_note* note)
         const bool match = b != nullptr && b->ref_cnt > 0 && note->frame_idx < b->block->node_num
             && reinterpret_cast<_tagVeskFrameHeader*>(av_node(b, note->frame_idx) + 1) == note->frame;
         if (!match) {
-            VESK_LOG_ERR(k_cls, "ch_%u StreamType:%#x blk[%llu_%u] frame = %p Not Held\n", note->ivr_ch,
-                note->str_type, static_cast<unsigned long long>(note->blk_id), note->frame_idx,
-                static_cast<void*>(note->frame));
+            VESK_LOG_ERR(k_cls, "ch_%u StreamType:%#x blk[%llu_%u] frame = %p Not Held\n", note->ivr_ch, note->str_type,
+                static_cast<unsigned long long>(note->blk_id), note->frame_idx, static_cast<void*>(note->frame));
             VESK_ASSERT(match);
         }
         b->ref_cnt--;

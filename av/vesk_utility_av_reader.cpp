@@ -234,17 +234,7 @@ uint32_t vesk_av_reader_v1::proc_get_frame(
         b = av_find_blk(list, r.last_blk_id);
         if (b == nullptr) {
             // Rotated out: blocks up to it are done with; resume at the first newer frame.
-            for (vesk_av_block* x = list.head; x != nullptr; x = x->next) {
-                if (x->blk_id < r.last_blk_id) {
-                    clear_bit(str_type, x);
-                } else if (x->block->node_num != 0) {
-                    b = x;
-                    break;
-                } else if (!av_blk_idle(x)) {
-                    return FETCH_WAIT;
-                }
-            }
-            if (b == nullptr)
+            if (!av_resume_after(list, r.last_blk_id, b, [&](vesk_av_block* x) { clear_bit(str_type, x); }))
                 return FETCH_WAIT;
             i = 0;
         } else {

@@ -39,6 +39,24 @@ inline vesk_soft::vesk_av_frame_node* av_node(const vesk_av_block* b, uint32_t i
 // O(distance from the nearer end of the list).
 vesk_av_block* av_find_blk(vesk_av_stream_list& list, uint64_t id);
 
+// Where reading resumes once the block with `id` has rotated out: index 0 of the first newer
+// block that has frames. Each older block still cached is handed to passed(block) on the way
+// (a reader clears its user bit there). False: wait, nothing newer with frames is complete.
+template <class Passed> bool av_resume_after(vesk_av_stream_list& list, uint64_t id, vesk_av_block*& blk, Passed passed)
+{
+    for (vesk_av_block* x = list.head; x != nullptr; x = x->next) {
+        if (x->blk_id < id) {
+            passed(x);
+        } else if (x->block->node_num != 0) {
+            blk = x;
+            return true;
+        } else if (!av_blk_idle(x)) {
+            return false;
+        }
+    }
+    return false;
+}
+
 // Where a reader without history starts: video at the newest key frame (the second key type
 // when its time is later than the I frame's), other streams at the newest frame. False when
 // there is none yet.
