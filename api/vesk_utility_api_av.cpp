@@ -1,12 +1,12 @@
 // vesk_utility_av_api - the exported wrappers of the A/V cache: each checks that the layer is
 // initialised and forwards to the block manager or the logo table.
 #include "vesk_utility_av.h"
-#include "vesk_utility_av_logo.h"
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_av_note.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_resource.h"
+#include "av/vesk_utility_av_logo.h"
+#include "av/vesk_utility_av_mng.h"
+#include "av/vesk_utility_av_note.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_soft
 {
@@ -157,6 +157,24 @@ VESK_ERR vesk_utility_get_logo_frame(
     if (!av_ready())
         return VESK_ERR_NOT_INIT;
     return logo_table().get(type, large != 0, frame, length);
+}
+
+VESK_ERR vesk_utility_av_writer_put(vesk_av_block_writer* w, const _tagVeskFrameHeader* header, const void* payload)
+{
+    if (vesk_ops_type() == 0) {
+        VESK_ERR_FN("Utility Module Not Init");
+        return VESK_ERR_NOT_INIT;
+    }
+    return av_writer_put(vesk_utility_av_mng::instance(), w, header, payload);
+}
+
+VESK_ERR vesk_utility_av_writer_close(vesk_av_block_writer* w)
+{
+    if (vesk_ops_type() == 0) {
+        VESK_ERR_FN("Utility Module Not Init");
+        return VESK_ERR_NOT_INIT;
+    }
+    return av_writer_close(vesk_utility_av_mng::instance(), w);
 }
 
 } // namespace vesk_soft

@@ -1,9 +1,9 @@
 // vesk_utility_api_event - the exported event functions: the manager exists only in the main
 // application, so each wrapper checks that role, then its pointers, then forwards.
-#include "vesk_utility_event_manage.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "event/vesk_utility_event_manage.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_soft
 {

@@ -1,11 +1,11 @@
 // vesk_utility_api_file - the exported wrappers that create and destroy the binary, text and
 // block file operators, each recorded on its registry list with its creator.
 #include "vesk_utility.h"
-#include "vesk_utility_block_file.h"
-#include "vesk_utility_file_operate.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "store/vesk_utility_block_file.h"
+#include "store/vesk_utility_file_operate.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_soft
 {

@@ -1,10 +1,10 @@
 // vesk_utility_api_json - the exported wrappers that create and destroy the JSON document
 // operators, each recorded on its registry list ("json fd", "json_V2 fd").
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_json_impl.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "store/vesk_utility_json_impl.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_soft
 {

@@ -1,10 +1,10 @@
 // vesk_utility_api_lock - the exported wrappers that create and destroy the named locks,
 // read-write locks and interruptible sleeps, each recorded on its registry list.
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_lock.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_lock.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_soft
 {

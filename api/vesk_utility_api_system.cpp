@@ -1,10 +1,10 @@
 // vesk_utility_api_system - the exported command and process functions: argument checks, then
 // the system-command client or the process helpers.
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
-#include "vesk_utility_system.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
+#include "core/vesk_utility_system.h"
 
 namespace vesk_soft
 {
@@ -21,7 +21,7 @@ VESK_ERR vesk_utility_system(const char* cmd)
         VESK_ERR_FN("para err");
         return VESK_ERR_INVALID_PARAM;
     }
-    vesk_utility_system_client* client = vesk_utility_res_manage::instance()->find_system_client();
+    vesk_utility_system_client* client = vesk_ground::instance()->find_system_client();
     if (client == nullptr) {
         VESK_ERR_FN("get system fail!");
         return VESK_ERR_OPERATE_FAIL;
@@ -84,7 +84,7 @@ FILE* vesk_utility_popen(const char* cmd, const char* mode)
         return nullptr;
     }
     VESK_REQUIRE_INIT(nullptr);
-    vesk_utility_system_client* client = vesk_utility_res_manage::instance()->find_system_client();
+    vesk_utility_system_client* client = vesk_ground::instance()->find_system_client();
     if (client == nullptr) {
         VESK_ERR_FN("get system fail!");
         return nullptr;

@@ -1,10 +1,10 @@
 // vesk_utility_api_thread - the exported thread functions: each checks that the layer is
 // initialised and its pointers, then hands the operation to the thread pool.
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
-#include "vesk_utility_thread_pool.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
+#include "sched/vesk_utility_thread_pool.h"
 
 namespace vesk_soft
 {

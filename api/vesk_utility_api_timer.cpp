@@ -1,9 +1,9 @@
 // vesk_utility_api_timer - the exported timer functions: the service exists only in the main
 // application, so each wrapper checks that role, then its pointers, then forwards.
 #include "sched/vesk_utility_timer.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_soft
 {

@@ -1,10 +1,10 @@
 // vesk_utility_api_xml - the exported wrappers that create and destroy XML operators, each
 // recorded on the "xml fd" list.
-#include "doc/vesk_utility_xml.h"
+#include "store/vesk_utility_xml.h"
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_soft
 {

@@ -1,6 +1,7 @@
-// vesk_utility_resource - construction of the layer's services in their fixed order, the
-// accessors that refuse a missing service, and the resource manager's diagnose commands.
-#include "vesk_utility_resource.h"
+// vesk_utility_resource - construction of the layer's services in their fixed order, their
+// composition, the accessors that refuse a missing service, and the resource manager's
+// diagnose commands.
+#include "api/vesk_utility_resource.h"
 
 #include <curl/curl.h>
 
@@ -10,18 +11,19 @@
 #include <new>
 
 #include "vesk_utility_core.h"
-#include "vesk_utility_diagnose.h"
-#include "vesk_utility_json_impl.h"
-#include "vesk_utility_lock.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_sys.h"
-#include "vesk_utility_paths.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_thread_pool.h"
-#include "sched/vesk_utility_timer.h"
+#include "core/vesk_utility_diagnose.h"
+#include "store/vesk_utility_json_impl.h"
+#include "core/vesk_utility_lock.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_sys.h"
+#include "core/vesk_utility_paths.h"
+#include "core/vesk_utility_pool.h"
+#include "sched/vesk_utility_thread_pool.h"
 #include "event/vesk_utility_event_manage.h"
+#include "core/vesk_utility_service.h"
+#include "core/vesk_utility_system.h"
+#include "sched/vesk_utility_timer.h"
 #include "sched/vesk_utility_watch_dog.h"
-#include "vesk_utility_system.h"
 
 namespace vesk_utility {
 
@@ -38,7 +40,7 @@ constexpr unsigned k_endless_dump_period_ms = 15000;
 template <class T, class... Args>
 T* new_accounted(vesk_memmory_purpose purpose, Args... args)
 {
-    void* mem = vesk_utility_res_manage::instance()->mem_account().proc_vesk_malloc(VESK_USER_UTILITY, purpose,
+    void* mem = vesk_ground::instance()->mem_account().proc_vesk_malloc(VESK_USER_UTILITY, purpose,
                                                                                     sizeof(T), alignof(T));
     VESK_ASSERT(mem != NULL);
     return new (mem) T(args...);
@@ -122,41 +124,46 @@ vesk_utility_res_manage::~vesk_utility_res_manage()
 
 void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
 {
-    m_registry.init_node_pool();
-    vesk_lock_install_printers(m_registry);  // dump modes 1-4 of the lock lists
-    vesk_json_install_printers(m_registry);  // dump modes 5-6 of the JSON lists
+    vesk_ground* ground = vesk_ground::instance();
+    vesk_handle_registry& registry = ground->registry();
+    registry.init_node_pool();
+    vesk_lock_install_printers(registry);  // dump modes 1-4 of the lock lists
+    vesk_json_install_printers(registry);  // dump modes 5-6 of the JSON lists
     // Published one by one: from here on small blocks and strings are routed into them.
-    __atomic_store_n(&m_av_reader_pool,
-                     new_accounted<utility_little_mem_pool>(k_purpose_av_reader_pool, k_av_reader_pool_chunk_size,
-                                                            k_purpose_av_reader_pool),
-                     __ATOMIC_RELEASE);
-    __atomic_store_n(&m_little_mem_pool,
-                     new_accounted<utility_little_mem_pool>(k_purpose_little_mem_pool, k_little_mem_pool_chunk_size,
-                                                            k_purpose_little_mem_pool),
-                     __ATOMIC_RELEASE);
-    __atomic_store_n(&m_string_pool, new_accounted<utility_string_pool>(k_purpose_string_pool), __ATOMIC_RELEASE);
+    ground->install_av_reader_pool(new_accounted<utility_little_mem_pool>(
+        k_purpose_av_reader_pool, k_av_reader_pool_chunk_size, k_purpose_av_reader_pool));
+    ground->install_little_mem_pool(new_accounted<utility_little_mem_pool>(
+        k_purpose_little_mem_pool, k_little_mem_pool_chunk_size, k_purpose_little_mem_pool));
+    ground->install_string_pool(new_accounted<utility_string_pool>(k_purpose_string_pool));
     m_thread_pool = new utility_thread_pool();
+    vesk_service<utility_thread_pool>::install(m_thread_pool);
     // Then the role's system-command client and diagnose agent.
     char path[sizeof(sockaddr_un::sun_path)];
+    vesk_utility_system_client* system_client = nullptr;
+    vesk_diagnose_agent* diagnose = nullptr;
     switch (ops) {
     case VESK_UTILITY_OPS_MAIN_APP:
-        m_system_client = new_accounted<vesk_utility_system_client>(
+        system_client = new_accounted<vesk_utility_system_client>(
             k_purpose_system_client, vesk_rooted_path(path, sizeof(path), k_path_cmd_socket_main));
-        m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main));
+        diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main));
         break;
     case VESK_UTILITY_OPS_PROXY_SERVER:
-        m_system_client = new_accounted<vesk_utility_system_client>(
+        system_client = new_accounted<vesk_utility_system_client>(
             k_purpose_system_client, vesk_rooted_path(path, sizeof(path), k_path_cmd_socket_proxy));
-        m_diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy));
+        diagnose = new vesk_diagnose_agent(vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy));
         break;
     default:
         VESK_ASSERT(0);
     }
+    ground->install_services(diagnose, system_client);
     curl_global_init(CURL_GLOBAL_ALL);
     if (ops == VESK_UTILITY_OPS_MAIN_APP) {
         m_timer = new_accounted<vesk_utility_timer>(k_purpose_timer);
+        vesk_service<vesk_utility_timer>::install(m_timer);
         m_event_manage = new_accounted<vesk_utility_event_manage>(k_purpose_event_manage);
+        vesk_service<vesk_utility_event_manage>::install(m_event_manage);
         m_watch_dog_manage = new_accounted<vesk_utility_watch_dog_manage>(k_purpose_watch_dog);
+        vesk_service<vesk_utility_watch_dog_manage>::install(m_watch_dog_manage);
         // An A/V allocation that reaches the rotation threshold pulls the rotation task forward.
         vesk_mem_set_rotate_waker(timer_rotate_waker);
     } else {
@@ -165,62 +172,38 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         m_watch_dog_manage = nullptr;
     }
     regist_diag_clients(ops);
-    // The agent's poll runs on the timer: the proxy server, which has none, ends here in the
-    // get_timer assertion.
-    m_diagnose->start();
-    m_system_client->start();
+    // The ground services poll on the timer: the agent's socket once a second (the first time
+    // 30 s from now), the command client's answers every 100 ms. The proxy server, which has
+    // no timer, ends here in the get_timer assertion.
+    get_timer()->regist_c_func(VESK_USER_UTILITY, utility_diagnose_thread, k_timer_diag_task_purpose,
+                               vesk_diagnose_agent::k_poll_ms, diagnose, VESK_TIMER_TASK_COMMON,
+                               vesk_diagnose_agent::k_first_poll_ms);
+    get_timer()->regist_c_func(VESK_USER_UTILITY, vesk_utility_system_thread, k_timer_system_task_purpose,
+                               k_first_receive_ms, system_client, VESK_TIMER_TASK_COMMON, 0);
 }
 
 void vesk_utility_res_manage::regist_diag_clients(vesk_utility_ops_type ops)
 {
     // Each client is pushed at the head, so the last registered is index 0 on the console.
-    m_diagnose->regist_diag(m_thread_pool, k_thread_pool_title, k_thread_pool_help);
-    m_diagnose->regist_diag(this, k_res_title, k_res_help);
-    m_diagnose->regist_diag(m_timer, k_timer_title, k_timer_help);
+    vesk_ground* ground = vesk_ground::instance();
+    vesk_diagnose_agent* diagnose = ground->get_diagnose();
+    diagnose->regist_diag(m_thread_pool, k_thread_pool_title, k_thread_pool_help);
+    diagnose->regist_diag(this, k_res_title, k_res_help);
+    diagnose->regist_diag(m_timer, k_timer_title, k_timer_help);
     // The proxy server registers both of its empty slots, as the start-up order has it: the
     // second NULL is refused as a repeat ("repeat, why?"), and the NULL timer entry is never
     // served, since that role stops at the agent's start.
     (void)ops;
-    m_diagnose->regist_diag(m_event_manage, k_event_title, "");
-    m_diagnose->regist_diag(m_string_pool, k_string_pool_title, k_pool_help);
-    m_diagnose->regist_diag(m_little_mem_pool, k_little_pool_title, k_pool_help);
-    m_diagnose->regist_diag(m_av_reader_pool, k_av_reader_pool_title, k_pool_help);
+    diagnose->regist_diag(m_event_manage, k_event_title, "");
+    diagnose->regist_diag(ground->get_string_pool(), k_string_pool_title, k_pool_help);
+    diagnose->regist_diag(ground->get_little_mem_pool(), k_little_pool_title, k_pool_help);
+    diagnose->regist_diag(ground->get_av_reader_pool(), k_av_reader_pool_title, k_pool_help);
 }
 
 utility_thread_pool* vesk_utility_res_manage::get_thread_pool()
 {
     VESK_ASSERT(m_thread_pool != NULL);
     return m_thread_pool;
-}
-
-utility_string_pool* vesk_utility_res_manage::get_string_pool()
-{
-    VESK_ASSERT(m_string_pool != NULL);
-    return m_string_pool;
-}
-
-utility_little_mem_pool* vesk_utility_res_manage::get_little_mem_pool()
-{
-    VESK_ASSERT(m_little_mem_pool != NULL);
-    return m_little_mem_pool;
-}
-
-utility_little_mem_pool* vesk_utility_res_manage::get_av_reader_pool()
-{
-    VESK_ASSERT(m_av_reader_pool != NULL);
-    return m_av_reader_pool;
-}
-
-vesk_diagnose_agent* vesk_utility_res_manage::get_diagnose()
-{
-    VESK_ASSERT(m_diagnose != NULL);
-    return m_diagnose;
-}
-
-vesk_utility_system_client* vesk_utility_res_manage::get_system_client()
-{
-    VESK_ASSERT(m_system_client != NULL);
-    return m_system_client;
 }
 
 vesk_utility_timer* vesk_utility_res_manage::get_timer()
@@ -246,32 +229,35 @@ vesk_utility_event_manage* vesk_utility_res_manage::get_event_manage()
 void vesk_utility_res_manage::dump_handles(print_fn print)
 {
     for (const titled_list& t : k_handle_lists)
-        m_registry.dump_list(t.list, t.title, print, 0);
+        vesk_ground::instance()->registry().dump_list(t.list, t.title, print, 0);
 }
 
 void vesk_utility_res_manage::dump_counters(print_fn print)
 {
-    m_malloc_note.dump(print);
-    m_new_note.dump(print);
-    m_class_note.dump(print);
+    vesk_ground* ground = vesk_ground::instance();
+    ground->malloc_note().dump(print);
+    ground->new_note().dump(print);
+    ground->class_note().dump(print);
 }
 
 VESK_ERR vesk_utility_res_manage::diagnose(int para, print_fn print)
 {
+    vesk_mem_account& mem = vesk_ground::instance()->mem_account();
+    vesk_handle_registry& registry = vesk_ground::instance()->registry();
     switch (para) {
     case 0:
         dump_rss(true, print);
         break;
     case 1:
-        m_mem_account.dump_total(print);
+        mem.dump_total(print);
         break;
     case 2:
-        m_mem_account.dump_by_module(print);
+        mem.dump_by_module(print);
         break;
     case 3:
-        m_registry.dump_list(VESK_LIST_COMMON_LOCK, "common lock", print, 1);
-        m_registry.dump_list(VESK_LIST_RW_LOCK, "RW lock", print, 2);
-        m_registry.dump_list(VESK_LIST_SLEEP, "sleep lock", print, 0);
+        registry.dump_list(VESK_LIST_COMMON_LOCK, "common lock", print, 1);
+        registry.dump_list(VESK_LIST_RW_LOCK, "RW lock", print, 2);
+        registry.dump_list(VESK_LIST_SLEEP, "sleep lock", print, 0);
         break;
     case 4:
         dump_handles(print);
@@ -280,9 +266,9 @@ VESK_ERR vesk_utility_res_manage::diagnose(int para, print_fn print)
         // Runs until the console stops taking output.
         while (print("==================================================================\n") == 0) {
             dump_handles(print);
-            m_mem_account.dump_by_module(print);
+            mem.dump_by_module(print);
             print("==================================================================\n");
-            m_mem_account.dump_total(print);
+            mem.dump_total(print);
             dump_counters(print);
             dump_rss(false, print);
             vesk_utility_sleep_ms(k_endless_dump_period_ms);
@@ -292,13 +278,11 @@ VESK_ERR vesk_utility_res_manage::diagnose(int para, print_fn print)
         dump_counters(print);
         break;
     case 7:
-        m_registry.dump_list(VESK_LIST_COMMON_LOCK, "common lock", print, 3);
-        m_registry.dump_list(VESK_LIST_RW_LOCK, "RW lock", print, 4);
-        m_registry.dump_list(VESK_LIST_SLEEP, "sleep lock", print, 0);
+        vesk_dump_held_locks(print);
         break;
     case 8:
-        m_registry.dump_list(VESK_LIST_JSON, "json fd", print, 5);
-        m_registry.dump_list(VESK_LIST_JSON_V2, "json_V2 fd", print, 6);
+        registry.dump_list(VESK_LIST_JSON, "json fd", print, 5);
+        registry.dump_list(VESK_LIST_JSON_V2, "json_V2 fd", print, 6);
         break;
     case 9:
         dump_rss(false, print);

@@ -1,5 +1,5 @@
 // vesk_utility_av_logo - loading and lookup of the logo frames.
-#include "vesk_utility_av_logo.h"
+#include "av/vesk_utility_av_logo.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,11 +7,11 @@
 #include <cstring>
 #include <new>
 
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_paths.h"
-#include "vesk_utility_purposes.h"
+#include "av/vesk_utility_av_mng.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_paths.h"
+#include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility
 {

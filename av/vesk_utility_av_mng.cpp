@@ -1,19 +1,20 @@
 // vesk_utility_av_mng - creation of the block manager, the descriptor pool, push, the rotation
 // rule that frees blocks, the user-bit tables, the reader registry and the diagnose dump.
-#include "vesk_utility_av_mng.h"
+#include "av/vesk_utility_av_mng.h"
 
 #include <time.h>
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <new>
 
-#include "vesk_utility_av_reader.h"
-#include "vesk_utility_diagnose.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_resource.h"
+#include "av/vesk_utility_av_reader.h"
+#include "core/vesk_utility_diagnose.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility
 {
@@ -138,7 +139,7 @@ void vesk_utility_av_mng::proc_init(bool regist_diag)
     }
     if (!regist_diag)
         return;
-    vesk_diagnose_agent* diagnose = vesk_utility_res_manage::instance()->get_diagnose();
+    vesk_diagnose_agent* diagnose = vesk_ground::instance()->get_diagnose();
     VESK_ASSERT(diagnose != NULL);
     diagnose->regist_diag(this, k_av_title, k_av_help);
 }

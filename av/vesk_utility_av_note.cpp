@@ -1,12 +1,12 @@
 // vesk_utility_av_note - the frame API over the cache's lists: selection from a caller-held
 // position, references on in-place frames, joined copies, release.
-#include "vesk_utility_av_note.h"
+#include "av/vesk_utility_av_note.h"
 
 #include <cstring>
 
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_av_walk.h"
-#include "vesk_utility_log.h"
+#include "av/vesk_utility_av_mng.h"
+#include "av/vesk_utility_av_walk.h"
+#include "core/vesk_utility_log.h"
 #include "vesk_utility_memory.h"
 
 namespace vesk_utility

@@ -3,15 +3,15 @@
 //
 // Divisions: helpers; channel, user bits and history; get_frame/put_frame; pacing;
 // get_block/put_block.
-#include "vesk_utility_av_reader.h"
+#include "av/vesk_utility_av_reader.h"
 
 #include <cstring>
 
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_av_walk.h"
-#include "vesk_utility_log.h"
+#include "av/vesk_utility_av_mng.h"
+#include "av/vesk_utility_av_walk.h"
+#include "core/vesk_utility_log.h"
 #include "vesk_utility_memory.h"
-#include "vesk_utility_purposes.h"
+#include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility
 {

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "vesk_utility_av.h"
-#include "vesk_utility_av_walk.h"
+#include "av/vesk_utility_av_walk.h"
 
 namespace vesk_utility
 {

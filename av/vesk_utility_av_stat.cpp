@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_log.h"
+#include "av/vesk_utility_av_mng.h"
+#include "core/vesk_utility_log.h"
 
 namespace vesk_utility
 {

@@ -1,11 +1,11 @@
 // vesk_utility_av_walk - list walks shared by the readers and the frame API.
-#include "vesk_utility_av_walk.h"
+#include "av/vesk_utility_av_walk.h"
 
 #include <cstring>
 
-#include "vesk_utility_log.h"
+#include "core/vesk_utility_log.h"
 #include "vesk_utility_memory.h"
-#include "vesk_utility_purposes.h"
+#include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility
 {

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "vesk_utility_av_mng.h"
+#include "av/vesk_utility_av_mng.h"
 
 namespace vesk_utility
 {

@@ -3,10 +3,10 @@
 // frame into the following blocks, and the final mark.
 #include <cstring>
 
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_resource.h"
+#include "av/vesk_utility_av_mng.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility
 {
@@ -226,24 +226,6 @@ VESK_ERR vesk_utility_av_writer_init(vesk_av_block_writer* w, uint32_t ipc_idx, 
     w->block_bytes = block_bytes;
     w->max_frames = max_frames;
     return VESK_OK;
-}
-
-VESK_ERR vesk_utility_av_writer_put(vesk_av_block_writer* w, const _tagVeskFrameHeader* header, const void* payload)
-{
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("Utility Module Not Init");
-        return VESK_ERR_NOT_INIT;
-    }
-    return av_writer_put(vesk_utility_av_mng::instance(), w, header, payload);
-}
-
-VESK_ERR vesk_utility_av_writer_close(vesk_av_block_writer* w)
-{
-    if (vesk_ops_type() == 0) {
-        VESK_ERR_FN("Utility Module Not Init");
-        return VESK_ERR_NOT_INIT;
-    }
-    return av_writer_close(vesk_utility_av_mng::instance(), w);
 }
 
 } // namespace vesk_soft

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "vesk_utility.h"
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_mem_account.h"
+#include "av/vesk_utility_av_mng.h"
+#include "core/vesk_utility_mem_account.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;

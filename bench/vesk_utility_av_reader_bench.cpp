@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "vesk_utility.h"
-#include "vesk_utility_av_mng.h"
+#include "av/vesk_utility_av_mng.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;

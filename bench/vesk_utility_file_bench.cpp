@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
-#include "../tests/doc/loop_fs.h"
+#include "../tests/store/loop_fs.h"
 #include "vesk_utility.h"
-#include "vesk_utility_block_file.h"
+#include "store/vesk_utility_block_file.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;

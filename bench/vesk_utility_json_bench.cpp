@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "vesk_tool_json.h"
+#include "store/json/vesk_utility_json_tree.h"
 
 using namespace vesk_utility;
 

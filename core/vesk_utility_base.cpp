@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "vesk_utility_core.h"
-#include "vesk_utility_log.h"
+#include "core/vesk_utility_log.h"
 
 namespace vesk_soft {
 

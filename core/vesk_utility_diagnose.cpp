@@ -1,7 +1,7 @@
 // vesk_utility_diagnose - the diagnose agent: accepts one console at a time on a unix
 // socket, reads complete requests without ever blocking its polling thread, and streams the
 // output of a client's command back as text messages followed by a finish message.
-#include "vesk_utility_diagnose.h"
+#include "core/vesk_utility_diagnose.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -17,12 +17,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "vesk_utility_diag_wire.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_resource.h"
-#include "sched/vesk_utility_timer.h"
+#include "core/vesk_utility_diag_wire.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility {
 
@@ -31,8 +30,6 @@ using namespace vesk_soft;
 namespace {
 
 constexpr const char* k_cls = "vesk_diagnose_agent";
-constexpr unsigned k_poll_ms = 1000;         // work() period
-constexpr unsigned k_first_poll_ms = 30000;  // the first poll, once start-up has settled
 constexpr uint32_t k_idle_polls = 20;         // a silent console is dropped after this many polls
 constexpr uint32_t k_max_payload = 4096;  // larger requests are not from our console
 
@@ -172,15 +169,8 @@ vesk_timer_ret_code utility_diagnose_thread(void* userParam, unsigned int* next_
     (void)task_type;
     VESK_ASSERT(userParam != NULL);
     static_cast<vesk_diagnose_agent*>(userParam)->work();
-    *next_ms = k_poll_ms;
+    *next_ms = vesk_diagnose_agent::k_poll_ms;
     return VESK_TIMER_RET_CONTINUE;
-}
-
-void vesk_diagnose_agent::start()
-{
-    vesk_utility_res_manage::instance()->get_timer()->regist_c_func(VESK_USER_UTILITY, utility_diagnose_thread,
-                                                                    k_timer_diag_task_purpose, k_poll_ms, this,
-                                                                    VESK_TIMER_TASK_COMMON, k_first_poll_ms);
 }
 
 void vesk_diagnose_agent::work()

@@ -22,6 +22,9 @@ using vesk_soft::VESK_ERR;
 // thread at a time (the timer task). m_lock guards the client list and is held for the
 // whole of a list, help or run command, so a long command delays registrations. The
 // connection fields are touched only by work() and the print it drives, on that thread.
+// The timer purpose of the agent's poll task.
+constexpr vesk_soft::vesk_timer_purpose k_timer_diag_task_purpose = 137;
+
 class vesk_diagnose_agent final {
 public:
     // Listens (non-blocking, backlog 1, mode 0600) on `path`, unlinking a stale socket
@@ -39,9 +42,10 @@ public:
     // One poll: accept a console, or read and answer one complete request.
     void work();
 
-    // Registers the polling task with the timer service: work() once a second, the first
-    // time 30 s from now. REQUIRES: the timer exists (fatal otherwise).
-    void start();
+    // How the resource manager schedules work() on the timer (utility_diagnose_thread): once a
+    // second, the first time once start-up has settled.
+    static constexpr unsigned k_poll_ms = 1000;
+    static constexpr unsigned k_first_poll_ms = 30000;
 
     // Sends one text message to the console (cut to 511 characters + NUL). 0 while the text
     // reaches the console; VESK_ERR_OPERATE_FAIL without a connection or after a failed write.

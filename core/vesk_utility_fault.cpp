@@ -1,6 +1,6 @@
 // vesk_utility_fault - the counting slow path of vesk_sys_malloc, taken only while a test
 // has armed a failure.
-#include "vesk_utility_fault.h"
+#include "core/vesk_utility_fault.h"
 
 #include <pthread.h>
 

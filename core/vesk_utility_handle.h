@@ -6,8 +6,8 @@
 
 #include <new>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility {
 
@@ -19,7 +19,7 @@ T* vesk_register_new(vesk_handle_list list, T* obj, vesk_soft::vesk_user_id usr_
 {
     if (obj == nullptr)
         return nullptr;
-    vesk_handle_registry& reg = vesk_utility_res_manage::instance()->registry();
+    vesk_handle_registry& reg = vesk_ground::instance()->registry();
     if (reg.save_node(list, reinterpret_cast<uintptr_t>(obj), usr_id, name) != vesk_soft::VESK_OK) {
         vesk_log(vesk_log_level::error, nullptr, wrapper, line, "save fail!");
         delete obj;
@@ -44,7 +44,7 @@ vesk_soft::VESK_ERR vesk_delete_registered(vesk_handle_list list, T* obj, const 
         vesk_log(vesk_log_level::error, nullptr, wrapper, line, "%s %s client == NULL!\n", file, func);
         return vesk_soft::VESK_ERR_INVALID_PARAM;
     }
-    vesk_handle_registry& reg = vesk_utility_res_manage::instance()->registry();
+    vesk_handle_registry& reg = vesk_ground::instance()->registry();
     if (reg.delete_node(list, reinterpret_cast<uintptr_t>(obj)) != vesk_soft::VESK_OK) {
         vesk_log(vesk_log_level::error, nullptr, wrapper, line, "%s, %s delete invalid!\n", file, func);
         vesk_assert_fail(src, wrapper, line, "0");

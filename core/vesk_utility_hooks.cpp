@@ -1,10 +1,10 @@
 // vesk_utility_hooks - the accounted allocator behind SQLite and the protocol libraries.
-#include "vesk_utility_hooks.h"
+#include "core/vesk_utility_hooks.h"
 
 #include <sqlite3.h>
 
 #include "vesk_utility_core.h"
-#include "vesk_utility_mem_account.h"
+#include "core/vesk_utility_mem_account.h"
 #include "vesk_utility_memory.h"
 
 extern "C" {

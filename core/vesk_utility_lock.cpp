@@ -1,7 +1,7 @@
 // vesk_utility_lock - named locks that remember their holder (file, function, thread, time),
 // read-write locks that count their holders, and the interruptible sleep. A re-lock by the
 // holding thread, an unlock of a free lock and the destruction of a held lock end the process.
-#include "vesk_utility_lock.h"
+#include "core/vesk_utility_lock.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,8 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_mem_account.h"
 
 namespace vesk_utility
 {
@@ -514,6 +515,14 @@ void vesk_lock_install_printers(vesk_handle_registry& registry)
     registry.set_node_printer(2, print_all_rw_locks);
     registry.set_node_printer(3, print_held_locks);
     registry.set_node_printer(4, print_held_rw_locks);
+}
+
+void vesk_dump_held_locks(print_fn print)
+{
+    vesk_handle_registry& registry = vesk_ground::instance()->registry();
+    registry.dump_list(VESK_LIST_COMMON_LOCK, "common lock", print, 3);
+    registry.dump_list(VESK_LIST_RW_LOCK, "RW lock", print, 4);
+    registry.dump_list(VESK_LIST_SLEEP, "sleep lock", print, 0);
 }
 
 } // namespace vesk_utility

@@ -13,8 +13,8 @@
 // The public interfaces; core/ shares this header's file name, so reach them through the
 // umbrella header, which resolves its own includes in include/.
 #include "vesk_utility.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_registry.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_registry.h"
 
 namespace vesk_utility
 {
@@ -41,6 +41,10 @@ extern vesk_lock_sys s_lock_sys;
 // Lists the lock objects in dump modes 1 (all locks), 2 (all read-write locks), 3 (held
 // locks) and 4 (held read-write locks). Called once by the resource manager.
 void vesk_lock_install_printers(vesk_handle_registry& registry);
+
+// Every held lock of the three lock lists with its holder and for how long (the console's
+// held-lock dump, and the watchdog's report before a reboot).
+void vesk_dump_held_locks(vesk_soft::print_fn print);
 
 // Objects of this service live on the accounted heap, so a leaked lock shows up in the
 // memory dumps as well as in the lock lists. A failed allocation makes `new` yield NULL.

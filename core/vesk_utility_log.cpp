@@ -1,6 +1,6 @@
 // vesk_utility_log - coloured printf logging and the fatal assertion block. Uses only stdio,
 // so it is safe inside the allocator and the lock code.
-#include "vesk_utility_log.h"
+#include "core/vesk_utility_log.h"
 
 #include <cstdio>
 #include <cstdlib>

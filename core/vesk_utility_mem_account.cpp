@@ -1,17 +1,17 @@
 // vesk_utility_mem_account - the accounted heap (guarded blocks on one live list), the A/V
 // cache budget, and the routing front doors vesk_malloc / vesk_realloc / vesk_free.
-#include "vesk_utility_mem_account.h"
+#include "core/vesk_utility_mem_account.h"
 
 #include <cstdlib>
 #include <cstring>
 
-#include "vesk_utility_fault.h"
-#include "vesk_utility_guard.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_layout.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_fault.h"
+#include "core/vesk_utility_guard.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_layout.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_pool.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility {
 
@@ -327,7 +327,7 @@ void vesk_mem_set_rotate_waker(void (*waker)())
 
 void* vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align)
 {
-    vesk_mem_account& account = vesk_utility_res_manage::instance()->mem_account();
+    vesk_mem_account& account = vesk_ground::instance()->mem_account();
     if (is_av_budget_block(usr_id, purpose)) {
         // The budget lock covers the whole allocation so that the total never overshoots.
         std::lock_guard<std::mutex> guard(s_av_lock);
@@ -356,7 +356,7 @@ void* vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned si
     // Small blocks stay out of the system heap; SQLite's are excluded, since it sizes and
     // frees them through the heap's own size query.
     if (size <= k_little_block_max && align <= 4 && usr_id != VESK_USER_SQLITE) {
-        utility_little_mem_pool* pool = vesk_utility_res_manage::instance()->little_mem_pool_if_built();
+        utility_little_mem_pool* pool = vesk_ground::instance()->little_mem_pool_if_built();
         if (pool != nullptr)
             return pool->malloc(usr_id, purpose, size);
     }
@@ -365,14 +365,14 @@ void* vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned si
 
 VESK_ERR vesk_get_mem_size(const char* file, const char* func, const void* p, unsigned& size)
 {
-    return vesk_utility_res_manage::instance()->mem_account().vesk_get_mem_size(file, func, p, size);
+    return vesk_ground::instance()->mem_account().vesk_get_mem_size(file, func, p, size);
 }
 
 VESK_ERR vesk_free(const char* file, const char* func, const void* p)
 {
     if (p == nullptr)
         return VESK_OK;
-    vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
+    vesk_ground* res = vesk_ground::instance();
     utility_string_pool* strings = res->string_pool_if_built();
     if (strings != nullptr && strings->try_free(file, func, p) == VESK_OK)
         return VESK_OK;
@@ -388,7 +388,7 @@ namespace {
 // The caller's size of any block the general free takes: pooled ones from their pool.
 VESK_ERR block_size(const char* file, const char* func, const void* p, unsigned& size)
 {
-    vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
+    vesk_ground* res = vesk_ground::instance();
     utility_little_mem_pool* little = res->little_mem_pool_if_built();
     if (little != nullptr && little->get_mem_size(file, func, p, size) == VESK_OK)
         return VESK_OK;

@@ -1,11 +1,11 @@
 // vesk_utility_mem_note - the note trees and the class counters.
-#include "vesk_utility_mem_note.h"
+#include "core/vesk_utility_mem_note.h"
 
 #include <cstdlib>
 #include <cstring>
 
-#include "vesk_utility_fault.h"
-#include "vesk_utility_log.h"
+#include "core/vesk_utility_fault.h"
+#include "core/vesk_utility_log.h"
 
 namespace vesk_utility {
 

@@ -1,5 +1,5 @@
 // vesk_utility_mem_sys - system and process memory figures from /proc.
-#include "vesk_utility_mem_sys.h"
+#include "core/vesk_utility_mem_sys.h"
 
 #include <unistd.h>
 
@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility {
 

@@ -1,5 +1,5 @@
 // vesk_utility_paths - the VESK_UTILITY_ROOT prefix of the fixed paths.
-#include "vesk_utility_paths.h"
+#include "core/vesk_utility_paths.h"
 
 #include <cstdio>
 #include <cstdlib>

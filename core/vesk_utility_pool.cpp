@@ -1,14 +1,14 @@
 // vesk_utility_pool - the string pool and the little memory pools: best-fit nodes carved from
 // the tail of free nodes, coalesced on free, chunks returned to the accounted heap once empty,
 // and the diagnosis of every bad free before the process is stopped.
-#include "vesk_utility_pool.h"
+#include "core/vesk_utility_pool.h"
 
 #include <cstring>
 
 #include "core/vesk_utility_guard.h"
-#include "vesk_utility_fault.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_fault.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility
 {
@@ -47,7 +47,7 @@ int kb(uint32_t bytes)
 
 vesk_mem_account& heap()
 {
-    return vesk_utility_res_manage::instance()->mem_account();
+    return vesk_ground::instance()->mem_account();
 }
 
 } // namespace

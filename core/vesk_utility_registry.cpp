@@ -1,11 +1,11 @@
 // vesk_utility_registry - handle lists over a preallocated node pool; nodes beyond the pool
 // are allocated one by one and freed (not pooled) on release.
-#include "vesk_utility_registry.h"
+#include "core/vesk_utility_registry.h"
 
 #include <cstring>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
 
 namespace vesk_utility {
 

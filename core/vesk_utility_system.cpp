@@ -1,6 +1,6 @@
 // vesk_utility_system - the system-command client (requests to the proxy server, the answer
 // table, the receive task) and the process helpers built on vfork and /bin/sh.
-#include "vesk_utility_system.h"
+#include "core/vesk_utility_system.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -16,15 +16,14 @@
 #include <cstring>
 #include <ctime>
 
-#include "sched/vesk_utility_timer.h"
-#include "vesk_utility_cmd_wire.h"
-#include "vesk_utility_guard.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_lock.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_cmd_wire.h"
+#include "core/vesk_utility_guard.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_lock.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_pool.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility
 {
@@ -37,7 +36,6 @@ namespace
 constexpr const char* k_cls = "vesk_utility_system_client";
 constexpr int k_rcvbuf = 4096;
 constexpr int k_sndbuf = 16384;
-constexpr unsigned k_first_receive_ms = 1000;
 
 vesk_lock* new_named_lock(const char* name)
 {
@@ -80,12 +78,6 @@ vesk_utility_system_client::vesk_utility_system_client(const char* server_path)
     m_server_path[len] = '\0';
     named_guard guard(m_send_lock, __FILE__, "vesk_utility_system_client");
     connect_socket();
-}
-
-void vesk_utility_system_client::start()
-{
-    vesk_utility_res_manage::instance()->get_timer()->regist_c_func(VESK_USER_UTILITY, vesk_utility_system_thread,
-        k_timer_system_task_purpose, k_first_receive_ms, this, VESK_TIMER_TASK_COMMON, 0);
 }
 
 void vesk_utility_system_client::connect_socket()

@@ -20,6 +20,8 @@ constexpr unsigned k_cmd_poll_ms = 100; // waiter's poll and receive task period
 constexpr unsigned k_cmd_wait_tries = 60000; // 6000 s before a waiter gives up
 constexpr unsigned k_cmd_wait_log_every = 100; // a debug line every 10 s of waiting
 constexpr vesk_soft::vesk_timer_purpose k_timer_system_task_purpose = 141;
+// The receive task's first run, 1 s after start.
+constexpr unsigned k_first_receive_ms = 1000;
 
 // Thread safety: every operation may be called from any thread.
 // Lock order: m_send_lock, then m_rec_lock. m_send_lock guards m_connect_fd and m_magic (the
@@ -32,9 +34,6 @@ public:
     explicit vesk_utility_system_client(const char* server_path);
     vesk_utility_system_client(const vesk_utility_system_client&) = delete;
     vesk_utility_system_client& operator=(const vesk_utility_system_client&) = delete;
-
-    // Registers the receive task with the timer service. REQUIRES: the timer exists.
-    void start();
 
     // Runs cmd through the proxy and waits until it has finished: 0, or -1 when no answer came
     // within 6000 s. When the proxy cannot be reached the command runs here through system().

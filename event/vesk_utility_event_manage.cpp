@@ -1,7 +1,7 @@
 // vesk_utility_event_manage - raising, refreshing and ending events, the once-a-second check
 // that ends expired events and notifies observers outside the list lock, arming schedules,
 // filters, the listing for the two users, and the manager's diagnose commands.
-#include "vesk_utility_event_manage.h"
+#include "event/vesk_utility_event_manage.h"
 
 #include <time.h>
 
@@ -10,11 +10,12 @@
 
 #include "core/vesk_utility_guard.h"
 #include "sched/vesk_utility_timer.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_service.h"
 
 namespace vesk_utility
 {
@@ -187,7 +188,7 @@ vesk_utility_event_manage::vesk_utility_event_manage(uint32_t info_nodes)
         sizeof(vesk_event_detail_info) * k_event_notify_batch, vesk_obj_align<vesk_event_detail_info>()));
     VESK_ASSERT(m_batch != NULL);
 
-    vesk_utility_res_manage::instance()->get_timer()->regist_c_func(VESK_USER_UTILITY, event_check_thread,
+    vesk_service<vesk_utility_timer>::get()->regist_c_func(VESK_USER_UTILITY, event_check_thread,
         k_check_purpose, k_check_interval_ms, this, VESK_TIMER_TASK_COMMON, k_check_first_ms);
 }
 

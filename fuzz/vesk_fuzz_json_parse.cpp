@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "vesk_tool_json.h"
+#include "store/json/vesk_utility_json_tree.h"
 
 using namespace vesk_utility;
 

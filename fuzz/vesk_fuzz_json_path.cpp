@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "vesk_utility_json_impl.h"
+#include "store/vesk_utility_json_impl.h"
 
 using namespace vesk_utility;
 

@@ -3,7 +3,7 @@
 // are accepted entry points that do nothing in this system.
 #include <cstring>
 
-#include "vesk_utility_log.h"
+#include "core/vesk_utility_log.h"
 #include "vesk_utility_media.h"
 
 namespace vesk_soft

@@ -2,7 +2,7 @@
 // address, addresses from getifaddrs, routes from /proc/net, DNS servers from the
 // per-interface resolver files. Every list is built from the accounted heap and released by
 // the caller through the matching relase function.
-#include "vesk_utility_net_config.h"
+#include "net/vesk_utility_net_config.h"
 
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -14,10 +14,10 @@
 
 #include <cstring>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_paths.h"
-#include "vesk_utility_purposes.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_paths.h"
+#include "core/vesk_utility_purposes.h"
 
 using namespace vesk_soft;
 

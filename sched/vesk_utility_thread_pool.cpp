@@ -1,7 +1,7 @@
 // vesk_utility_thread_pool - create/enter/exit/retrieve of registered threads, and the
 // diagnostics of the registry: the per-thread CPU view (two samples of /proc five seconds
 // apart) and the list of records checked against the threads that really exist.
-#include "vesk_utility_thread_pool.h"
+#include "sched/vesk_utility_thread_pool.h"
 
 #include <dirent.h>
 #include <sched.h>
@@ -18,8 +18,8 @@
 
 #include "core/vesk_utility_guard.h"
 #include "vesk_utility_core.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
 
 namespace vesk_utility
 {

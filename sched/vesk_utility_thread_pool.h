@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "vesk_utility_purposes.h"
+#include "core/vesk_utility_purposes.h"
 #include "vesk_utility_thread.h"
 #include "vesk_utility_types.h"
 

@@ -1,7 +1,7 @@
 // vesk_utility_timer - the timer service: owns the task node pool, the common and real-time
 // task sets, the delete marks, the 0x88 slot and the service threads with their check thread.
 // Its diagnose tables live in vesk_utility_timer_diag.cpp.
-#include "vesk_utility_timer.h"
+#include "sched/vesk_utility_timer.h"
 
 #include <sys/syscall.h>
 #include <time.h>
@@ -10,11 +10,12 @@
 #include <cstring>
 #include <new>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_resource.h"
-#include "vesk_utility_thread_pool.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_service.h"
+#include "sched/vesk_utility_thread_pool.h"
 
 namespace vesk_utility
 {
@@ -84,7 +85,7 @@ void init_queue(vesk_timer_queue* que, uint32_t sorted, uint32_t type)
 
 utility_thread_pool* thread_pool()
 {
-    return vesk_utility_res_manage::instance()->find_thread_pool();
+    return vesk_service<utility_thread_pool>::find();
 }
 
 } // namespace

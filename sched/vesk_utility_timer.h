@@ -45,7 +45,6 @@ constexpr uint32_t k_timer_rotate_pull_ms = 200; // least gap between two pulls 
 constexpr uint32_t k_timer_comm_stack = 2097152; // common and temporary threads
 constexpr uint32_t k_timer_rt_stack = 1048576; // real-time threads
 constexpr uint32_t k_timer_check_stack = 524288; // the check thread
-constexpr vesk_timer_purpose k_timer_diag_task_purpose = 137; // the diagnose agent's poll
 
 // One task (or one delete mark), a node of exactly one list at a time.
 //   | usr_id | purpose | param | func | interval | suspended | last_sec | last_nsec |

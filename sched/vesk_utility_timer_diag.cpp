@@ -5,10 +5,10 @@
 
 #include <cstdio>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_timer.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
+#include "sched/vesk_utility_timer.h"
 
 namespace vesk_utility
 {

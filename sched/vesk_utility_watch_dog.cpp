@@ -1,7 +1,7 @@
 // vesk_utility_watch_dog - the dogs of the modules and the check that counts them up once a
 // second; a dead dog prints the held locks, then (unless /config//close_dog exists) reboots
 // the system through the registered function and, failing that, the "reboot" command.
-#include "vesk_utility_watch_dog.h"
+#include "sched/vesk_utility_watch_dog.h"
 
 #include <unistd.h>
 
@@ -10,14 +10,15 @@
 #include "core/vesk_utility_guard.h"
 #include "core/vesk_utility_lock.h"
 #include "core/vesk_utility_system.h"
-#include "doc/vesk_utility_xml.h"
+#include "store/vesk_utility_xml.h"
 #include "sched/vesk_utility_timer.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_paths.h"
-#include "vesk_utility_purposes.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_paths.h"
+#include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_service.h"
 
 namespace vesk_utility
 {
@@ -28,7 +29,6 @@ namespace
 {
 
 constexpr const char* k_cls = "vesk_utility_watch_dog_manage";
-constexpr int k_dump_held_locks = 7; // the resource manager's dump of held locks
 
 } // namespace
 
@@ -39,7 +39,7 @@ vesk_utility_watch_dog_manage::vesk_utility_watch_dog_manage(bool with_task)
         VESK_USER_UTILITY, "watch dog lock");
     VESK_ASSERT(m_lock != NULL);
     if (m_with_task)
-        vesk_utility_res_manage::instance()->get_timer()->regist_c_func(VESK_USER_UTILITY, vesk_utl_watch_dog_thread,
+        vesk_service<vesk_utility_timer>::get()->regist_c_func(VESK_USER_UTILITY, vesk_utl_watch_dog_thread,
             k_timer_watch_dog_purpose, k_watch_dog_check_ms, this, VESK_TIMER_TASK_COMMON, 0);
 }
 
@@ -188,7 +188,7 @@ vesk_timer_ret_code vesk_utility_watch_dog_manage::check(unsigned* next_ms)
         *next_ms = k_watch_dog_check_ms;
         return VESK_TIMER_RET_CONTINUE;
     }
-    vesk_utility_res_manage::instance()->diagnose(k_dump_held_locks, vesk_print_stdout);
+    vesk_dump_held_locks(vesk_print_stdout);
     char marker[256];
     if (access(vesk_rooted_path(marker, sizeof(marker), k_path_close_dog), F_OK) == 0) {
         *next_ms = k_watch_dog_check_ms;
@@ -198,7 +198,7 @@ vesk_timer_ret_code vesk_utility_watch_dog_manage::check(unsigned* next_ms)
     vesk_print_stdout("%s[%d]:call dog_reboot!\n", "vesk_utl_watch_dog_thread", __LINE__);
     vesk_utility_sleep_ms(m_reboot_grace_ms);
     vesk_print_stdout("%s[%d]:why still alive? call system_reboot!\n", "vesk_utl_watch_dog_thread", __LINE__);
-    vesk_utility_system_client* client = vesk_utility_res_manage::instance()->find_system_client();
+    vesk_utility_system_client* client = vesk_ground::instance()->find_system_client();
     if (client == nullptr) {
         vesk_print_stdout("get system fail!\n");
         return VESK_TIMER_RET_CONTINUE;

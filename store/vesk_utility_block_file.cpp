@@ -1,7 +1,7 @@
 // vesk_utility_block_file - the block file operator: the file system is asked once, at open,
 // where a preallocated recording file lies on the disk (FIEMAP on ext4, GETBMAPX on XFS); reads
 // and writes then go to the raw device at those offsets, bypassing the file system for data.
-#include "vesk_utility_block_file.h"
+#include "store/vesk_utility_block_file.h"
 
 #include <fcntl.h>
 #include <linux/fiemap.h>
@@ -35,9 +35,9 @@ struct getbmapx {
 #endif
 static_assert(sizeof(struct getbmapx) == 48, "getbmapx is 48 bytes on every ABI");
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility
 {

@@ -8,7 +8,7 @@
 #include <cstdio>
 
 #include "vesk_utility_file.h"
-#include "vesk_utility_file_operate.h"
+#include "store/vesk_utility_file_operate.h"
 
 namespace vesk_utility
 {

@@ -1,7 +1,7 @@
 // vesk_utility_file_operate - the binary file operator: one descriptor, positioned reads and
 // writes, a read cache in the accounted heap; and the text operator's lines on top of it.
 // Writes are never held in the process, so a crash loses nothing that write() accepted.
-#include "vesk_utility_file_operate.h"
+#include "store/vesk_utility_file_operate.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,10 +11,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "vesk_utility_file_sys.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_purposes.h"
+#include "store/vesk_utility_file_sys.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility
 {

@@ -1,5 +1,5 @@
 // vesk_utility_file_sys - the default system-call table of the file operators.
-#include "vesk_utility_file_sys.h"
+#include "store/vesk_utility_file_sys.h"
 
 #include <fcntl.h>
 #include <unistd.h>

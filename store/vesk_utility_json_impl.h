@@ -1,6 +1,6 @@
 // vesk_utility_json_impl - the two JSON document operators (vesk_tool_json, addressed by chains
 // of member names, and vesk_tool_json_V2, addressed by key paths) over the tree of
-// toolfonts/vesk_tool_json, each guarding its document with its own named lock.
+// store/json/, each guarding its document with its own named lock.
 #ifndef VESK_UTILITY_JSON_IMPL_H
 #define VESK_UTILITY_JSON_IMPL_H
 
@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <initializer_list>
 
-#include "vesk_tool_json.h"
+#include "store/json/vesk_utility_json_tree.h"
 #include "vesk_utility.h"
-#include "vesk_utility_registry.h"
+#include "core/vesk_utility_registry.h"
 
 namespace vesk_utility
 {

@@ -6,9 +6,9 @@
 #include <cstring>
 
 #include "core/vesk_utility_guard.h"
-#include "vesk_utility_json_impl.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
+#include "store/vesk_utility_json_impl.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
 
 namespace vesk_utility
 {

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "vesk_utility_log.h"
+#include "core/vesk_utility_log.h"
 #include "vesk_utility_sqlite.h"
 
 namespace vesk_utility

@@ -1,6 +1,6 @@
 // vesk_utility_xml - the XML operator over TinyXML: one small document per operator, built or
 // loaded, read back by name paths, and saved so that a power cut never leaves half a file.
-#include "vesk_utility_xml.h"
+#include "store/vesk_utility_xml.h"
 
 #include <tinyxml.h>
 
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <new>
 
-#include "vesk_utility_log.h"
+#include "core/vesk_utility_log.h"
 
 namespace vesk_utility
 {

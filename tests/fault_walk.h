@@ -18,7 +18,7 @@
 #include <string>
 
 #include "test_support.h"
-#include "vesk_utility_fault.h"
+#include "core/vesk_utility_fault.h"
 
 namespace vesk_test
 {

@@ -10,7 +10,7 @@
 #include "sched/vesk_utility_timer.h"
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_resource.h"
+#include "api/vesk_utility_resource.h"
 
 namespace
 {

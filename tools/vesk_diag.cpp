@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "vesk_utility_diag_wire.h"
-#include "vesk_utility_paths.h"
+#include "core/vesk_utility_diag_wire.h"
+#include "core/vesk_utility_paths.h"
 
 using namespace vesk_utility;
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "vesk_utility.h"
-#include "vesk_utility_resource.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 

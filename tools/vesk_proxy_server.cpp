@@ -22,9 +22,9 @@
 #include <string>
 #include <vector>
 
-#include "vesk_utility_cmd_wire.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_paths.h"
+#include "core/vesk_utility_cmd_wire.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_paths.h"
 
 using namespace vesk_utility;
 

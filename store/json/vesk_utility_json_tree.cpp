@@ -1,7 +1,7 @@
 // vesk_tool_json - the JSON value tree: parser, printer and node operations. Strings keep their
 // byte length and are printed verbatim (no escaping); printing goes into the caller's buffer
 // after checking that the whole value fits, with the length function as the caller's guide.
-#include "vesk_tool_json.h"
+#include "store/json/vesk_utility_json_tree.h"
 
 #include <cctype>
 #include <cfloat>
@@ -10,10 +10,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_pool.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_utility
 {
@@ -46,7 +46,7 @@ void json_free(const void* p)
 // A copy of s from the string pool (the heap before the pools exist); *len gets its length.
 char* json_strdup(const char* s, int32_t* len)
 {
-    utility_string_pool* pool = vesk_utility_res_manage::instance()->string_pool_if_built();
+    utility_string_pool* pool = vesk_ground::instance()->string_pool_if_built();
     if (pool != nullptr) {
         unsigned n = 0;
         char* copy = pool->strdup(k_json_usr_id, k_json_purpose, s, UINT_MAX, &n);

@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "vesk_utility.h"
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_mem_account.h"
+#include "av/vesk_utility_av_mng.h"
+#include "core/vesk_utility_mem_account.h"
 
 namespace vesk_test
 {

@@ -8,8 +8,8 @@
 
 #include "av_test_blocks.h"
 #include "test_support.h"
-#include "vesk_utility_av_reader.h"
-#include "vesk_utility_resource.h"
+#include "av/vesk_utility_av_reader.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -75,7 +75,7 @@ TEST(AvMngTest, PushChainsBlocksFromId9527AndRefusesBadBlocksUntouched)
 TEST(AvMngTest, PoolOverflowStillAcceptsAndRotationReturnsEverything)
 {
     const uint32_t av_base = vesk_mem_av_total();
-    const uint32_t base = vesk_utility_res_manage::instance()->mem_account().total_size();
+    const uint32_t base = vesk_ground::instance()->mem_account().total_size();
     {
         vesk_utility_av_mng mng;
         const vesk_av_time t0 = av_now();
@@ -101,7 +101,7 @@ TEST(AvMngTest, PoolOverflowStillAcceptsAndRotationReturnsEverything)
                 ASSERT_EQ(0u, mng.chn_blocks(ipc).lists[t].blk_cnt);
         EXPECT_EQ(av_base, vesk_mem_av_total());
     }
-    EXPECT_EQ(base, vesk_utility_res_manage::instance()->mem_account().total_size());
+    EXPECT_EQ(base, vesk_ground::instance()->mem_account().total_size());
 }
 
 TEST(AvMngTest, PendingStreamUserKeepsBlockUntilPressureOrTheOneTickAgeLimit)

@@ -3,7 +3,7 @@
 
 #include "av_test_blocks.h"
 #include "test_support.h"
-#include "vesk_utility_av_note.h"
+#include "av/vesk_utility_av_note.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;

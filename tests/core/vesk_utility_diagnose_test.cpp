@@ -17,9 +17,9 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_diag_wire.h"
-#include "vesk_utility_diagnose.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_diag_wire.h"
+#include "core/vesk_utility_diagnose.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -336,7 +336,7 @@ TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirst)
     echo_client mine;
     ASSERT_EQ(vesk_utility_regist_diag(&mine, "my module", "1 show state"), VESK_OK);
     EXPECT_EQ(vesk_utility_regist_diag(nullptr, "x", "y"), VESK_ERR_INVALID_PARAM);
-    vesk_diagnose_agent* agent = vesk_utility_res_manage::instance()->get_diagnose();
+    vesk_diagnose_agent* agent = vesk_ground::instance()->get_diagnose();
     std::atomic<bool> run {true};
     // The process agent is polled by its timer task (first run 30 s after start-up); waking
     // that task keeps the polls coming without a second thread calling work().

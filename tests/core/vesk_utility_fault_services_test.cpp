@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "doc/toolfonts/vesk_tool_json.h"
+#include "store/json/vesk_utility_json_tree.h"
 #include "fault_walk.h"
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_resource.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -25,7 +25,7 @@ namespace
 
 uint32_t heap_total()
 {
-    return vesk_utility_res_manage::instance()->mem_account().total_size();
+    return vesk_ground::instance()->mem_account().total_size();
 }
 
 } // namespace

@@ -16,11 +16,12 @@
 #include "fault_walk.h"
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_fault.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_layout.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_fault.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_layout.h"
+#include "api/vesk_utility_resource.h"
+#include "core/vesk_utility_ground.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -31,9 +32,9 @@ using vesk_test::walk_alloc_failures;
 namespace
 {
 
-vesk_utility_res_manage* res()
+vesk_ground* res()
 {
-    return vesk_utility_res_manage::instance();
+    return vesk_ground::instance();
 }
 
 // The accounted heap's totals, compared whole.
@@ -357,7 +358,7 @@ TEST(FaultWalkTest, ByModuleDumpWithoutItsScratchTablePrintsOnlyTheFailure)
     void* held = vesk_utility_malloc(0x68, 0x6801, 3000, 8); // on the heap's live list
     ASSERT_NE(held, nullptr);
     const heap_state base = heap();
-    EXPECT_EQ(walk_alloc_failures([] { res()->diagnose(2, vesk_print_stdout); },
+    EXPECT_EQ(walk_alloc_failures([] { vesk_utility_res_manage::instance()->diagnose(2, vesk_print_stdout); },
                   [&](const fault_run& run) {
                       if (run.failed) {
                           EXPECT_THAT(run.out, HasSubstr("caller_id = 0x13, purpose = 0x300b, malloc "));

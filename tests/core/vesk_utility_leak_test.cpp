@@ -16,8 +16,8 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_ground.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -82,7 +82,7 @@ std::ostream& operator<<(std::ostream& os, const snapshot& s)
 
 snapshot take_snapshot()
 {
-    vesk_utility_res_manage* r = vesk_utility_res_manage::instance();
+    vesk_ground* r = vesk_ground::instance();
     snapshot s {r->mem_account().total_size(), r->mem_account().live_blocks(), vesk_mem_av_total(),
         r->malloc_note().malloc_size(), r->new_note().malloc_size(), r->registry().free_pool_nodes(), {},
         open_descriptors()};

@@ -17,8 +17,8 @@
 #include "core/vesk_utility_lock.h"
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_log.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -138,8 +138,8 @@ vesk_rw_lock* new_rw(const char* name)
 
 TEST(LockTest, StateTextsFollowTheHolderAndTheObjectIsAccounted)
 {
-    vesk_mem_account& account = vesk_utility_res_manage::instance()->mem_account();
-    vesk_handle_registry& reg = vesk_utility_res_manage::instance()->registry();
+    vesk_mem_account& account = vesk_ground::instance()->mem_account();
+    vesk_handle_registry& reg = vesk_ground::instance()->registry();
     const uint32_t before = account.total_size();
     vesk_lock* lk = new_lock("disk");
     ASSERT_NE(lk, nullptr);

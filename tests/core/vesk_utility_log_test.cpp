@@ -4,8 +4,8 @@
 #include <string>
 
 #include "test_support.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_paths.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_paths.h"
 
 using namespace vesk_utility;
 

@@ -8,10 +8,10 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_mem_layout.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "core/vesk_utility_mem_layout.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -22,7 +22,7 @@ namespace
 
 vesk_mem_account& account()
 {
-    return vesk_utility_res_manage::instance()->mem_account();
+    return vesk_ground::instance()->mem_account();
 }
 
 long off(size_t field)

@@ -7,9 +7,9 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_note.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_note.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -17,7 +17,7 @@ using testing::HasSubstr;
 
 TEST(MemNoteTest, ExportedNotesCountPerCallerAndPurpose)
 {
-    vesk_note_tree& tree = vesk_utility_res_manage::instance()->malloc_note();
+    vesk_note_tree& tree = vesk_ground::instance()->malloc_note();
     ASSERT_EQ(vesk_utility_note_malloc(0x51, 0x5101, 100), VESK_OK);
     ASSERT_EQ(vesk_utility_note_malloc(0x51, 0x5101, 50), VESK_OK);
     ASSERT_EQ(vesk_utility_note_malloc(0x51, 0x5102, 7), VESK_OK);
@@ -30,7 +30,7 @@ TEST(MemNoteTest, ExportedNotesCountPerCallerAndPurpose)
     EXPECT_EQ(cnt, 1u);
     EXPECT_EQ(size, 50u);
     // The new/delete tree is separate.
-    EXPECT_FALSE(vesk_utility_res_manage::instance()->new_note().find(0x51, 0x5101, cnt, size));
+    EXPECT_FALSE(vesk_ground::instance()->new_note().find(0x51, 0x5101, cnt, size));
 
     ASSERT_EQ(vesk_utility_note_new(0x52, 0x5201, 64), VESK_OK);
     const std::string out
@@ -90,7 +90,7 @@ TEST(MemNoteTest, ClassCountersCountAndDump)
         ASSERT_EQ(vesk_utility_note_new("record_task"), VESK_OK);
     ASSERT_EQ(vesk_utility_note_new("live_view"), VESK_OK);
     ASSERT_EQ(vesk_utility_note_delete("record_task"), VESK_OK);
-    vesk_class_note& cls = vesk_utility_res_manage::instance()->class_note();
+    vesk_class_note& cls = vesk_ground::instance()->class_note();
     EXPECT_EQ(cls.count_of("record_task"), 2);
     EXPECT_EQ(cls.count_of("live_view"), 1);
     EXPECT_EQ(cls.count_of("never"), -1);

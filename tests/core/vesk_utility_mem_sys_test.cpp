@@ -9,9 +9,9 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_sys.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_sys.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -109,7 +109,7 @@ TEST(MemSysTest, SmapsSummaryAndDetailLargestFirst)
 
 TEST(SqliteHookTest, SqliteHeapIsAccountedToItsOwnCaller)
 {
-    vesk_mem_account& account = vesk_utility_res_manage::instance()->mem_account();
+    vesk_mem_account& account = vesk_ground::instance()->mem_account();
     const uint32_t before = account.total_size();
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);

@@ -13,9 +13,9 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_pool.h"
+#include "core/vesk_utility_ground.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -26,9 +26,9 @@ namespace
 constexpr uint32_t NH = k_pool_node_head_size;
 constexpr uint32_t CH = k_pool_chunk_head_size;
 
-vesk_utility_res_manage* res()
+vesk_ground* res()
 {
-    return vesk_utility_res_manage::instance();
+    return vesk_ground::instance();
 }
 
 // The header fields before a block, read out by value: a string's header sits at any byte
@@ -460,7 +460,7 @@ TEST(PoolDeathTest, OverrunStrayPointerAndDoubleFreeAreCaughtAtFree)
         },
         "ERROR! utility_little_mem_pool::proc_find_used_node\\[[0-9]+\\]:record.cpp, flush user_id = 0x51, "
         "purpose = 0x5101, memory = 0x[0-9a-f]+, chunk_addr = 0x[0-9a-f]+ mem_ofset = [0-9]+ mem_size = 20, "
-        "usr_mem_size = 16 magic_1 = 0x52052000 why\\?.*ASSERT!\n >File name: sched/vesk_utility_pool.cpp\n "
+        "usr_mem_size = 16 magic_1 = 0x52052000 why\\?.*ASSERT!\n >File name: core/vesk_utility_pool.cpp\n "
         ">Function: proc_find_used_node\n >Line No: [0-9]+\n >Condition: magic_1 == k_pool_magic_1\n");
     VESK_EXPECT_FATAL(
         {
@@ -480,7 +480,7 @@ TEST(PoolDeathTest, OverrunStrayPointerAndDoubleFreeAreCaughtAtFree)
         },
         "net.cpp, drop memory = 0x[0-9a-f]+, chunk_addr = 0x[0-9a-f]+ mem_ofset = 1515870810 magic_0 = 0x5a5a5a5a "
         "why\\?.*front usr is 0x61, purpose = 0x6101, ofset = -?[0-9]+, size = 68, diag_node = 0x[0-9a-f]+\n.*"
-        "ASSERT!\n >File name: sched/vesk_utility_pool.cpp\n >Function: proc_find_used_node\n >Line No: [0-9]+\n"
+        "ASSERT!\n >File name: core/vesk_utility_pool.cpp\n >Function: proc_find_used_node\n >Line No: [0-9]+\n"
         " >Condition: \\(VESK_CHAR \\*\\)node == \\(chunk->chunk_addr \\+ node->mem_ofset - "
         "sizeof\\(utility_string_pool_mem_node\\)\\)\n");
     VESK_EXPECT_FATAL(

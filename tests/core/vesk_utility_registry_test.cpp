@@ -14,10 +14,10 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_pool.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -28,14 +28,14 @@ namespace
 
 vesk_mem_account& account()
 {
-    return vesk_utility_res_manage::instance()->mem_account();
+    return vesk_ground::instance()->mem_account();
 }
 
 // Bytes the little-memory pool holds for a caller, from its summary dump.
 unsigned little_pool_used_by(vesk_user_id usr_id)
 {
     const std::string out = vesk_test::capture_stdout(
-        [] { vesk_utility_res_manage::instance()->get_little_mem_pool()->diagnose(2, vesk_print_stdout); });
+        [] { vesk_ground::instance()->get_little_mem_pool()->diagnose(2, vesk_print_stdout); });
     char key[48];
     snprintf(key, sizeof(key), "usr_id = 0x%x, used_size = ", usr_id);
     const size_t at = out.find(key);
@@ -179,7 +179,7 @@ VESK_ERR delete_probe(probe_iface* p, const char* file, const char* func)
 
 TEST(HandlePatternTest, NewRegistersAndDeleteDestroys)
 {
-    vesk_handle_registry& reg = vesk_utility_res_manage::instance()->registry();
+    vesk_handle_registry& reg = vesk_ground::instance()->registry();
     s_destroyed = 0;
     probe_iface* p = new_probe(0x41, "md5 of upgrade image");
     ASSERT_NE(p, nullptr);

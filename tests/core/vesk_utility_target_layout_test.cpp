@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_mem_account.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_utility;
 
@@ -32,7 +32,7 @@ uint32_t addr32(const void* p)
 
 TEST(TargetLayoutTest, AccountedHeaderWordsSitAtMinus40ToMinus4AndTrailerAfterUserArea)
 {
-    vesk_mem_account& account = vesk_utility_res_manage::instance()->mem_account();
+    vesk_mem_account& account = vesk_ground::instance()->mem_account();
     const uint32_t size = 100;
     // Three blocks in a row: the middle one's list links name its neighbours' headers.
     void* a = account.proc_vesk_malloc(0x41, 0x4242, size, 1);

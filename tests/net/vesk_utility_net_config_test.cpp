@@ -18,9 +18,9 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_net_config.h"
-#include "vesk_utility_paths.h"
-#include "vesk_utility_resource.h"
+#include "net/vesk_utility_net_config.h"
+#include "core/vesk_utility_paths.h"
+#include "api/vesk_utility_resource.h"
 
 #if defined(VESK_HAVE_CJSON)
 #include <cjson/cJSON.h>
@@ -108,7 +108,7 @@ template <class List> strings walk(const List* list)
 
 uint32_t accounted_total()
 {
-    return vesk_utility_res_manage::instance()->mem_account().total_size();
+    return vesk_ground::instance()->mem_account().total_size();
 }
 
 } // namespace

@@ -10,7 +10,7 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_fault.h"
+#include "core/vesk_utility_fault.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;

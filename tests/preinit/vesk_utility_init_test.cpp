@@ -11,11 +11,11 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_registry.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_pool.h"
+#include "core/vesk_utility_registry.h"
+#include "core/vesk_utility_ground.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -81,7 +81,7 @@ TEST(PreInitTest, MainRoleInitialisesOnceEvenFromManyThreads)
                 ok = ok && r == VESK_OK;
             // Built once: one registry node pool (purpose 0x3001) is accounted, not two; one node
             // records the event manager's observer lock.
-            vesk_utility_res_manage* res = vesk_utility_res_manage::instance();
+            vesk_ground* res = vesk_ground::instance();
             const std::string dump
                 = vesk_test::capture_stdout([&] { res->mem_account().dump_by_module(vesk_print_stdout); });
             const unsigned pool_kb = 1120 * sizeof(vesk_registry_node) / 1024;
@@ -104,13 +104,13 @@ TEST(PreInitDeathTest, ProxyRoleStopsWhereTheAgentNeedsTheTimer)
     // the timer and the process ends before the role is set.
     VESK_EXPECT_FATAL(vesk_utility_init(VESK_UTILITY_OPS_PROXY_SERVER),
         "WARNING! vesk_diagnose_agent::regist_diag\\[[0-9]+\\]:repeat, why\\?.*"
-        "\e\\[0;32;31mASSERT!\n >File name: core/vesk_utility_resource.cpp\n >Function: get_timer\n"
+        "\e\\[0;32;31mASSERT!\n >File name: api/vesk_utility_resource.cpp\n >Function: get_timer\n"
         " >Line No: [0-9]+\n >Condition: m_timer != NULL\n");
 }
 
 TEST(PreInitDeathTest, UnknownRoleIsFatalInConstruction)
 {
     VESK_EXPECT_FATAL(vesk_utility_init(static_cast<vesk_utility_ops_type>(3)),
-        "\e\\[0;32;31mASSERT!\n >File name: core/vesk_utility_resource.cpp\n >Function: construct_res\n >Line "
+        "\e\\[0;32;31mASSERT!\n >File name: api/vesk_utility_resource.cpp\n >Function: construct_res\n >Line "
         "No: [0-9]+\n >Condition: 0\n");
 }

@@ -5,7 +5,7 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_resource.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 

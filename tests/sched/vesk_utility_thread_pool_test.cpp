@@ -22,8 +22,8 @@
 #include "proxy_server_process.h" // wait_for
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_resource.h"
-#include "vesk_utility_thread_pool.h"
+#include "api/vesk_utility_resource.h"
+#include "sched/vesk_utility_thread_pool.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -122,7 +122,7 @@ utility_thread_pool& private_pool()
 
 uint32_t mem_total()
 {
-    return vesk_utility_res_manage::instance()->mem_account().total_size();
+    return vesk_ground::instance()->mem_account().total_size();
 }
 
 std::string comm_of(int tid)

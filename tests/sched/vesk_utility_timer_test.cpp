@@ -17,10 +17,10 @@
 #include "proxy_server_process.h" // wait_for
 #include "sched/vesk_utility_timer.h"
 #include "test_support.h"
-#include "vesk_utility_diagnose.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_account.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_diagnose.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;

@@ -11,9 +11,9 @@
 #include <sstream>
 #include <string>
 
-#include "vesk_tool_json.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_resource.h"
+#include "store/json/vesk_utility_json_tree.h"
+#include "core/vesk_utility_pool.h"
+#include "core/vesk_utility_ground.h"
 
 namespace vesk_json_test
 {
@@ -38,7 +38,7 @@ inline int sink_print(const char* fmt, ...)
 // Live pool nodes with the JSON purpose and their sizes, from the pools' node dumps.
 inline uint64_t json_pool_bytes()
 {
-    vesk_utility::vesk_utility_res_manage* res = vesk_utility::vesk_utility_res_manage::instance();
+    vesk_utility::vesk_ground* res = vesk_utility::vesk_ground::instance();
     sink().clear();
     res->get_little_mem_pool()->diagnose(1, sink_print);
     res->get_string_pool()->diagnose(1, sink_print);
@@ -61,12 +61,12 @@ protected:
     void SetUp() override
     {
         m_pool = json_pool_bytes();
-        m_heap = vesk_utility::vesk_utility_res_manage::instance()->mem_account().total_size();
+        m_heap = vesk_utility::vesk_ground::instance()->mem_account().total_size();
     }
     void TearDown() override
     {
         EXPECT_EQ(json_pool_bytes(), m_pool) << "JSON nodes or texts left in the pools";
-        EXPECT_EQ(vesk_utility::vesk_utility_res_manage::instance()->mem_account().total_size(), m_heap)
+        EXPECT_EQ(vesk_utility::vesk_ground::instance()->mem_account().total_size(), m_heap)
             << "accounted heap not back at its baseline";
     }
 

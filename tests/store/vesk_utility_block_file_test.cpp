@@ -16,7 +16,7 @@
 #include "loop_fs.h"
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_block_file.h"
+#include "store/vesk_utility_block_file.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;

@@ -14,11 +14,11 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_block_file.h"
-#include "vesk_utility_file_operate.h"
-#include "vesk_utility_file_sys.h"
-#include "vesk_utility_registry.h"
-#include "vesk_utility_resource.h"
+#include "store/vesk_utility_block_file.h"
+#include "store/vesk_utility_file_operate.h"
+#include "store/vesk_utility_file_sys.h"
+#include "core/vesk_utility_registry.h"
+#include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -213,7 +213,7 @@ TEST(TxtFileOpsTest, LinesRoundTripAndLongLinesReportTheirLength)
 
 TEST(FileOperateApiDeathTest, OperatorsAreRecordedUntilDeletedAndASecondDeleteIsFatal)
 {
-    vesk_handle_registry& reg = vesk_utility_res_manage::instance()->registry();
+    vesk_handle_registry& reg = vesk_ground::instance()->registry();
     const auto sizes = [&] {
         return std::vector<unsigned> {
             reg.list_size(VESK_LIST_BIN), reg.list_size(VESK_LIST_TXT), reg.list_size(VESK_LIST_BLOCK)};

@@ -12,7 +12,8 @@
 #include "json_test_memory.h"
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "vesk_utility_json_impl.h"
+#include "api/vesk_utility_resource.h"
+#include "store/vesk_utility_json_impl.h"
 
 using namespace vesk_soft;
 using vesk_test::capture_stdout;
@@ -386,7 +387,7 @@ TEST_F(JsonOperatorTest, LevelsOverwriteInPlaceAndPadWithObjects)
 
 TEST_F(JsonOperatorTest, WrappersRegisterAndTheDumpMeasuresEachDocument)
 {
-    vesk_utility::vesk_handle_registry& reg = vesk_utility::vesk_utility_res_manage::instance()->registry();
+    vesk_utility::vesk_handle_registry& reg = vesk_utility::vesk_ground::instance()->registry();
     const unsigned before1 = reg.list_size(vesk_utility::VESK_LIST_JSON);
     const unsigned before2 = reg.list_size(vesk_utility::VESK_LIST_JSON_V2);
     v1("{\"a\":\"bc\"}");

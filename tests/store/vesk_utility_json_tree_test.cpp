@@ -1,5 +1,5 @@
 // Tests of the JSON tree: parser rules, printer formats and buffer checks, node operations.
-#include "vesk_tool_json.h"
+#include "store/json/vesk_utility_json_tree.h"
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -326,14 +326,14 @@ TEST_F(JsonTreeTest, CreatedNodesAndReferences)
 
 TEST_F(JsonTreeTest, ConfigurationDocumentsRoundTrip)
 {
-    DIR* dir = opendir(VESK_DOC_TEST_DATA);
+    DIR* dir = opendir(VESK_STORE_TEST_DATA);
     ASSERT_NE(dir, nullptr);
     int documents = 0;
     while (dirent* e = readdir(dir)) {
         const std::string name = e->d_name;
         if (name.size() < 5 || name.substr(name.size() - 5) != ".json")
             continue;
-        std::ifstream in(std::string(VESK_DOC_TEST_DATA) + "/" + name);
+        std::ifstream in(std::string(VESK_STORE_TEST_DATA) + "/" + name);
         const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         SCOPED_TRACE(name);
         vesk_tool_JSON* first = vesk_tool_JSON_parse_with_opts(text.c_str(), nullptr, 1);

@@ -10,8 +10,8 @@
 
 #include "nvr_sim.h"
 #include "sched/vesk_utility_timer.h"
-#include "vesk_utility_av_mng.h"
-#include "vesk_utility_resource.h"
+#include "av/vesk_utility_av_mng.h"
+#include "api/vesk_utility_resource.h"
 
 namespace nvr_sim
 {

@@ -1,5 +1,6 @@
-// vesk_utility_api - the exported entry and the thin wrappers of the core services: each
-// checks the role, checks its arguments, and forwards to the resource manager.
+// vesk_utility_api_core - the exported entry, the registered descriptors and the diagnose
+// registration (vesk_utility_core.h): each wrapper checks the role, checks its arguments, and
+// forwards to the ground or the resource manager.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -10,26 +11,19 @@
 
 #include "vesk_utility.h"
 #include "av/vesk_utility_av_mng.h"
-#include "vesk_utility_diagnose.h"
-#include "vesk_utility_handle.h"
-#include "vesk_utility_hooks.h"
-#include "vesk_utility_log.h"
-#include "vesk_utility_mem_sys.h"
-#include "vesk_utility_pool.h"
-#include "vesk_utility_resource.h"
+#include "core/vesk_utility_diagnose.h"
+#include "core/vesk_utility_handle.h"
+#include "core/vesk_utility_hooks.h"
+#include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_sys.h"
+#include "core/vesk_utility_pool.h"
+#include "api/vesk_utility_resource.h"
 
 namespace vesk_utility {
 
 namespace {
-// Written once, last, under s_init_lock; read without a lock by every wrapper.
-std::atomic<uint32_t> s_ops_type{0};
 pthread_mutex_t s_init_lock = PTHREAD_MUTEX_INITIALIZER;
 }  // namespace
-
-uint32_t vesk_ops_type()
-{
-    return s_ops_type.load(std::memory_order_acquire);
-}
 
 }  // namespace vesk_utility
 
@@ -39,14 +33,14 @@ using namespace vesk_utility;
 
 namespace {
 
-vesk_utility_res_manage* res()
+vesk_ground* ground()
 {
-    return vesk_utility_res_manage::instance();
+    return vesk_ground::instance();
 }
 
 vesk_handle_registry& registry()
 {
-    return res()->registry();
+    return ground()->registry();
 }
 
 uintptr_t as_handle(int fd)
@@ -74,8 +68,8 @@ VESK_ERR vesk_utility_init(vesk_utility_ops_type ops)
         if (sqlite_ret != 0)
             VESK_WARN_FN("sqlite3_config ret = %d, sqlite memory is not accounted!\n", sqlite_ret);
         install_protocol_allocators();
-        res()->construct_res(ops);
-        s_ops_type.store(ops, std::memory_order_release);
+        vesk_utility_res_manage::instance()->construct_res(ops);
+        vesk_set_ops_type(ops);
         load_logo_frame();
     }
     pthread_mutex_unlock(&s_init_lock);
@@ -192,130 +186,7 @@ VESK_ERR vesk_utility_regist_diag(vesk_diagnose_client* client, const char* purp
         VESK_ERR_FN("client == NULL!\n");
         return VESK_ERR_INVALID_PARAM;
     }
-    return res()->get_diagnose()->regist_diag(client, purpose, help);
-}
-
-// ---- Memory ------------------------------------------------------------------------------
-
-void* vesk_utility_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align)
-{
-    VESK_REQUIRE_INIT(nullptr);
-    return vesk_malloc(usr_id, purpose, size, align);
-}
-
-void* vesk_utility_calloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned count, unsigned size)
-{
-    VESK_REQUIRE_INIT(nullptr);
-    const unsigned bytes = count * size;
-    void* p = vesk_malloc(usr_id, purpose, bytes, 1);
-    if (p != nullptr)
-        memset(p, 0, bytes);
-    return p;
-}
-
-void* vesk_utility_realloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, void* p, unsigned size,
-                           const char* file, const char* func, unsigned align)
-{
-    VESK_REQUIRE_INIT(nullptr);
-    return vesk_realloc(usr_id, purpose, p, size, file, func, align);
-}
-
-char* vesk_utility_strdup(vesk_user_id usr_id, vesk_memmory_purpose purpose, const char* s, unsigned len)
-{
-    VESK_REQUIRE_INIT(nullptr);
-    return res()->get_string_pool()->strdup(usr_id, purpose, s, len, nullptr);
-}
-
-VESK_ERR vesk_utility_free(const char* file, const char* func, const void* p)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    return vesk_free(file, func, p);
-}
-
-void* vesk_utility_av_reader_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
-{
-    VESK_REQUIRE_INIT(nullptr);
-    return res()->get_av_reader_pool()->malloc(usr_id, purpose, size);
-}
-
-VESK_ERR vesk_utility_av_reader_free(const char* file, const char* func, const void* p)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    // Requests too large for the pool's chunks came from the heap.
-    if (p == nullptr || res()->get_av_reader_pool()->try_free(file, func, p) == VESK_OK)
-        return VESK_OK;
-    return vesk_free(file, func, p);
-}
-
-VESK_ERR vesk_utility_note_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    res()->malloc_note().add(usr_id, purpose, size);
-    return VESK_OK;
-}
-
-VESK_ERR vesk_utility_note_free(const char* file, const char* func, vesk_user_id usr_id,
-                                vesk_memmory_purpose purpose, unsigned size)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    res()->malloc_note().sub(file, func, usr_id, purpose, size);
-    return VESK_OK;
-}
-
-VESK_ERR vesk_utility_note_new(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    res()->new_note().add(usr_id, purpose, size);
-    return VESK_OK;
-}
-
-VESK_ERR vesk_utility_note_delete(const char* file, const char* func, vesk_user_id usr_id,
-                                  vesk_memmory_purpose purpose, unsigned size)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    res()->new_note().sub(file, func, usr_id, purpose, size);
-    return VESK_OK;
-}
-
-VESK_ERR vesk_utility_note_new(const char* class_name)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    if (class_name == nullptr) {
-        VESK_ERR_FN("class_name == NULL!\n");
-        return VESK_ERR_INVALID_PARAM;
-    }
-    res()->class_note().add_class_note(class_name);
-    return VESK_OK;
-}
-
-VESK_ERR vesk_utility_note_delete(const char* class_name)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    if (class_name == nullptr) {
-        VESK_ERR_FN("class_name == NULL!\n");
-        return VESK_ERR_INVALID_PARAM;
-    }
-    res()->class_note().sub_class_note(class_name);
-    return VESK_OK;
-}
-
-VESK_ERR vesk_utility_get_system_mem_info(unsigned& total, unsigned& free, unsigned& buffers, unsigned& cached)
-{
-    VESK_REQUIRE_INIT(VESK_ERR_NOT_INIT);
-    FILE* fp = fopen("/proc/meminfo", "r");
-    if (fp == nullptr) {
-        VESK_ERR_FN("/proc/meminfo open fail!");
-        VESK_ASSERT(0);
-    }
-    parse_meminfo_fixed(fp, total, free, buffers, cached);
-    fclose(fp);
-    return VESK_OK;
-}
-
-void vesk_utility_dump_rss(VESK_BOOL detail)
-{
-    VESK_REQUIRE_INIT();
-    dump_rss(detail != 0, vesk_print_stdout);
+    return ground()->get_diagnose()->regist_diag(client, purpose, help);
 }
 
 }  // namespace vesk_soft
