@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -183,6 +184,54 @@ TEST(SystemClientTest, FilePopenReadsTheWholeOutputAndPcloseRemovesTheFile)
     EXPECT_EQ(0, vesk_utility_pclose(fp));
     EXPECT_NE(0, access(path, F_OK));
     EXPECT_EQ(nullptr, vesk_utility_popen(nullptr, "r"));
+}
+
+TEST(SystemClientTest, FilePopenNeverWritesThroughAPlantedLinkAndPcloseRemovesOnlyItsFile)
+{
+    proxy_server_process server(main_socket());
+    ASSERT_TRUE(server.ready());
+    const std::string victim = private_root() + "/victim.txt";
+    { std::ofstream(victim) << "precious\n"; }
+    // The name of a first stream tells the numbers this process takes next: plant links there.
+    FILE* first = vesk_utility_popen("true", "r");
+    ASSERT_NE(nullptr, first);
+    char link[64];
+    char name[256] = {};
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(first));
+    ASSERT_GT(readlink(link, name, sizeof(name) - 1), 0);
+    unsigned long long n = 0;
+    ASSERT_EQ(1, sscanf(name, "/tmp/vesk_popen_outfile_%llu.txt", &n)) << name;
+    EXPECT_EQ(0, vesk_utility_pclose(first));
+    std::vector<std::string> planted {"/tmp/vesk_popen_outfile_1.txt"};
+    for (unsigned long long k = n + 1; k <= n + 5; k++)
+        planted.push_back("/tmp/vesk_popen_outfile_" + std::to_string(k) + ".txt");
+    for (const std::string& p : planted)
+        (void)symlink(victim.c_str(), p.c_str());
+
+    FILE* fp = vesk_utility_popen("echo x", "r");
+    ASSERT_NE(nullptr, fp);
+    struct stat st {};
+    ASSERT_EQ(0, fstat(fileno(fp), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    char line[16] = {};
+    ASSERT_NE(nullptr, fgets(line, sizeof(line), fp));
+    EXPECT_STREQ("x\n", line);
+    memset(name, 0, sizeof(name));
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(fp));
+    ASSERT_GT(readlink(link, name, sizeof(name) - 1), 0);
+    EXPECT_EQ(0, vesk_utility_pclose(fp));
+    EXPECT_NE(0, access(name, F_OK));
+    EXPECT_EQ("precious\n", read_file(victim));
+    for (const std::string& p : planted) {
+        struct stat ls {};
+        EXPECT_EQ(0, lstat(p.c_str(), &ls)) << p;
+        EXPECT_TRUE(S_ISLNK(ls.st_mode)) << p;
+        unlink(p.c_str());
+    }
+    // A stream that did not come from the file popen is closed and nothing is removed.
+    EXPECT_EQ(-1, vesk_utility_pclose(fopen(victim.c_str(), "r")));
+    EXPECT_EQ("precious\n", read_file(victim));
 }
 
 TEST(ProcessHelperTest, ExeCmdCapturesWithinTheBufferAndTimesOut)
