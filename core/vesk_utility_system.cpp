@@ -37,6 +37,11 @@ namespace
 constexpr const char* k_cls = "vesk_utility_system_client";
 constexpr int k_rcvbuf = 4096;
 constexpr int k_sndbuf = 16384;
+// The send lock is held while connecting and sending, and the receive task takes it too:
+// a proxy that cannot take the connection (backlog full) or the request within these bounds
+// counts as absent instead of stalling both.
+constexpr timeval k_connect_timeout {1, 0};
+constexpr timeval k_send_timeout {5, 0};
 
 vesk_lock* new_named_lock(const char* name)
 {
@@ -134,6 +139,8 @@ void vesk_utility_system_client::connect_socket()
     }
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &k_rcvbuf, sizeof(k_rcvbuf));
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &k_sndbuf, sizeof(k_sndbuf));
+    // A blocking unix connect waits for room in the server's backlog at most the send time-out.
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_connect_timeout, sizeof(k_connect_timeout));
     sockaddr_un addr {};
     addr.sun_family = AF_UNIX;
     strncpy(addr.sun_path, m_server_path, sizeof(addr.sun_path) - 1);
@@ -142,6 +149,7 @@ void vesk_utility_system_client::connect_socket()
         close(fd);
         return;
     }
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_send_timeout, sizeof(k_send_timeout));
     m_connect_fd = fd;
 }
 

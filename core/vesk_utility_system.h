@@ -57,6 +57,7 @@ private:
         uint32_t used;
     };
 
+    // Connects within 1 s (a full backlog counts as no proxy); sends then give up after 5 s.
     void connect_socket(); // REQUIRES: m_send_lock held
     void disconnect(); // REQUIRES: m_send_lock held
 
