@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "vesk_utility_codec.h"
+#include "codec/vesk_utility_3des.h"
 #include "codec/vesk_utility_base64.h"
 #include "codec/vesk_utility_charset.h"
 #include "codec/vesk_utility_md5.h"
@@ -136,6 +137,49 @@ VESK_ERR vesk_utility_md5_file(const char* path, uint8_t digest[16])
         return VESK_ERR_INVALID_PARAM;
     }
     return vesk_md5_file(path, digest);
+}
+
+// ---- Triple DES -----------------------------------------------------------------------------
+
+namespace
+{
+
+bool des3_args_ok(const char* wrapper, const uint8_t* key, uint32_t key_len, vesk_3des_mode mode, vesk_3des_pad pad,
+    const uint8_t* iv, const void* in, uint32_t in_len, const void* out)
+{
+    if (key != nullptr && (key_len == 16 || key_len == 24) && (mode == VESK_3DES_ECB || mode == VESK_3DES_CBC)
+        && (pad == VESK_3DES_PAD_NONE || pad == VESK_3DES_PAD_PKCS7 || pad == VESK_3DES_PAD_ZERO)
+        && (mode == VESK_3DES_ECB || iv != nullptr) && (in != nullptr || in_len == 0) && out != nullptr)
+        return true;
+    VESK_ERR_FN("%s: invalid param: key = %p, key_len = %u, mode = %u, pad = %u, iv = %p, in = %p, in_len = %u, "
+                "out = %p\n",
+        wrapper, static_cast<const void*>(key), key_len, static_cast<unsigned>(mode), static_cast<unsigned>(pad),
+        static_cast<const void*>(iv), in, in_len, out);
+    return false;
+}
+
+} // namespace
+
+VESK_ERR vesk_utility_3des_encrypt(const uint8_t* key, uint32_t key_len, vesk_3des_mode mode, vesk_3des_pad pad,
+    const uint8_t* iv, const void* in, uint32_t in_len, void* out, uint32_t out_size, uint32_t* out_len)
+{
+    if (out_len != nullptr)
+        *out_len = 0;
+    if (!des3_args_ok(__func__, key, key_len, mode, pad, iv, in, in_len, out))
+        return VESK_ERR_INVALID_PARAM;
+    return vesk_3des_encrypt(key, key_len, mode, pad, iv, static_cast<const uint8_t*>(in), in_len,
+        static_cast<uint8_t*>(out), out_size, out_len);
+}
+
+VESK_ERR vesk_utility_3des_decrypt(const uint8_t* key, uint32_t key_len, vesk_3des_mode mode, vesk_3des_pad pad,
+    const uint8_t* iv, const void* in, uint32_t in_len, void* out, uint32_t out_size, uint32_t* out_len)
+{
+    if (out_len != nullptr)
+        *out_len = 0;
+    if (!des3_args_ok(__func__, key, key_len, mode, pad, iv, in, in_len, out))
+        return VESK_ERR_INVALID_PARAM;
+    return vesk_3des_decrypt(key, key_len, mode, pad, iv, static_cast<const uint8_t*>(in), in_len,
+        static_cast<uint8_t*>(out), out_size, out_len);
 }
 
 } // namespace vesk_soft

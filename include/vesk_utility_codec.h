@@ -107,6 +107,37 @@ VESK_API VESK_ERR vesk_utility_md5_buf(const void* data, uint32_t len, uint8_t d
 // VESK_ERR_OPERATE_FAIL, logged with the errno text.
 VESK_API VESK_ERR vesk_utility_md5_file(const char* path, uint8_t digest[16]);
 
+// ---- Triple DES (DES-EDE3) --------------------------------------------------------------
+// Kept only for compatibility with devices that still speak it; it is slow and its 64-bit
+// blocks are weak by today's measure. Do not choose it for anything new.
+enum vesk_3des_mode : uint32_t {
+    VESK_3DES_ECB = 0,
+    VESK_3DES_CBC = 1,  // iv: 8 bytes, required
+};
+enum vesk_3des_pad : uint32_t {
+    VESK_3DES_PAD_NONE = 0,   // in_len must be a multiple of 8
+    VESK_3DES_PAD_PKCS7 = 1,  // 1-8 bytes of value n are added; checked and removed on decryption
+    VESK_3DES_PAD_ZERO = 2,   // 0-7 zero bytes are added; decryption returns them (they cannot
+                              // be told from data: the caller knows its length)
+};
+
+// key_len 16 (two keys: K1 K2, the third is K1) or 24 (K1 K2 K3); parity bits are ignored and
+// weak keys are accepted, as other implementations do. out may equal in (no other overlap).
+// out_size must hold the padded length (in_len rounded up to 8, plus 8 with PKCS#7 when in_len
+// is a multiple of 8).
+// An unknown mode or padding, a missing iv in CBC mode, or an unpadded in_len that is not a
+// multiple of 8: VESK_ERR_INVALID_PARAM.
+VESK_API VESK_ERR vesk_utility_3des_encrypt(const uint8_t* key, uint32_t key_len, vesk_3des_mode mode,
+                                            vesk_3des_pad pad, const uint8_t* iv, const void* in, uint32_t in_len,
+                                            void* out, uint32_t out_size, uint32_t* out_len);
+// Ciphertext whose length is not a multiple of 8 (nor at least 8 with PKCS#7), or a wrong
+// PKCS#7 pad (wrong key, damaged data): VESK_ERR_OPERATE_FAIL, *out_len 0, and out holds
+// garbage that must not be used. out_size must hold the plaintext: in_len, less the pad.
+// out may equal in (no other overlap).
+VESK_API VESK_ERR vesk_utility_3des_decrypt(const uint8_t* key, uint32_t key_len, vesk_3des_mode mode,
+                                            vesk_3des_pad pad, const uint8_t* iv, const void* in, uint32_t in_len,
+                                            void* out, uint32_t out_size, uint32_t* out_len);
+
 }  // namespace vesk_soft
 
 #endif  // VESK_UTILITY_CODEC_H
