@@ -1,0 +1,415 @@
+// URL transfers against real peers on 127.0.0.1: a Python HTTP(S) server (url_test_server.py,
+// a certificate made by openssl) and a pyftpdlib FTP server, both started by the suite.
+// Contents are compared with sha256sum.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_pool.h"
+#include "net/vesk_utility_url_operate.h"
+#include "test_support.h"
+#include "vesk_utility.h"
+
+using namespace vesk_soft;
+
+namespace
+{
+
+constexpr unsigned k_big = 50u << 20;
+
+struct peer {
+    pid_t pid = -1;
+    int port = 0;
+};
+
+// Starts a server script that prints its port on its first line.
+peer start_peer(const std::vector<std::string>& args)
+{
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    peer p;
+    p.pid = fork();
+    if (p.pid == 0) {
+        dup2(fds[1], 1);
+        std::vector<char*> argv{const_cast<char*>("/usr/bin/python3")};
+        for (const std::string& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    char line[32] = "";
+    FILE* f = fdopen(fds[0], "r");
+    if (fgets(line, sizeof(line), f) != nullptr)
+        p.port = atoi(line);
+    fclose(f);
+    EXPECT_GT(p.port, 0) << args[0];
+    return p;
+}
+
+void stop_peer(peer& p)
+{
+    if (p.pid > 0) {
+        kill(p.pid, SIGTERM);
+        waitpid(p.pid, nullptr, 0);
+    }
+    p.pid = -1;
+}
+
+std::string sha256_of(const std::string& path)
+{
+    FILE* f = popen(("sha256sum '" + path + "' 2>/dev/null").c_str(), "r");
+    char sum[65] = "";
+    if (f == nullptr || fscanf(f, "%64s", sum) != 1)
+        sum[0] = '\0';
+    if (f != nullptr)
+        pclose(f);
+    return sum;
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+int run(const std::string& cmd)
+{
+    return system(cmd.c_str());
+}
+
+std::string s_dump;
+int dump_print(const char* fmt, ...)
+{
+    char line[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(line, sizeof(line), fmt, ap);
+    va_end(ap);
+    s_dump += line;
+    return 0;
+}
+
+// Bytes that libcurl holds now, in the heap and in the little-memory pool.
+uint64_t curl_bytes()
+{
+    vesk_utility::vesk_ground* g = vesk_utility::vesk_ground::instance();
+    static std::mutex lock;
+    std::lock_guard<std::mutex> guard(lock);
+    s_dump.clear();
+    g->get_little_mem_pool()->diagnose(1, dump_print);
+    uint64_t bytes = g->mem_account().total_of(VESK_USER_PROTOCOL_LIBS, 0x130400);
+    std::istringstream lines(s_dump);
+    for (std::string line; std::getline(lines, line);) {
+        unsigned usr = 0, purpose = 0;
+        int ci = 0, ni = 0, size = 0;
+        void* mem = nullptr;
+        if (sscanf(line.c_str(), "%d %d 0x%x 0x%x %p %d", &ci, &ni, &usr, &purpose, &mem, &size) == 6
+            && usr == VESK_USER_PROTOCOL_LIBS && purpose == 0x130400)
+            bytes += static_cast<uint64_t>(size);
+    }
+    return bytes;
+}
+
+class url_test : public testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_dir = vesk_test::private_root() + "/url";
+        s_srv = s_dir + "/srv";
+        ASSERT_EQ(run("mkdir -p " + s_srv + " && head -c " + std::to_string(k_big) + " /dev/urandom >" + s_srv
+                      + "/big.bin && head -c 100000 /dev/urandom >" + s_srv + "/small.bin"),
+                  0);
+        ASSERT_EQ(run("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 -addext "
+                      "subjectAltName=IP:127.0.0.1 -keyout "
+                      + s_dir + "/key.pem -out " + s_dir + "/cert.pem 2>/dev/null"),
+                  0);
+        const std::string dir = VESK_NET_TEST_DATA;
+        s_http = start_peer({dir + "/url_test_server.py", s_srv});
+        s_https = start_peer({dir + "/url_test_server.py", s_srv, s_dir + "/cert.pem", s_dir + "/key.pem"});
+        s_ftp = start_peer({dir + "/ftp_test_server.py", s_srv});
+    }
+    static void TearDownTestSuite()
+    {
+        stop_peer(s_http);
+        stop_peer(s_https);
+        stop_peer(s_ftp);
+    }
+    void SetUp() override { m_op = vesk_utility_new_url_operate(0x55, "url test"); ASSERT_NE(m_op, nullptr); }
+    void TearDown() override { EXPECT_EQ(vesk_utility_delete_url_operate(m_op, __FILE__, __func__), VESK_OK); }
+
+    static std::string http(const std::string& path) { return "http://127.0.0.1:" + std::to_string(s_http.port) + path; }
+    static std::string ftp(const std::string& path) { return "ftp://127.0.0.1:" + std::to_string(s_ftp.port) + path; }
+
+    static std::string s_dir, s_srv;
+    static peer s_http, s_https, s_ftp;
+    vesk_url_operate* m_op = nullptr;
+};
+std::string url_test::s_dir, url_test::s_srv;
+peer url_test::s_http, url_test::s_https, url_test::s_ftp;
+
+} // namespace
+
+TEST_F(url_test, LargeFilesRoundTripByteExactOverHttpAndFtp)
+{
+    const std::string big = s_srv + "/big.bin", back = s_dir + "/back.bin";
+    const std::string want = sha256_of(big);
+    ASSERT_EQ(want.size(), 64u);
+    const struct {
+        std::string url;
+        vesk_url_method method;
+        std::string stored;
+    } uploads[] = {
+        {http("/files/put.bin"), VESK_URL_PUT, "put.bin"},
+        {http("/files/post.bin"), VESK_URL_POST, "post.bin"},
+        {ftp("/new/dir/ftp.bin"), VESK_URL_PUT, "new/dir/ftp.bin"},  // directories created
+    };
+    m_op->set_user("test", "secret");
+    for (const auto& u : uploads) {
+        ASSERT_EQ(m_op->upload_file(u.url.c_str(), big.c_str(), u.method), VESK_OK) << u.url << m_op->get_last_error();
+        EXPECT_EQ(sha256_of(s_srv + "/" + u.stored), want) << u.url;
+        EXPECT_STREQ(m_op->get_last_error(), "");
+    }
+    EXPECT_EQ(read_file(s_srv + "/post.bin.type"), "application/octet-stream");
+    EXPECT_EQ(m_op->get_http_code(), 226);  // FTP: transfer complete
+    // Back again: plain, chunked, through redirects, over FTP.
+    for (const std::string& url : {http("/files/big.bin"), http("/chunked/big.bin"),
+                                   http("/redirect/3/files/big.bin"), ftp("/new/dir/ftp.bin")}) {
+        unlink(back.c_str());
+        ASSERT_EQ(m_op->download_file(url.c_str(), back.c_str(), nullptr), VESK_OK) << url << m_op->get_last_error();
+        EXPECT_EQ(sha256_of(back), want) << url;
+    }
+    EXPECT_EQ(run("! ls " + s_dir + " | grep -q back.bin."), 0) << "a temporary file was left";
+}
+
+TEST_F(url_test, BuffersJsonAndOneShotCalls)
+{
+    std::vector<char> data(300000);
+    for (size_t i = 0; i < data.size(); i++)
+        data[i] = static_cast<char>(i * 7 + i / 251);
+    std::vector<char> got(data.size() + 64);
+    for (unsigned len : {0u, 1u, 300000u}) {
+        ASSERT_EQ(m_op->upload_buf(http("/files/buf.bin").c_str(), data.data(), len, VESK_URL_PUT), VESK_OK);
+        EXPECT_EQ(m_op->get_http_code(), 201);
+        unsigned n = 12345;
+        ASSERT_EQ(m_op->download_buf(http("/chunked/buf.bin").c_str(), got.data(), len, &n), VESK_OK) << len;
+        ASSERT_EQ(n, len);
+        EXPECT_EQ(memcmp(got.data(), data.data(), len), 0) << len;
+    }
+    // A buffer one byte short: refused, whether the length is announced or not, and the
+    // guard bytes behind the buffer stay untouched.
+    for (const std::string& url : {http("/files/buf.bin"), http("/chunked/buf.bin")}) {
+        memset(got.data(), 0x5A, got.size());
+        unsigned n = 0;
+        EXPECT_EQ(m_op->download_buf(url.c_str(), got.data(), 299999, &n), VESK_ERR_OPERATE_FAIL) << url;
+        EXPECT_LE(n, 299999u);
+        for (size_t i = 299999; i < got.size(); i++)
+            ASSERT_EQ(got[i], 0x5A) << url << " wrote past the buffer at " << i;
+    }
+    char answer[256];
+    unsigned len = 0;
+    ASSERT_EQ(m_op->post_json(http("/json").c_str(), "{\"chn\": [1, 2], \"on\": true}", answer, sizeof(answer), &len),
+              VESK_OK);
+    EXPECT_STREQ(answer, "{\"type\": \"application/json\", \"echo\": {\"chn\": [1, 2], \"on\": true}}");
+    EXPECT_EQ(len, strlen(answer));
+    // A refusal keeps its explanation.
+    EXPECT_EQ(m_op->post_json(http("/json").c_str(), "{oops", answer, sizeof(answer), &len), VESK_ERR_FAIL);
+    EXPECT_EQ(m_op->get_http_code(), 400);
+    EXPECT_STREQ(answer, "{\"error\": \"not JSON\"}");
+    // The one-shot calls.
+    int code = 0;
+    EXPECT_EQ(vesk_utility_http_get(http("/status/203").c_str(), answer, sizeof(answer), &len, &code, 0), VESK_OK);
+    EXPECT_EQ(code, 203);
+    EXPECT_STREQ(answer, "status 203");
+    EXPECT_EQ(vesk_utility_http_get(http("/status/404").c_str(), answer, sizeof(answer), &len, &code, 5000), VESK_ERR_FAIL);
+    EXPECT_EQ(code, 404);
+    EXPECT_STREQ(answer, "status 404");
+    EXPECT_EQ(vesk_utility_http_post(http("/echo").c_str(), "text/x-log", "line 1\n", 7, answer, sizeof(answer), &len,
+                                     &code, 0),
+              VESK_OK);
+    EXPECT_STREQ(answer, "line 1\n");
+    EXPECT_EQ(vesk_utility_http_get(http("/files/small.bin").c_str(), answer, sizeof(answer), &len, &code, 0),
+              VESK_ERR_OPERATE_FAIL);
+    EXPECT_EQ(vesk_utility_http_get(nullptr, answer, sizeof(answer), &len, &code, 0), VESK_ERR_INVALID_PARAM);
+}
+
+TEST_F(url_test, FailuresCarryTheirCodeAndText)
+{
+    const struct {
+        std::string url;
+        const char* user;
+        const char* password;
+        VESK_ERR err;
+        int code;
+    } cases[] = {
+        {http("/status/404"), nullptr, nullptr, VESK_ERR_FAIL, 404},
+        {http("/status/503"), nullptr, nullptr, VESK_ERR_FAIL, 503},
+        {http("/auth/files/small.bin"), nullptr, nullptr, VESK_ERR_FAIL, 401},
+        {http("/auth/files/small.bin"), "test", "wrong", VESK_ERR_FAIL, 401},
+        {http("/auth/files/small.bin"), "test", "secret", VESK_OK, 200},
+        {http("/redirect/9/files/small.bin"), nullptr, nullptr, VESK_ERR_FAIL, 302},  // more than 5 hops
+        {http("/reset"), nullptr, nullptr, VESK_ERR_FAIL, 0},
+        {"http://127.0.0.1:1/", nullptr, nullptr, VESK_ERR_FAIL, 0},  // refused
+        {ftp("/no/such.bin"), "test", "secret", VESK_ERR_FAIL, 550},
+        {"file:///etc/passwd", nullptr, nullptr, VESK_ERR_FAIL, 0},  // not a transfer protocol of ours
+    };
+    static char buf[200000];
+    for (const auto& c : cases) {
+        m_op->set_user(c.user, c.password);
+        unsigned n = 0;
+        EXPECT_EQ(m_op->download_buf(c.url.c_str(), buf, sizeof(buf), &n), c.err) << c.url;
+        EXPECT_EQ(m_op->get_http_code(), c.code) << c.url;
+        EXPECT_EQ(m_op->get_last_error()[0] != '\0', c.err != VESK_OK) << c.url << ": " << m_op->get_last_error();
+    }
+    EXPECT_EQ(m_op->set_timeout(0, 1000), VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(m_op->set_low_speed(1, 0), VESK_ERR_INVALID_PARAM);
+    EXPECT_EQ(m_op->upload_file(http("/files/x").c_str(), "/no/such/file", VESK_URL_PUT), VESK_ERR_OPERATE_FAIL);
+}
+
+TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
+{
+    const std::string dir = s_dir + "/keep", path = dir + "/image.bin";
+    ASSERT_EQ(run("mkdir -p " + dir + " && echo old >" + path), 0);
+    m_op->set_low_speed(100, 2);
+    for (const std::string& url : {http("/short/big.bin"), http("/reset"), http("/status/404"), http("/stall")}) {
+        EXPECT_EQ(m_op->download_file(url.c_str(), path.c_str(), nullptr), VESK_ERR_FAIL) << url;
+        EXPECT_EQ(read_file(path), "old\n") << url;
+        EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << url << ": a temporary file was left";
+    }
+    EXPECT_EQ(m_op->download_file(http("/files/small.bin").c_str(), path.c_str(), nullptr), VESK_OK);
+    EXPECT_EQ(sha256_of(path), sha256_of(s_srv + "/small.bin"));
+}
+
+TEST_F(url_test, StallCancelAndProgressAbortEndTransfers)
+{
+    static char buf[4096];
+    unsigned n = 0;
+    using clock = std::chrono::steady_clock;
+    // A peer that stops sending trips the low-speed limit, long before the total time-out.
+    m_op->set_timeout(10000, 300000);
+    m_op->set_low_speed(100, 2);
+    const clock::time_point start = clock::now();
+    EXPECT_EQ(m_op->download_buf(http("/stall").c_str(), buf, sizeof(buf), &n), VESK_ERR_FAIL);
+    EXPECT_LT(clock::now() - start, std::chrono::seconds(120));
+    // A cancel ends what only the 300 s limits would end.
+    EXPECT_EQ(m_op->cancel(), VESK_ERR_OPERATE_FAIL) << "nothing to cancel";
+    m_op->set_low_speed(1, 300);
+    VESK_ERR err = VESK_OK;
+    std::thread t([&] { err = m_op->download_buf(http("/stall").c_str(), buf, sizeof(buf), &n); });
+    while (m_op->cancel() != VESK_OK)
+        usleep(1000);
+    t.join();
+    EXPECT_EQ(err, VESK_ERR_FAIL);
+    EXPECT_STREQ(m_op->get_last_error(), "cancelled");
+    // The progress callback sees the transfer move and may stop it.
+    struct seen {
+        uint64_t total = 0, now = 0;
+    } s;
+    m_op->set_progress([](void* arg, uint64_t total, uint64_t now, uint64_t, uint64_t) {
+        seen* p = static_cast<seen*>(arg);
+        p->total = total;
+        p->now = now;
+        return now > 0 ? 1 : 0;
+    }, &s);
+    static char big[1 << 20];
+    EXPECT_EQ(m_op->download_buf(http("/files/small.bin").c_str(), big, sizeof(big), &n), VESK_ERR_FAIL);
+    EXPECT_STREQ(m_op->get_last_error(), "aborted by the progress callback");
+    EXPECT_EQ(s.total, 100000u);
+    EXPECT_GT(s.now, 0u);
+}
+
+TEST_F(url_test, TlsPeerIsVerifiedAgainstTheCaFile)
+{
+    const std::string port = std::to_string(s_https.port), ca = s_dir + "/cert.pem";
+    const std::string by_ip = "https://127.0.0.1:" + port + "/files/small.bin";
+    const std::string by_name = "https://localhost:" + port + "/files/small.bin";  // not the certificate's name
+    static char buf[200000];
+    unsigned n = 0;
+    const struct {
+        const char* ca;
+        VESK_BOOL verify;
+        const std::string& url;
+        VESK_ERR err;
+    } cases[] = {
+        {ca.c_str(), 1, by_ip, VESK_OK},          {nullptr, 1, by_ip, VESK_ERR_FAIL},
+        {ca.c_str(), 1, by_name, VESK_ERR_FAIL},  {nullptr, 0, by_name, VESK_OK},
+    };
+    for (const auto& c : cases) {
+        ASSERT_EQ(m_op->set_tls(c.ca, c.verify), VESK_OK);
+        EXPECT_EQ(m_op->download_buf(c.url.c_str(), buf, sizeof(buf), &n), c.err)
+            << c.url << " " << (c.ca ? c.ca : "system store") << " " << m_op->get_last_error();
+        EXPECT_EQ(n, c.err == VESK_OK ? 100000u : 0u);
+    }
+}
+
+TEST_F(url_test, ProxyOnlyWhenSet)
+{
+    static char buf[200000];
+    unsigned n = 0;
+    const char* vars[] = {"http_proxy", "HTTP_PROXY", "ALL_PROXY", "all_proxy"};
+    for (const char* v : vars)
+        setenv(v, "http://127.0.0.1:1", 1);
+    EXPECT_EQ(m_op->download_buf(http("/files/small.bin").c_str(), buf, sizeof(buf), &n), VESK_OK);
+    ASSERT_EQ(m_op->set_proxy("http://127.0.0.1:1"), VESK_OK);
+    EXPECT_EQ(m_op->download_buf(http("/files/small.bin").c_str(), buf, sizeof(buf), &n), VESK_ERR_FAIL);
+    ASSERT_EQ(m_op->set_proxy(nullptr), VESK_OK);
+    EXPECT_EQ(m_op->download_buf(http("/files/small.bin").c_str(), buf, sizeof(buf), &n), VESK_OK);
+    for (const char* v : vars)
+        unsetenv(v);
+}
+
+// Invariant: operators share nothing but libcurl's global state and the allocator, so eight
+// threads each moving their own data see exactly their own bytes, and once every operator is
+// deleted libcurl holds what it held before.
+TEST_F(url_test, EightOperatorsInParallelThenCurlMemoryIsBack)
+{
+    const uint64_t baseline = curl_bytes();
+    std::atomic<int> ready{0}, bad{0};
+    std::atomic<uint64_t> alive_bytes{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; i++) {
+        threads.emplace_back([&, i] {
+            vesk_url_operate* op = vesk_utility_new_url_operate(0x55, ("worker " + std::to_string(i)).c_str());
+            std::vector<char> data(200000 + i * 1000), back(data.size());
+            const std::string url = http("/files/w" + std::to_string(i) + ".bin");
+            for (int round = 0; round < 5; round++) {
+                for (size_t k = 0; k < data.size(); k++)
+                    data[k] = static_cast<char>(k * (i + 3) + round);
+                unsigned n = 0;
+                if (op->upload_buf(url.c_str(), data.data(), static_cast<unsigned>(data.size()), VESK_URL_PUT) != VESK_OK
+                    || op->download_buf(url.c_str(), back.data(), static_cast<unsigned>(back.size()), &n) != VESK_OK
+                    || n != data.size() || back != data)
+                    bad++;
+            }
+            if (++ready == 8)
+                alive_bytes = curl_bytes();
+            while (ready < 8)
+                usleep(1000);
+            vesk_utility_delete_url_operate(op, __FILE__, __func__);
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(bad, 0);
+    EXPECT_GT(alive_bytes, baseline) << "libcurl's blocks are not accounted";
+    EXPECT_EQ(curl_bytes(), baseline);
+}
