@@ -31,7 +31,9 @@ constexpr long k_max_redirects = 5;
 constexpr const char* k_protocols = "http,https,ftp,ftps";
 
 // libcurl's allocator: its blocks carry the protocol libraries' id, so the dumps show them
-// apart from the layer's own. Sizes above 4 GiB cannot occur on the board.
+// apart from the layer's own. Sizes above 4 GiB cannot occur on the board. Pointer alignment
+// lets the small ones (option strings, list nodes) share the little-memory pool on the board,
+// where 64-bit fields need only word alignment.
 void* curl_malloc(size_t size)
 {
     return vesk_malloc(VESK_USER_PROTOCOL_LIBS, k_purpose_curl, static_cast<unsigned>(size), alignof(void*));
@@ -307,7 +309,7 @@ VESK_ERR vesk_url_realize::perform(vesk_url_sink* sink)
     if (cancelled)
         set_error("cancelled");
     else if (m_last_error[0] != '\0')
-        ;  // a callback has said why
+        return VESK_ERR_FAIL;  // the progress callback has said why
     else if (rc == CURLE_OK || rc == CURLE_HTTP_RETURNED_ERROR)
         set_error("HTTP %ld", code);
     else
