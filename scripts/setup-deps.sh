@@ -12,6 +12,8 @@ packages=(
   g++-arm-linux-gnueabihf qemu-user
   python3 python3-pyftpdlib openssl  # the URL tests' HTTP(S) and FTP peers, their certificate
 )
+# Byte codecs: nettle (MD5, triple DES); the codec tests' oracles.
+packages+=(nettle-dev openssl coreutils)
 
 missing=()
 for p in "${packages[@]}"; do
