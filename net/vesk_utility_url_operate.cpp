@@ -17,6 +17,7 @@
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_mem_account.h"
 #include "core/vesk_utility_purposes.h"
+#include "codec/vesk_utility_md5.h"
 
 namespace vesk_utility
 {
@@ -329,6 +330,10 @@ size_t vesk_url_realize::on_write(char* data, size_t size, size_t count, void* a
             sink->error = errno != 0 ? errno : EIO;
             return 0;
         }
+        // Only the final answer's body reaches here (not redirect bodies), so the digest
+        // covers exactly the file's bytes, without reading the file back from the flash.
+        if (sink->md5 != nullptr)
+            sink->md5->update(data, static_cast<uint32_t>(n));
     } else if (sink->buf != nullptr) {
         if (n > sink->size - sink->len) {
             sink->overflow = true;
@@ -396,14 +401,6 @@ int vesk_url_realize::on_progress(void* arg, int64_t down_total, int64_t down_no
 }
 
 // ---- Transfers ----------------------------------------------------------------------------
-
-VESK_ERR vesk_url_realize::check_md5(const char* path, const uint8_t* md5)
-{
-    (void)path;
-    (void)md5;
-    set_error("MD5 check not available");
-    return VESK_ERR_NOT_SUPPORT;
-}
 
 VESK_ERR vesk_url_realize::upload(const char* url, vesk_url_source* src, vesk_url_method method)
 {
@@ -484,9 +481,21 @@ VESK_ERR vesk_url_realize::download_file(const char* url, const char* path, cons
         return VESK_ERR_OPERATE_FAIL;
     }
     fchmod(sink.fd, 0644);
+    vesk_md5_realize digest;
+    if (md5 != nullptr)
+        sink.md5 = &digest;
     VESK_ERR err = begin(url, true) ? perform(&sink) : VESK_ERR_FAIL;
-    if (err == VESK_OK && md5 != nullptr)
-        err = check_md5(tmp, md5);
+    if (err == VESK_OK && md5 != nullptr) {
+        uint8_t got[16];
+        digest.final(got);
+        if (memcmp(got, md5, sizeof(got)) != 0) {
+            char got_hex[33], want_hex[33];
+            vesk_md5_hex(got, got_hex);
+            vesk_md5_hex(md5, want_hex);
+            set_error("MD5 %s, expected %s", got_hex, want_hex);
+            err = VESK_ERR_OPERATE_FAIL;
+        }
+    }
     if (err == VESK_OK && fsync(sink.fd) != 0) {
         set_error("fsync %s: %s", tmp, strerror(errno));
         err = VESK_ERR_OPERATE_FAIL;

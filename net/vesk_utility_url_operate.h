@@ -29,6 +29,7 @@ struct vesk_url_sink {
     size_t len = 0;            // bytes received so far
     bool overflow = false;     // the answer did not fit the buffer
     int error = 0;             // errno of a failed write to fd
+    vesk_soft::vesk_md5_cnt* md5 = nullptr;  // digest of what goes to fd, when one is checked
 };
 struct vesk_url_source {
     int fd = -1;               // a file of `len` bytes, or
@@ -81,8 +82,6 @@ private:
     VESK_ERR upload(const char* url, vesk_url_source* src, vesk_soft::vesk_url_method method);
     VESK_ERR to_text(const char* url, const char* content_type, const void* body, unsigned body_len,
                      bool fail_on_http_error, char* answer, unsigned size, unsigned* len);
-    // VESK_OK when the file at path has the digest md5, else VESK_ERR_OPERATE_FAIL.
-    VESK_ERR check_md5(const char* path, const uint8_t* md5);
     void set_error(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
     static size_t on_write(char* data, size_t size, size_t count, void* arg);

@@ -295,7 +295,19 @@ TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
         EXPECT_EQ(read_file(path), "old\n") << url;
         EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << url << ": a temporary file was left";
     }
-    EXPECT_EQ(m_op->download_file(http("/files/small.bin").c_str(), path.c_str(), nullptr), VESK_OK);
+    // A digest that does not match (md5sum's, one bit flipped) is a broken download too.
+    uint8_t md5[16];
+    FILE* f = popen(("md5sum " + s_srv + "/small.bin").c_str(), "r");
+    for (uint8_t& b : md5)
+        ASSERT_EQ(fscanf(f, "%2hhx", &b), 1);
+    pclose(f);
+    md5[15] ^= 1;
+    EXPECT_EQ(m_op->download_file(http("/files/small.bin").c_str(), path.c_str(), md5), VESK_ERR_OPERATE_FAIL);
+    EXPECT_EQ(read_file(path), "old\n");
+    EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << "a temporary file was left";
+    md5[15] ^= 1;
+    EXPECT_EQ(m_op->download_file(http("/chunked/small.bin").c_str(), path.c_str(), md5), VESK_OK)
+        << m_op->get_last_error();
     EXPECT_EQ(sha256_of(path), sha256_of(s_srv + "/small.bin"));
 }
 
