@@ -1,19 +1,8 @@
 #!/usr/bin/python3
-"""HTTP(S) peer of the URL transfer tests, on 127.0.0.1 at a free port printed on stdout.
-
-usage: url_test_server.py ROOT [CERT KEY]
-  GET  /files/NAME            the file, with its length
-  GET  /chunked/NAME          the file in chunks of varied sizes
-  PUT|POST /files/NAME        stores the body (length or chunked); the content type goes to NAME.type
-  POST /json                  {"type": <content type>, "echo": <the body parsed as JSON>}
-  POST /echo                  the body back, with its content type
-  *    /auth/...              as without /auth, behind basic user "test", password "secret"
-  GET  /redirect/N/PATH       302 N times, then to /PATH
-  GET  /status/CODE           that code, body "status CODE"
-  GET  /stall                 announces 1000 bytes, sends 10, then nothing
-  GET  /short/NAME            announces the file's length, sends half, closes
-  GET  /reset                 resets the connection instead of answering
-"""
+"""HTTP(S) peer of the URL tests on 127.0.0.1, its port printed first.  usage: ROOT [CERT KEY]
+/files/NAME GET, PUT, POST (stored, content type in NAME.type); /chunked/NAME chunked GET;
+/json and /echo POST; /auth/... behind test:secret; /redirect/N/PATH; /status/CODE; /stall
+(announces 1000 bytes, sends 10); /short/NAME (half the file, then close); /reset (RST)."""
 import base64
 import http.server
 import json

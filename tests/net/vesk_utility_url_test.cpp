@@ -12,16 +12,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "core/vesk_utility_ground.h"
 #include "core/vesk_utility_pool.h"
-#include "net/vesk_utility_url_operate.h"
 #include "test_support.h"
 #include "vesk_utility.h"
 
@@ -38,57 +35,49 @@ struct peer {
 };
 
 // Starts a server script that prints its port on its first line.
-peer start_peer(const std::vector<std::string>& args)
+peer start_peer(std::vector<std::string> args)
 {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
     peer p;
-    p.pid = fork();
-    if (p.pid == 0) {
+    args.insert(args.begin(), "/usr/bin/python3");
+    std::vector<char*> argv;
+    for (std::string& a : args)
+        argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    if ((p.pid = fork()) == 0) {
         dup2(fds[1], 1);
-        std::vector<char*> argv{const_cast<char*>("/usr/bin/python3")};
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
         execv(argv[0], argv.data());
         _exit(127);
     }
     close(fds[1]);
-    char line[32] = "";
     FILE* f = fdopen(fds[0], "r");
-    if (fgets(line, sizeof(line), f) != nullptr)
-        p.port = atoi(line);
+    EXPECT_EQ(fscanf(f, "%d", &p.port), 1) << args[1];
     fclose(f);
-    EXPECT_GT(p.port, 0) << args[0];
     return p;
 }
 
-void stop_peer(peer& p)
+void stop_peer(const peer& p)
 {
-    if (p.pid > 0) {
-        kill(p.pid, SIGTERM);
-        waitpid(p.pid, nullptr, 0);
-    }
-    p.pid = -1;
+    kill(p.pid, SIGTERM);
+    waitpid(p.pid, nullptr, 0);
+}
+
+// What a shell command prints.
+std::string shell(const std::string& cmd)
+{
+    std::string out;
+    FILE* f = popen(cmd.c_str(), "r");
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;)
+        out.append(buf, n);
+    pclose(f);
+    return out;
 }
 
 std::string sha256_of(const std::string& path)
 {
-    FILE* f = popen(("sha256sum '" + path + "' 2>/dev/null").c_str(), "r");
-    char sum[65] = "";
-    if (f == nullptr || fscanf(f, "%64s", sum) != 1)
-        sum[0] = '\0';
-    if (f != nullptr)
-        pclose(f);
-    return sum;
-}
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return shell("sha256sum " + path).substr(0, 64);
 }
 
 int run(const std::string& cmd)
@@ -108,25 +97,18 @@ int dump_print(const char* fmt, ...)
     return 0;
 }
 
-// Bytes that libcurl holds now, in the heap and in the little-memory pool.
+// Bytes that libcurl (the only user of id 0x83 here) holds, in the heap and in the little-memory
+// pool (where its small blocks go on the board).
 uint64_t curl_bytes()
 {
-    vesk_utility::vesk_ground* g = vesk_utility::vesk_ground::instance();
     static std::mutex lock;
     std::lock_guard<std::mutex> guard(lock);
+    vesk_utility::vesk_ground* g = vesk_utility::vesk_ground::instance();
     s_dump.clear();
-    g->get_little_mem_pool()->diagnose(1, dump_print);
-    uint64_t bytes = g->mem_account().total_of(VESK_USER_PROTOCOL_LIBS, 0x130400);
-    std::istringstream lines(s_dump);
-    for (std::string line; std::getline(lines, line);) {
-        unsigned usr = 0, purpose = 0;
-        int ci = 0, ni = 0, size = 0;
-        void* mem = nullptr;
-        if (sscanf(line.c_str(), "%d %d 0x%x 0x%x %p %d", &ci, &ni, &usr, &purpose, &mem, &size) == 6
-            && usr == VESK_USER_PROTOCOL_LIBS && purpose == 0x130400)
-            bytes += static_cast<uint64_t>(size);
-    }
-    return bytes;
+    g->get_little_mem_pool()->diagnose(2, dump_print);
+    const size_t at = s_dump.find("usr_id = 0x83, used_size = ");
+    const uint64_t pooled = at == std::string::npos ? 0 : strtoull(s_dump.c_str() + at + 27, nullptr, 10);
+    return pooled + g->mem_account().total_of(VESK_USER_PROTOCOL_LIBS, 0x130400);
 }
 
 class url_test : public testing::Test
@@ -150,9 +132,8 @@ protected:
     }
     static void TearDownTestSuite()
     {
-        stop_peer(s_http);
-        stop_peer(s_https);
-        stop_peer(s_ftp);
+        for (const peer& p : {s_http, s_https, s_ftp})
+            stop_peer(p);
     }
     void SetUp() override { m_op = vesk_utility_new_url_operate(0x55, "url test"); ASSERT_NE(m_op, nullptr); }
     void TearDown() override { EXPECT_EQ(vesk_utility_delete_url_operate(m_op, __FILE__, __func__), VESK_OK); }
@@ -189,7 +170,7 @@ TEST_F(url_test, LargeFilesRoundTripByteExactOverHttpAndFtp)
         EXPECT_EQ(sha256_of(s_srv + "/" + u.stored), want) << u.url;
         EXPECT_STREQ(m_op->get_last_error(), "");
     }
-    EXPECT_EQ(read_file(s_srv + "/post.bin.type"), "application/octet-stream");
+    EXPECT_EQ(shell("cat " + s_srv + "/post.bin.type"), "application/octet-stream");
     EXPECT_EQ(m_op->get_http_code(), 226);  // FTP: transfer complete
     // Back again: plain, chunked, through redirects, over FTP.
     for (const std::string& url : {http("/files/big.bin"), http("/chunked/big.bin"),
@@ -292,18 +273,17 @@ TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
     m_op->set_low_speed(100, 2);
     for (const std::string& url : {http("/short/big.bin"), http("/reset"), http("/status/404"), http("/stall")}) {
         EXPECT_EQ(m_op->download_file(url.c_str(), path.c_str(), nullptr), VESK_ERR_FAIL) << url;
-        EXPECT_EQ(read_file(path), "old\n") << url;
+        EXPECT_EQ(shell("cat " + path), "old\n") << url;
         EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << url << ": a temporary file was left";
     }
     // A digest that does not match (md5sum's, one bit flipped) is a broken download too.
     uint8_t md5[16];
-    FILE* f = popen(("md5sum " + s_srv + "/small.bin").c_str(), "r");
-    for (uint8_t& b : md5)
-        ASSERT_EQ(fscanf(f, "%2hhx", &b), 1);
-    pclose(f);
+    const std::string hex = shell("md5sum " + s_srv + "/small.bin");
+    for (int i = 0; i < 16; i++)
+        md5[i] = static_cast<uint8_t>(std::stoi(hex.substr(2 * i, 2), nullptr, 16));
     md5[15] ^= 1;
     EXPECT_EQ(m_op->download_file(http("/files/small.bin").c_str(), path.c_str(), md5), VESK_ERR_OPERATE_FAIL);
-    EXPECT_EQ(read_file(path), "old\n");
+    EXPECT_EQ(shell("cat " + path), "old\n");
     EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << "a temporary file was left";
     md5[15] ^= 1;
     EXPECT_EQ(m_op->download_file(http("/chunked/small.bin").c_str(), path.c_str(), md5), VESK_OK)
