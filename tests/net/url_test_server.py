@@ -23,142 +23,109 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
 
-    def path_of(self, name):
-        return os.path.join(ROOT, os.path.basename(name))
-
-    def reply(self, code, body=b"", ctype="text/plain"):
+    def reply(self, code, body=b"", ctype="text/plain", extra=()):
         self.send_response(code)
-        self.send_header("Content-Type", ctype)
-        self.send_header("Content-Length", str(len(body)))
-        if code == 401:
-            self.send_header("WWW-Authenticate", 'Basic realm="t"')
+        for k, v in (("Content-Type", ctype), ("Content-Length", str(len(body)))) + tuple(extra):
+            self.send_header(k, v)
         self.end_headers()
         self.wfile.write(body)
 
-    def body_chunks(self):
-        if self.headers.get("Transfer-Encoding", "").lower() == "chunked":
-            while True:
-                n = int(self.rfile.readline().split(b";")[0], 16)
-                if n == 0:
-                    self.rfile.readline()
-                    return
-                yield self.rfile.read(n)
-                self.rfile.readline()
-        left = int(self.headers.get("Content-Length", "0"))
-        while left > 0:
-            data = self.rfile.read(min(left, 1 << 20))
-            if not data:
-                return
-            left -= len(data)
-            yield data
+    def body(self):
+        return self.rfile.read(int(self.headers.get("Content-Length", "0")))
 
-    def route(self):
+    def handle_any(self):
         path = self.path
         if path.startswith("/auth/"):
             if self.headers.get("Authorization") != AUTH:
-                for _ in self.body_chunks():
-                    pass
-                return self.reply(401, b"who are you")
+                self.body()
+                return self.reply(401, b"who are you", extra=[("WWW-Authenticate", 'Basic realm="t"')])
             path = path[5:]
-        parts = path.split("/")
-        return parts[1], "/".join(parts[2:])
+        _, kind, rest = path.split("/", 2) if path.count("/") > 1 else (None, path[1:], "")
+        name = os.path.join(ROOT, os.path.basename(rest))
+        getattr(self, "%s_%s" % (self.command, kind), self.unknown)(rest, name)
 
-    def do_GET(self):
-        r = self.route()
-        if r is None:
-            return
-        kind, rest = r
-        if kind == "files" or kind == "short":
-            try:
-                f = open(self.path_of(rest), "rb")
-            except OSError:
-                return self.reply(404, b"no such file")
-            size = os.fstat(f.fileno()).st_size
-            self.send_response(200)
-            self.send_header("Content-Length", str(size))
-            self.end_headers()
-            left = size if kind == "files" else size // 2
+    do_GET = do_PUT = do_POST = handle_any
+
+    def unknown(self, rest, name):
+        self.body()
+        self.reply(404, b"unknown")
+
+    def GET_files(self, rest, name, part=1.0):
+        if not os.path.exists(name):
+            return self.reply(404, b"no such file")
+        size = os.path.getsize(name)
+        self.send_response(200)
+        self.send_header("Content-Length", str(size))
+        self.end_headers()
+        with open(name, "rb") as f:
+            left = int(size * part)
             while left > 0:
                 data = f.read(min(left, 1 << 20))
                 self.wfile.write(data)
                 left -= len(data)
-            f.close()
-            if kind == "short":
-                self.wfile.flush()
-                self.close_connection = True
-        elif kind == "chunked":
-            data = open(self.path_of(rest), "rb").read()
-            self.send_response(200)
-            self.send_header("Transfer-Encoding", "chunked")
-            self.end_headers()
-            pos, step = 0, 1
-            while pos < len(data):
-                piece = data[pos:pos + step]
-                self.wfile.write(b"%x\r\n" % len(piece) + piece + b"\r\n")
-                pos += len(piece)
-                step = step * 3 + 1 if step < 70000 else 1
-            self.wfile.write(b"0\r\n\r\n")
-        elif kind == "redirect":
-            n, _, target = rest.partition("/")
-            n = int(n)
-            where = "/redirect/%d/%s" % (n - 1, target) if n > 1 else "/" + target
-            self.send_response(302)
-            self.send_header("Location", where)
-            self.send_header("Content-Length", "0")
-            self.end_headers()
-        elif kind == "status":
-            self.reply(int(rest), b"status " + rest.encode())
-        elif kind == "stall":
-            self.send_response(200)
-            self.send_header("Content-Length", "1000")
-            self.end_headers()
-            self.wfile.write(b"0123456789")
-            self.wfile.flush()
-            time.sleep(600)
-        elif kind == "reset":
-            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            self.connection.close()
-            self.close_connection = True
-        else:
-            self.reply(404, b"unknown")
+        self.close_connection = part < 1.0
 
-    def store(self, rest):
-        with open(self.path_of(rest) + ".part", "wb") as f:
-            for data in self.body_chunks():
+    def GET_short(self, rest, name):
+        self.GET_files(rest, name, 0.5)
+
+    def GET_chunked(self, rest, name):
+        data = open(name, "rb").read()
+        self.send_response(200)
+        self.send_header("Transfer-Encoding", "chunked")
+        self.end_headers()
+        pos, step = 0, 1
+        while pos < len(data):
+            piece = data[pos:pos + step]
+            self.wfile.write(b"%x\r\n" % len(piece) + piece + b"\r\n")
+            pos += len(piece)
+            step = step * 3 + 1 if step < 70000 else 1
+        self.wfile.write(b"0\r\n\r\n")
+
+    def GET_redirect(self, rest, name):
+        n, target = rest.split("/", 1)
+        where = "/redirect/%d/%s" % (int(n) - 1, target) if int(n) > 1 else "/" + target
+        self.reply(302, extra=[("Location", where)])
+
+    def GET_status(self, rest, name):
+        self.reply(int(rest), b"status " + rest.encode())
+
+    def GET_stall(self, rest, name):
+        self.send_response(200)
+        self.send_header("Content-Length", "1000")
+        self.end_headers()
+        self.wfile.write(b"0123456789")
+        self.wfile.flush()
+        time.sleep(600)
+
+    def GET_reset(self, rest, name):
+        self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.connection.close()
+        self.close_connection = True
+
+    def PUT_files(self, rest, name, code=201):
+        left = int(self.headers.get("Content-Length", "0"))
+        with open(name + ".part", "wb") as f:
+            while left > 0:
+                data = self.rfile.read(min(left, 1 << 20))
                 f.write(data)
-        os.rename(self.path_of(rest) + ".part", self.path_of(rest))
-        with open(self.path_of(rest) + ".type", "w") as f:
+                left -= len(data)
+        os.rename(name + ".part", name)
+        with open(name + ".type", "w") as f:
             f.write(self.headers.get("Content-Type", ""))
+        self.reply(code, b"stored")
 
-    def do_PUT(self):
-        r = self.route()
-        if r is None:
-            return
-        kind, rest = r
-        if kind != "files":
-            return self.reply(404, b"unknown")
-        self.store(rest)
-        self.reply(201, b"stored")
+    def POST_files(self, rest, name):
+        self.PUT_files(rest, name, 200)
 
-    def do_POST(self):
-        r = self.route()
-        if r is None:
-            return
-        kind, rest = r
-        if kind == "files":
-            self.store(rest)
-            return self.reply(200, b"stored")
-        body = b"".join(self.body_chunks())
-        ctype = self.headers.get("Content-Type", "")
-        if kind == "json":
-            try:
-                answer = {"type": ctype, "echo": json.loads(body)}
-            except ValueError:
-                return self.reply(400, b'{"error": "not JSON"}', "application/json")
-            return self.reply(200, json.dumps(answer).encode(), "application/json")
-        if kind == "echo":
-            return self.reply(200, body, ctype)
-        self.reply(404, b"unknown")
+    def POST_json(self, rest, name):
+        try:
+            answer = {"type": self.headers.get("Content-Type"), "echo": json.loads(self.body())}
+        except ValueError:
+            return self.reply(400, b'{"error": "not JSON"}', "application/json")
+        self.reply(200, json.dumps(answer).encode(), "application/json")
+
+    def POST_echo(self, rest, name):
+        self.reply(200, self.body(), self.headers.get("Content-Type", ""))
 
 
 class Server(http.server.ThreadingHTTPServer):
