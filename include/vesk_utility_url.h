@@ -9,10 +9,11 @@
 //   Proxies: none unless set_proxy() names one; the environment's proxy variables are ignored.
 //   Redirects are followed (at most 5, HTTP(S) and FTP(S) only).
 //   Results: VESK_OK; VESK_ERR_INVALID_PARAM for a NULL or empty argument where one is
-//   needed; VESK_ERR_OPERATE_FAIL when an answer does not fit the caller's buffer or a local
-//   file cannot be read or written; VESK_ERR_FAIL for every transfer failure (no connection,
-//   time-out, cancel, TLS, an HTTP code >= 400, an aborting progress callback). After any
-//   transfer, get_http_code() and get_last_error() say what happened.
+//   needed; VESK_ERR_OPERATE_FAIL when an answer does not fit the caller's buffer, a local
+//   file cannot be read or written or a digest does not match; VESK_ERR_NO_RESOURCE when
+//   memory for the request runs out; VESK_ERR_FAIL for every transfer failure (no
+//   connection, time-out, cancel, TLS, an HTTP code >= 400, an aborting progress callback).
+//   After any transfer, get_http_code() and get_last_error() say what happened.
 //   Memory: the operator is accounted to the layer (user 0x13); what the transfer library
 //   allocates is accounted to user 0x83, purpose 0x130400, and is released when the operator
 //   is deleted.
