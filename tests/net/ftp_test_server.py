@@ -1,6 +1,5 @@
 #!/usr/bin/python3
-"""FTP peer of the URL transfer tests: user "test", password "secret", home ROOT, on
-127.0.0.1 at a free port printed on stdout.  usage: ftp_test_server.py ROOT"""
+"""FTP peer of the URL tests on 127.0.0.1, its port printed first: test:secret, home ROOT."""
 import logging
 import sys
 
@@ -12,7 +11,6 @@ logging.disable(logging.CRITICAL)
 authorizer = DummyAuthorizer()
 authorizer.add_user("test", "secret", sys.argv[1], perm="elradfmwMT")
 FTPHandler.authorizer = authorizer
-FTPHandler.banner = "test peer"
 server = ThreadedFTPServer(("127.0.0.1", 0), FTPHandler)
 print(server.address[1], flush=True)
 server.serve_forever()

@@ -1,8 +1,6 @@
 #!/usr/bin/python3
-"""HTTP(S) peer of the URL tests on 127.0.0.1, its port printed first.  usage: ROOT [CERT KEY]
-/files/NAME GET, PUT, POST (stored, content type in NAME.type); /chunked/NAME chunked GET;
-/json and /echo POST; /auth/... behind test:secret; /redirect/N/PATH; /status/CODE; /stall
-(announces 1000 bytes, sends 10); /short/NAME (half the file, then close); /reset (RST)."""
+"""HTTP(S) peer of the URL tests on 127.0.0.1, its port printed first. usage: ROOT [CERT KEY]
+Routes: the methods below, named <method>_<first path component>; /auth/... wants test:secret."""
 import base64
 import http.server
 import json
@@ -65,7 +63,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 left -= len(data)
         self.close_connection = part < 1.0
 
-    def GET_short(self, rest, name):
+    def GET_short(self, rest, name):  # the length of the file announced, half of it sent
         self.GET_files(rest, name, 0.5)
 
     def GET_chunked(self, rest, name):
@@ -104,12 +102,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def PUT_files(self, rest, name, code=201):
         left = int(self.headers.get("Content-Length", "0"))
-        with open(name + ".part", "wb") as f:
+        with open(name, "wb") as f:
             while left > 0:
                 data = self.rfile.read(min(left, 1 << 20))
                 f.write(data)
                 left -= len(data)
-        os.rename(name + ".part", name)
         with open(name + ".type", "w") as f:
             f.write(self.headers.get("Content-Type", ""))
         self.reply(code, b"stored")
