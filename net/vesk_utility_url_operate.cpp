@@ -366,8 +366,10 @@ size_t vesk_url_realize::on_read(char* data, size_t size, size_t count, void* ar
             got = pread(src->fd, data, n, static_cast<off_t>(src->pos));
         while (got < 0 && errno == EINTR);
         // The file shrank under the upload or cannot be read: the body would be short.
-        if (got <= 0)
+        if (got <= 0) {
+            src->error = got < 0 ? errno : EIO;
             return CURL_READFUNC_ABORT;
+        }
         n = static_cast<size_t>(got);
     }
     src->pos += n;
@@ -426,6 +428,10 @@ VESK_ERR vesk_url_realize::upload(const char* url, vesk_url_source* src, vesk_ur
     }
     const VESK_ERR err = perform(nullptr);
     m_source = nullptr;
+    if (src->error != 0) {
+        set_error("local read failed: %s", strerror(src->error));
+        return VESK_ERR_OPERATE_FAIL;
+    }
     if (err == VESK_OK && src->pos != src->len) {
         set_error("sent %llu of %llu bytes", static_cast<unsigned long long>(src->pos),
                   static_cast<unsigned long long>(src->len));

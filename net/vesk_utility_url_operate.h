@@ -23,19 +23,20 @@ int vesk_url_install_allocator();
 
 // Where a transfer's received bytes go, and where its sent bytes come from.
 struct vesk_url_sink {
-    int fd = -1;               // a file, or
-    char* buf = nullptr;       // a buffer of `size` bytes
+    int fd = -1;                             // a file, or
+    char* buf = nullptr;                     // a buffer of `size` bytes
     size_t size = 0;
-    size_t len = 0;            // bytes received so far
-    bool overflow = false;     // the answer did not fit the buffer
-    int error = 0;             // errno of a failed write to fd
+    size_t len = 0;                          // bytes received so far
+    bool overflow = false;                   // the answer did not fit the buffer
+    int error = 0;                           // errno of a failed write to fd
     vesk_soft::vesk_md5_cnt* md5 = nullptr;  // digest of what goes to fd, when one is checked
 };
 struct vesk_url_source {
-    int fd = -1;               // a file of `len` bytes, or
-    const char* data = nullptr; // a buffer of `len` bytes
+    int fd = -1;                 // a file of `len` bytes, or
+    const char* data = nullptr;  // a buffer of `len` bytes
     uint64_t len = 0;
-    uint64_t pos = 0;
+    uint64_t pos = 0;            // bytes handed to libcurl so far
+    int error = 0;               // errno of a failed read of fd
 };
 
 // Thread safety: m_state_lock guards m_busy and the setting of m_cancel, so a cancel() from
