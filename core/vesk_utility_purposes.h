@@ -42,6 +42,7 @@ constexpr vesk_memmory_purpose k_purpose_file_name = 0x3021;         // fixed: f
 constexpr vesk_memmory_purpose k_purpose_file_cache = 0x3030;        // file operators' read caches
 constexpr vesk_memmory_purpose k_purpose_extent_scan = 0x3031;       // extent map buffer of a block open
 constexpr vesk_memmory_purpose k_purpose_md5_cnt = 0x3050;           // MD5 counter objects
+constexpr vesk_memmory_purpose k_purpose_url_operator = 0x3060;      // URL operator objects
 
 }  // namespace vesk_utility
 

@@ -10,6 +10,7 @@ packages=(
   ffmpeg iproute2 e2fsprogs xfsprogs xfslibs-dev libcjson-dev rapidjson-dev
   clang libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
+  python3 python3-pyftpdlib openssl  # the URL tests' HTTP(S) and FTP peers, their certificate
 )
 # Byte codecs: nettle (MD5, triple DES); the codec tests' oracles.
 packages+=(nettle-dev openssl coreutils)
