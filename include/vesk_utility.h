@@ -21,5 +21,6 @@
 #include "vesk_utility_watch_dog.h"
 #include "vesk_utility_xml.h"
 #include "vesk_utility_audio.h"
+#include "vesk_utility_xls.h"
 
 #endif  // VESK_UTILITY_H

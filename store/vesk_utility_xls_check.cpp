@@ -1,0 +1,137 @@
+// vesk_utility_xls_check - bounds a workbook's claims before it is parsed. The record walk is
+// linear in the stream (at most one step per 4 bytes) and holds one record header at a time.
+#include "store/vesk_utility_xls_check.h"
+
+namespace vesk_utility {
+
+using namespace vesk_soft;
+
+namespace {
+
+// Record header: type u16, length u16; BIFF8 caps the length at 8224 bytes.
+constexpr uint32_t k_max_record = 8224;
+constexpr uint16_t k_bof = 0x0809;
+constexpr uint16_t k_filepass = 0x002F;
+constexpr uint16_t k_sst = 0x00FC;
+constexpr uint16_t k_continue = 0x003C;
+constexpr uint16_t k_dimensions = 0x0200;
+constexpr uint16_t k_boundsheet = 0x0085;
+constexpr uint16_t k_biff8 = 0x0600;
+constexpr uint16_t k_biff5 = 0x0500;
+// The smallest string of the string table: character count u16 and flags u8.
+constexpr uint64_t k_min_sst_string = 3;
+
+inline uint16_t u16_at(const uint8_t* p)
+{
+    return static_cast<uint16_t>(p[0] | (p[1] << 8));
+}
+inline uint32_t u32_at(const uint8_t* p)
+{
+    return static_cast<uint32_t>(u16_at(p)) | (static_cast<uint32_t>(u16_at(p + 2)) << 16);
+}
+
+}  // namespace
+
+VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max_cells, xls_tally* tally,
+                   xls_check_result* result)
+{
+    *result = xls_check_result();
+    cfb_reader cfb(tally);
+    static const char* const names[] = {"Workbook", "Book"};
+    VESK_ERR err = cfb.open_stream(read, ctx, file_size, names, 2);
+    if (err != VESK_OK) {
+        result->why = "compound file malformed or without a workbook stream";
+        return err;
+    }
+    const uint32_t size = cfb.stream_size();
+    uint8_t h[4];
+    uint8_t body[16];
+    if (!cfb.read(0, h, 4) || u16_at(h) != k_bof || u16_at(h + 2) < 8 || !cfb.read(4, body, 2)) {
+        result->why = "the workbook stream does not start with a BOF record";
+        return VESK_ERR_OPERATE_FAIL;
+    }
+    const uint16_t version = u16_at(body);
+    if (version != k_biff8 && version != k_biff5) {
+        result->why = "not a BIFF5 or BIFF8 workbook";
+        return VESK_ERR_NOT_SUPPORT;
+    }
+    const bool biff8 = version == k_biff8;
+
+    uint64_t sst_unique = 0, sst_bytes = 0;
+    bool in_sst = false;
+    for (uint32_t pos = 0; static_cast<uint64_t>(pos) + 4 <= size;) {
+        if (!cfb.read(pos, h, 4)) {
+            result->why = "unreadable record";
+            return VESK_ERR_OPERATE_FAIL;
+        }
+        const uint16_t type = u16_at(h);
+        const uint32_t len = u16_at(h + 2);
+        if (len > k_max_record || static_cast<uint64_t>(pos) + 4 + len > size) {
+            result->why = "record longer than the format allows or than the stream";
+            return VESK_ERR_OPERATE_FAIL;
+        }
+        const uint32_t take = len < sizeof(body) ? len : sizeof(body);
+        if (!cfb.read(pos + 4, body, take)) {
+            result->why = "unreadable record";
+            return VESK_ERR_OPERATE_FAIL;
+        }
+        if (type == k_continue && in_sst) {
+            sst_bytes += len;
+        } else {
+            in_sst = false;
+        }
+        switch (type) {
+        case k_filepass:
+            result->why = "encrypted workbook";
+            return VESK_ERR_NOT_SUPPORT;
+        case k_sst:
+            if (len < 8) {
+                result->why = "short string table";
+                return VESK_ERR_OPERATE_FAIL;
+            }
+            in_sst = true;
+            sst_unique += u32_at(body + 4);
+            sst_bytes += len - 8;
+            break;
+        case k_boundsheet:
+            if (len < 6 || u32_at(body) >= size) {
+                result->why = "sheet entry outside the stream";
+                return VESK_ERR_OPERATE_FAIL;
+            }
+            result->sheets++;
+            break;
+        case k_dimensions: {
+            if (len < (biff8 ? 14u : 10u)) {
+                result->why = "short dimensions record";
+                return VESK_ERR_OPERATE_FAIL;
+            }
+            const uint32_t rows = biff8 ? u32_at(body + 4) : u16_at(body + 2);
+            const uint32_t cols = biff8 ? u16_at(body + 10) : u16_at(body + 6);
+            if (rows > 65536 || cols > 256) {
+                result->why = "used area beyond 65536 rows or 256 columns";
+                return VESK_ERR_OPERATE_FAIL;
+            }
+            result->cells += static_cast<uint64_t>(rows) * cols;
+            if (result->cells > max_cells) {
+                result->why = "the sheets' used areas exceed the cell budget";
+                return VESK_ERR_NO_RESOURCE;
+            }
+            break;
+        }
+        default:
+            break;
+        }
+        pos += 4 + len;
+    }
+    if (sst_unique > sst_bytes / k_min_sst_string) {
+        result->why = "the string table claims more strings than its bytes hold";
+        return VESK_ERR_NO_RESOURCE;
+    }
+    if (result->sheets == 0) {
+        result->why = "no sheets";
+        return VESK_ERR_OPERATE_FAIL;
+    }
+    return VESK_OK;
+}
+
+}  // namespace vesk_utility
