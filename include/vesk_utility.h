@@ -20,6 +20,7 @@
 #include "vesk_utility_system.h"
 #include "vesk_utility_watch_dog.h"
 #include "vesk_utility_xml.h"
+#include "vesk_utility_codec.h"
 #include "vesk_utility_audio.h"
 #include "vesk_utility_xls.h"
 

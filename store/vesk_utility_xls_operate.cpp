@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <freexl.h>
-#include <iconv.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "codec/vesk_utility_charset.h"
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_purposes.h"
 #include "store/vesk_utility_xls_check.h"
@@ -227,22 +227,16 @@ VESK_ERR vesk_xls_realize::as_utf8(const char* text, vesk_xls_charset charset, c
     }
     if (charset != VESK_XLS_GB2312)
         return VESK_ERR_INVALID_PARAM;
-    // GB2312 takes two bytes per character and UTF-8 three: 1.5x plus room for ASCII.
-    if (!m_conv.resize_zero(static_cast<uint32_t>(n * 2 + 4)))
+    // GB2312 takes two bytes per character and UTF-8 three: 1.5x, plus the terminator.
+    if (!m_conv.resize_zero(static_cast<uint32_t>(n + n / 2 + 4)))
         return VESK_ERR_NO_RESOURCE;
-    iconv_t cd = iconv_open("UTF-8", "GB2312");
-    if (cd == reinterpret_cast<iconv_t>(-1))
-        return VESK_ERR_NOT_SUPPORT;
-    char* in = const_cast<char*>(text);
-    size_t in_left = n;
-    char* o = m_conv.data();
-    size_t o_left = m_conv.size();
-    const size_t rc = iconv(cd, &in, &in_left, &o, &o_left);
-    iconv_close(cd);
-    if (rc == static_cast<size_t>(-1) || in_left != 0)
-        return VESK_ERR_INVALID_PARAM;
+    uint32_t got = 0;
+    const VESK_ERR err =
+        vesk_charset_convert("GB2312", "UTF-8", text, static_cast<uint32_t>(n), m_conv.data(), m_conv.size(), &got, false);
+    if (err != VESK_OK)
+        return err == VESK_ERR_OPERATE_FAIL ? VESK_ERR_INVALID_PARAM : err;
     *out = m_conv.data();
-    *len = static_cast<uint32_t>(m_conv.size() - o_left);
+    *len = got;
     return VESK_OK;
 }
 
