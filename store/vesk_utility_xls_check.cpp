@@ -2,6 +2,8 @@
 // linear in the stream (at most one step per 4 bytes) and holds one record header at a time.
 #include "store/vesk_utility_xls_check.h"
 
+#include "core/vesk_utility_purposes.h"
+
 namespace vesk_utility {
 
 using namespace vesk_soft;
@@ -28,6 +30,96 @@ inline uint16_t u16_at(const uint8_t* p)
 inline uint32_t u32_at(const uint8_t* p)
 {
     return static_cast<uint32_t>(u16_at(p)) | (static_cast<uint32_t>(u16_at(p + 2)) << 16);
+}
+
+// The string table's payload: the SST record's after its two counts, then each CONTINUE's.
+struct sst_segment {
+    uint32_t off;  // stream offset
+    uint32_t len;
+};
+
+// Walks the strings of the table. The reading library misreads a string whose characters run
+// through more than one CONTINUE (it loses its place after the first), so such a table is
+// refused rather than read wrong. O(strings + segments).
+VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, const char** why)
+{
+    uint32_t k = 0, at = 0;  // segment, offset inside it
+    // Reads n bytes (a field may straddle segments in files that break the rules).
+    auto take = [&](uint8_t* out, uint32_t n) {
+        for (uint32_t i = 0; i < n; i++) {
+            while (k < segs.size() && at >= segs[k].len) {
+                k++;
+                at = 0;
+            }
+            if (k >= segs.size() || !cfb.read(segs[k].off + at, out + i, 1))
+                return false;
+            at++;
+        }
+        return true;
+    };
+    auto skip = [&](uint64_t n) {
+        while (n > 0) {
+            if (k >= segs.size())
+                return false;
+            const uint32_t here = segs[k].len - at;
+            if (n < here) {
+                at += static_cast<uint32_t>(n);
+                return true;
+            }
+            n -= here;
+            k++;
+            at = 0;
+        }
+        return true;
+    };
+    for (;;) {
+        while (k < segs.size() && at >= segs[k].len) {
+            k++;
+            at = 0;
+        }
+        if (k >= segs.size())
+            return VESK_OK;
+        uint8_t h[7];
+        if (!take(h, 3))
+            return VESK_OK;  // a cut-off table: the counts check above bounds it
+        uint32_t chars = u16_at(h);
+        uint8_t flags = h[2];
+        uint32_t runs = 0, ext = 0;
+        if ((flags & 0x08) != 0) {
+            if (!take(h + 3, 2))
+                return VESK_OK;
+            runs = u16_at(h + 3);
+        }
+        if ((flags & 0x04) != 0) {
+            if (!take(h + 3, 4))
+                return VESK_OK;
+            ext = u32_at(h + 3);
+        }
+        uint32_t continued = 0;
+        while (chars > 0) {
+            if (k >= segs.size())
+                return VESK_OK;
+            const uint32_t per = (flags & 0x01) != 0 ? 2 : 1;
+            const uint32_t fit = (segs[k].len - at) / per;
+            if (fit == 0) {
+                // The characters go on in the next CONTINUE, behind a fresh flags byte.
+                k++;
+                at = 0;
+                if (++continued > 1) {
+                    *why = "a shared string runs through more than two records, which the reader misreads";
+                    return VESK_ERR_NOT_SUPPORT;
+                }
+                if (!take(&flags, 1))
+                    return VESK_OK;
+                continue;
+            }
+            const uint32_t n = fit < chars ? fit : chars;
+            at += n * per;
+            chars -= n;
+        }
+        if (!skip(4ull * runs + ext))
+            return VESK_OK;
+    }
 }
 
 }  // namespace
@@ -59,6 +151,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
 
     uint64_t sst_unique = 0, sst_bytes = 0;
     bool in_sst = false;
+    xls_array<sst_segment> segs(k_purpose_xls_read, tally);
     for (uint32_t pos = 0; static_cast<uint64_t>(pos) + 4 <= size;) {
         if (!cfb.read(pos, h, 4)) {
             result->why = "unreadable record";
@@ -77,6 +170,8 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
         }
         if (type == k_continue && in_sst) {
             sst_bytes += len;
+            if (!segs.push(sst_segment{pos + 4, len}))
+                return VESK_ERR_NO_RESOURCE;
         } else {
             in_sst = false;
         }
@@ -92,6 +187,9 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             in_sst = true;
             sst_unique += u32_at(body + 4);
             sst_bytes += len - 8;
+            segs.truncate(0);
+            if (!segs.push(sst_segment{pos + 12, len - 8}))
+                return VESK_ERR_NO_RESOURCE;
             break;
         case k_boundsheet:
             if (len < 6 || u32_at(body) >= size) {
@@ -127,6 +225,9 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
         result->why = "the string table claims more strings than its bytes hold";
         return VESK_ERR_NO_RESOURCE;
     }
+    err = walk_sst(cfb, segs, &result->why);
+    if (err != VESK_OK)
+        return err;
     if (result->sheets == 0) {
         result->why = "no sheets";
         return VESK_ERR_OPERATE_FAIL;

@@ -253,6 +253,21 @@ TEST(XlsTest, XlwtWorkbooksReadAsXlrdReadsThem)
     const std::string want = xlrd_dump(path);
     ASSERT_NE(want.find("告警 299"), std::string::npos);
     EXPECT_EQ(our_dump(path), want);
+
+    // A string whose characters run through two CONTINUE records: the reading library would
+    // return garbage past the second one, so the file is refused instead.
+    const std::string longer = tmp("xlwt_long.xls"), script2 = tmp("xlwt_long.py");
+    std::ofstream(script2) << "import sys, xlwt\n"
+                              "b = xlwt.Workbook(encoding='utf-8')\n"
+                              "b.add_sheet('s').write(0, 0, '长' * 6000)\n"
+                              "b.save(sys.argv[1])\n";
+    run("/usr/bin/python3 " + script2 + " " + longer);
+    std::string chars;
+    for (int i = 0; i < 6000; i++)
+        chars += "长";
+    ASSERT_NE(xlrd_dump(longer).find("\tT\t" + chars + "\n"), std::string::npos);
+    vesk_utility::vesk_xls_realize x;
+    EXPECT_EQ(x.open_read(longer.c_str(), 0, 0), VESK_ERR_NOT_SUPPORT);
 }
 
 TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
