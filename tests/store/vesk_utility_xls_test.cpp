@@ -254,12 +254,15 @@ TEST(XlsTest, XlwtWorkbooksReadAsXlrdReadsThem)
     ASSERT_NE(want.find("告警 299"), std::string::npos);
     EXPECT_EQ(our_dump(path), want);
 
-    // A string whose characters run through two CONTINUE records: the reading library would
-    // return garbage past the second one, so the file is refused instead.
+    // After 600 short strings, the long one starts late in the SST record and its characters
+    // run through two CONTINUE records: the reading library would return garbage past the
+    // second one, so the file is refused instead.
     const std::string longer = tmp("xlwt_long.xls"), script2 = tmp("xlwt_long.py");
     std::ofstream(script2) << "import sys, xlwt\n"
                               "b = xlwt.Workbook(encoding='utf-8')\n"
-                              "b.add_sheet('s').write(0, 0, '长' * 6000)\n"
+                              "s = b.add_sheet('s')\n"
+                              "for r in range(300): s.write(r, 1, '告警 %d' % r); s.write(r, 2, 'x' * (r % 40))\n"
+                              "s.write(300, 0, '长' * 6000)\n"
                               "b.save(sys.argv[1])\n";
     run("/usr/bin/python3 " + script2 + " " + longer);
     std::string chars;
