@@ -17,8 +17,6 @@ using namespace vesk_soft;
 
 namespace {
 
-constexpr const char* k_cls = "cfb_reader";
-
 // Header (sector -1, 512 bytes at offset 0), little-endian:
 //   0 signature | 24 minor u16 | 26 major u16 (3: 512-byte sectors, 4: 4096) | 28 0xFFFE |
 //   30 sector shift u16 | 32 mini sector shift u16 (6) | 40 directory sectors u32 (v4) |
