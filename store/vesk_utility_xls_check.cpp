@@ -191,13 +191,17 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             if (!segs.push(sst_segment{pos + 12, len - 8}))
                 return VESK_ERR_NO_RESOURCE;
             break;
-        case k_boundsheet:
-            if (len < 6 || u32_at(body) >= size) {
-                result->why = "sheet entry outside the stream";
+        case k_boundsheet: {
+            // The entry must point at its sheet's BOF: the reading library leaks a sheet
+            // whose substream is not where its entry says.
+            uint8_t at[2];
+            if (len < 6 || u32_at(body) >= size || !cfb.read(u32_at(body), at, 2) || u16_at(at) != k_bof) {
+                result->why = "sheet entry that does not point at a sheet";
                 return VESK_ERR_OPERATE_FAIL;
             }
             result->sheets++;
             break;
+        }
         case k_dimensions: {
             if (len < (biff8 ? 14u : 10u)) {
                 result->why = "short dimensions record";
