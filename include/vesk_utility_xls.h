@@ -9,7 +9,9 @@
 //   Reading: the file is checked before it is parsed, so that a hostile or oversize file is
 //   refused before anything large is allocated: above max_file_bytes, or claiming more than
 //   max_cells cells in the sheets' used areas (rows x columns, summed), or more strings than
-//   its bytes can hold: VESK_ERR_NO_RESOURCE. Encrypted workbooks and formats before BIFF5:
+//   its bytes can hold: VESK_ERR_NO_RESOURCE. Encrypted workbooks, formats before BIFF5, and
+//   shared strings whose characters run through more than two records (over about 4,000
+//   Chinese or 8,000 Latin characters; the reading library would return them garbled):
 //   VESK_ERR_NOT_SUPPORT. Malformed: VESK_ERR_OPERATE_FAIL. Dates read as text.
 //   Writing: cells are kept in memory (about 16 bytes each plus the distinct strings, all
 //   accounted) until save(), which writes the whole workbook to a temporary file beside
@@ -52,6 +54,7 @@ public:
 
     // ---- reading
     virtual VESK_ERR open_read(const char* path, uint32_t max_file_bytes, uint32_t max_cells) = 0;
+    // Sheets of the workbook read, or of the one being written.
     virtual VESK_ERR get_sheet_count(uint32_t* count) = 0;
     // Sheet name in UTF-8 (NUL-terminated; VESK_ERR_OPERATE_FAIL when it does not fit).
     virtual VESK_ERR get_sheet_name(uint32_t sheet, char* buf, uint32_t size) = 0;
