@@ -404,3 +404,38 @@ TEST(XlsTest, CellsInAnyOrderAndOverwrittenKeepTheLastValue)
         EXPECT_EQ(xlrd_dump(path), want);
     }
 }
+
+TEST(XlsTest, AWorkbookPastSevenMegabytesNeedsTheFatIndexSectors)
+{
+    // 458,752 number cells make an 8 MiB stream: more FAT sectors than the header lists,
+    // so the file carries DIFAT sectors; both readers must follow them.
+    const std::string path = tmp("difat.xls");
+    vesk_xls_operate* op = vesk_utility_new_xls_operate(0x65, "xls difat");
+    ASSERT_NE(op, nullptr);
+    ASSERT_EQ(op->create(), VESK_OK);
+    uint32_t s = 0;
+    ASSERT_EQ(op->add_sheet("big", VESK_XLS_UTF8, &s), VESK_OK);
+    for (uint32_t r = 0; r < 65536; r++)
+        for (uint32_t c = 0; c < 7; c++)
+            ASSERT_EQ(op->set_number(s, r, c, r * 7.0 + c), VESK_OK);
+    ASSERT_EQ(op->save(path.c_str()), VESK_OK);
+    const bytes file = read_file(path);
+    ASSERT_GE(file.size(), 512u);
+    EXPECT_GT(file[44] | (file[45] << 8), 109);  // FAT sectors
+    EXPECT_EQ(file[72], 1);                      // DIFAT sectors
+    ASSERT_EQ(op->open_read(path.c_str(), 16u << 20, 0), VESK_OK);
+    vesk_xls_cell_type t;
+    double v = 0;
+    char text[8];
+    for (uint32_t r : {0u, 40000u, 65535u}) {
+        ASSERT_EQ(op->get_cell(0, r, 6, &t, &v, text, sizeof(text)), VESK_OK);
+        EXPECT_EQ(t, VESK_XLS_CELL_NUMBER);
+        EXPECT_EQ(v, r * 7.0 + 6) << r;
+    }
+    EXPECT_EQ(vesk_utility_delete_xls_operate(op, __FILE__, __func__), VESK_OK);
+    if (have_python_module("xlrd")) {
+        EXPECT_EQ(run("/usr/bin/python3 -c 'import sys, xlrd; s = xlrd.open_workbook(sys.argv[1]).sheet_by_index(0); "
+                      "print(s.nrows, s.ncols, s.cell_value(65535, 6))' " + path),
+                  "65536 7 458751.0\n");
+    }
+}
