@@ -13,6 +13,7 @@ namespace {
 // Record header: type u16, length u16; BIFF8 caps the length at 8224 bytes.
 constexpr uint32_t k_max_record = 8224;
 constexpr uint16_t k_bof = 0x0809;
+constexpr uint16_t k_eof = 0x000A;
 constexpr uint16_t k_filepass = 0x002F;
 constexpr uint16_t k_sst = 0x00FC;
 constexpr uint16_t k_continue = 0x003C;
@@ -151,6 +152,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
 
     uint64_t sst_unique = 0, sst_bytes = 0;
     bool in_sst = false;
+    uint32_t depth = 0;  // open substreams (a chart may sit inside a sheet)
     xls_array<sst_segment> segs(k_purpose_xls_read, tally);
     for (uint32_t pos = 0; static_cast<uint64_t>(pos) + 4 <= size;) {
         if (!cfb.read(pos, h, 4)) {
@@ -176,6 +178,19 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             in_sst = false;
         }
         switch (type) {
+        case k_bof:
+            // A sheet opens only at the top: one inside an unclosed substream makes the reading
+            // library replace the open sheet without freeing it.
+            if (len < 4 || (depth > 0 && u16_at(body + 2) != 0x0020)) {
+                result->why = "a sheet begins inside another substream";
+                return VESK_ERR_OPERATE_FAIL;
+            }
+            depth++;
+            break;
+        case k_eof:
+            if (depth > 0)
+                depth--;
+            break;
         case k_filepass:
             result->why = "encrypted workbook";
             return VESK_ERR_NOT_SUPPORT;

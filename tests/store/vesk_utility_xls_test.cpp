@@ -289,6 +289,7 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
     ASSERT_EQ(file.size(), 512u + 4096 + 512 + 512);  // header, padded stream, directory, FAT
     const size_t dims = records_of(file, 0x0200).at(0), sst = records_of(file, 0x00FC).at(0);
     const size_t bof = records_of(file, 0x0809).at(0), sheet = records_of(file, 0x0085).at(0);
+    const size_t globals_end = records_of(file, 0x000A).at(0);
 
     auto patched = [&](size_t at, std::initializer_list<uint8_t> b) {
         bytes f = file;
@@ -310,6 +311,7 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
         {"string count beyond the bytes", patched(sst + 8, {0xFF, 0xFF, 0xFF, 0x0F}), VESK_ERR_NO_RESOURCE},
         {"record longer than allowed", patched(dims + 2, {0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"sheet entry beside its sheet", patched(sheet + 4, {0x10}), VESK_ERR_OPERATE_FAIL},
+        {"globals never closed", patched(globals_end, {0x99}), VESK_ERR_OPERATE_FAIL},
         {"BIFF4", patched(bof + 4, {0x00, 0x04}), VESK_ERR_NOT_SUPPORT},
         {"FAT sector count huge", patched(44, {0xFF, 0xFF, 0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"FAT sector outside the file", patched(76, {0x00, 0x10, 0x00, 0x00}), VESK_ERR_OPERATE_FAIL},
