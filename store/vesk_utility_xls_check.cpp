@@ -2,6 +2,8 @@
 // linear in the stream (at most one step per 4 bytes) and holds one record header at a time.
 #include "store/vesk_utility_xls_check.h"
 
+#include <algorithm>
+
 #include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility {
@@ -153,6 +155,10 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
     uint64_t sst_unique = 0, sst_bytes = 0;
     bool in_sst = false;
     uint32_t depth = 0;  // open substreams (a chart may sit inside a sheet)
+    // Where the sheet entries say the sheets are, and where top-level substreams begin (in
+    // stream order): the reading library leaks a sheet whose substream is not where its entry
+    // says, or that never ends.
+    xls_array<uint32_t> sheet_at(k_purpose_xls_read, tally), bof_at(k_purpose_xls_read, tally);
     xls_array<sst_segment> segs(k_purpose_xls_read, tally);
     for (uint32_t pos = 0; static_cast<uint64_t>(pos) + 4 <= size;) {
         if (!cfb.read(pos, h, 4)) {
@@ -185,6 +191,8 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
                 result->why = "a sheet begins inside another substream";
                 return VESK_ERR_OPERATE_FAIL;
             }
+            if (depth == 0 && !bof_at.push(pos))
+                return VESK_ERR_NO_RESOURCE;
             depth++;
             break;
         case k_eof:
@@ -206,17 +214,11 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             if (!segs.push(sst_segment{pos + 12, len - 8}))
                 return VESK_ERR_NO_RESOURCE;
             break;
-        case k_boundsheet: {
-            // The entry must point at its sheet's BOF: the reading library leaks a sheet
-            // whose substream is not where its entry says.
-            uint8_t at[2];
-            if (len < 6 || u32_at(body) >= size || !cfb.read(u32_at(body), at, 2) || u16_at(at) != k_bof) {
-                result->why = "sheet entry that does not point at a sheet";
-                return VESK_ERR_OPERATE_FAIL;
-            }
+        case k_boundsheet:
+            if (len < 6 || !sheet_at.push(u32_at(body)))
+                return len < 6 ? VESK_ERR_OPERATE_FAIL : VESK_ERR_NO_RESOURCE;
             result->sheets++;
             break;
-        }
         case k_dimensions: {
             if (len < (biff8 ? 14u : 10u)) {
                 result->why = "short dimensions record";
@@ -250,6 +252,17 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
     if (result->sheets == 0) {
         result->why = "no sheets";
         return VESK_ERR_OPERATE_FAIL;
+    }
+    if (depth != 0) {
+        result->why = "a substream without its end record";
+        return VESK_ERR_OPERATE_FAIL;
+    }
+    // O(sheets x log substreams).
+    for (uint32_t i = 0; i < sheet_at.size(); i++) {
+        if (!std::binary_search(bof_at.data() + 1, bof_at.data() + bof_at.size(), sheet_at[i])) {
+            result->why = "sheet entry that does not point at a sheet";
+            return VESK_ERR_OPERATE_FAIL;
+        }
     }
     return VESK_OK;
 }
