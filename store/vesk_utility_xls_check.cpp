@@ -1,5 +1,6 @@
 // vesk_utility_xls_check - bounds a workbook's claims before it is parsed. The record walk is
-// linear in the stream (at most one step per 4 bytes) and holds one record header at a time.
+// linear in the stream (at most one step per 4 bytes); besides one record head it keeps only
+// the string table's segment list and the sheets' positions.
 #include "store/vesk_utility_xls_check.h"
 
 #include <algorithm>
