@@ -43,6 +43,8 @@ constexpr vesk_memmory_purpose k_purpose_file_cache = 0x3030;        // file ope
 constexpr vesk_memmory_purpose k_purpose_extent_scan = 0x3031;       // extent map buffer of a block open
 constexpr vesk_memmory_purpose k_purpose_md5_cnt = 0x3050;           // MD5 counter objects
 constexpr vesk_memmory_purpose k_purpose_url_operator = 0x3060;      // URL operator objects
+constexpr vesk_memmory_purpose k_purpose_xls_read = 0x3070;          // spreadsheet check: sector tables
+constexpr vesk_memmory_purpose k_purpose_xls_write = 0x3071;         // spreadsheet writer: cells, strings
 
 }  // namespace vesk_utility
 

@@ -22,5 +22,7 @@
 #include "vesk_utility_xml.h"
 #include "vesk_utility_codec.h"
 #include "vesk_utility_url.h"
+#include "vesk_utility_audio.h"
+#include "vesk_utility_xls.h"
 
 #endif  // VESK_UTILITY_H

@@ -30,6 +30,8 @@ cross_lib=/usr/$triplet/lib
 roots=(libsqlite3-dev libcurl4-openssl-dev libtinyxml-dev libgtest-dev libgmock-dev libbenchmark-dev)
 # Byte codecs: MD5 and triple DES.
 roots+=(nettle-dev)
+# Spreadsheets: FreeXL reads .xls workbooks.
+roots+=(libfreexl-dev)
 
 die() {
     echo "armhf-sysroot: error: $*" >&2

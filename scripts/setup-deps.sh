@@ -14,6 +14,8 @@ packages=(
 )
 # Byte codecs: nettle (MD5, triple DES); the codec tests' oracles.
 packages+=(nettle-dev openssl coreutils)
+# Spreadsheets and audio: FreeXL reads .xls; the oracles of the WAV, G.711 and .xls tests.
+packages+=(libfreexl-dev python3-xlrd python3-xlwt catdoc sox)
 
 missing=()
 for p in "${packages[@]}"; do
