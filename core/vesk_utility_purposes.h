@@ -41,6 +41,8 @@ constexpr vesk_memmory_purpose k_purpose_av_readers = 0x3041;        // A/V read
 constexpr vesk_memmory_purpose k_purpose_file_name = 0x3021;         // fixed: file operators' path copies
 constexpr vesk_memmory_purpose k_purpose_file_cache = 0x3030;        // file operators' read caches
 constexpr vesk_memmory_purpose k_purpose_extent_scan = 0x3031;       // extent map buffer of a block open
+constexpr vesk_memmory_purpose k_purpose_picture_scratch = 0x3038;   // image conversion and codec scratch
+constexpr vesk_memmory_purpose k_purpose_bmp_bitmap = 0x3039;        // a BMP operator's pixels
 
 }  // namespace vesk_utility
 

@@ -20,5 +20,6 @@
 #include "vesk_utility_system.h"
 #include "vesk_utility_watch_dog.h"
 #include "vesk_utility_xml.h"
+#include "vesk_utility_picture.h"
 
 #endif  // VESK_UTILITY_H
