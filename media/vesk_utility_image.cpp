@@ -148,6 +148,41 @@ void argb_to_i420_709(const uint8_t* argb, uint32_t stride, const vesk_image& d)
     }
 }
 
+// BT.709 limited into ARGB. libyuv keeps its coefficients in signed 8 bits, which clamps 709's
+// blue term (2.112) and leaves saturated colours up to 12 off; this plain loop is exact to
+// rounding, at the price of SIMD speed for 709 only.
+constexpr double k_kr = 0.2126, k_kb = 0.0722, k_kg = 1 - k_kr - k_kb;
+constexpr int32_t k_y = fx(255.0 / 219), k_rv = fx(2 * (1 - k_kr) * 255 / 224), k_bu = fx(2 * (1 - k_kb) * 255 / 224);
+constexpr int32_t k_gu = fx(2 * (1 - k_kb) * k_kb / k_kg * 255 / 224), k_gv = fx(2 * (1 - k_kr) * k_kr / k_kg * 255 / 224);
+
+void yuv709_to_argb(const vesk_image& s, uint8_t* argb, uint32_t stride)
+{
+    const bool i420 = s.format == VESK_PIX_I420, nv21 = s.format == VESK_PIX_NV21;
+    for (uint32_t y = 0; y < s.height; ++y) {
+        const uint8_t* yr = s.plane[0] + size_t(y) * s.stride[0];
+        const uint8_t* c1 = s.plane[1] + size_t(y / 2) * s.stride[1];
+        const uint8_t* c2 = i420 ? s.plane[2] + size_t(y / 2) * s.stride[2] : nullptr;
+        uint8_t* out = argb + size_t(y) * stride;
+        for (uint32_t x = 0; x < s.width; ++x) {
+            int u, v;
+            if (i420) {
+                u = c1[x / 2];
+                v = c2[x / 2];
+            } else {
+                u = c1[(x / 2) * 2 + (nv21 ? 1 : 0)];
+                v = c1[(x / 2) * 2 + (nv21 ? 0 : 1)];
+            }
+            const int32_t l = k_y * (yr[x] - 16) + 0x8000;
+            u -= 128;
+            v -= 128;
+            out[4 * x + 0] = uint8_t(std::clamp((l + k_bu * u) >> 16, 0, 255));
+            out[4 * x + 1] = uint8_t(std::clamp((l - k_gu * u - k_gv * v) >> 16, 0, 255));
+            out[4 * x + 2] = uint8_t(std::clamp((l + k_rv * v) >> 16, 0, 255));
+            out[4 * x + 3] = 255;
+        }
+    }
+}
+
 void copy_planes(const vesk_image& s, const vesk_image& d)
 {
     if (!image_is_yuv(s.format)) {
@@ -189,6 +224,10 @@ int to_argb(const vesk_image& s, uint8_t* argb, uint32_t stride, vesk_color_matr
     const int w = S(s.width), h = S(s.height), ds = S(stride);
     const uint8_t* p = s.plane[0];
     const int ps = S(s.stride[0]);
+    if (m == VESK_MATRIX_BT709 && image_is_yuv(s.format)) {
+        yuv709_to_argb(s, argb, stride);
+        return 0;
+    }
     switch (s.format) {
     case VESK_PIX_I420:
         return libyuv::I420ToARGBMatrix(

@@ -88,7 +88,7 @@ TEST(ImageTest, ConversionsAgreeWithFfmpegWithinTwo)
             // Back from ffmpeg's YUV into every packed format.
             const bytes back = convert(f.format, theirs, VESK_PIX_ARGB8888, m.m);
             const bytes ref = ffmpeg_raw(theirs, f.name, "bgra",
-                "scale=flags=neighbor:in_color_matrix=" + std::string(m.name) + ":in_range=" + m.range);
+                "scale=flags=neighbor+accurate_rnd+full_chroma_int:in_color_matrix=" + std::string(m.name) + ":in_range=" + m.range);
             EXPECT_LE(max_diff(back, ref, &at), 2) << tag << " to BGRA, byte " << at << ": " << int(back[at]) << " vs " << int(ref[at]);
             cases += 2;
         }
