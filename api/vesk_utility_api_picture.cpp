@@ -3,6 +3,7 @@
 #include "vesk_utility.h"
 #include "core/vesk_utility_handle.h"
 #include "core/vesk_utility_log.h"
+#include "media/vesk_utility_bmp_operate.h"
 #include "media/vesk_utility_image.h"
 #include "media/vesk_utility_jpeg.h"
 
@@ -42,6 +43,25 @@ VESK_ERR vesk_utility_jpeg_decode(const uint8_t* jpeg, uint32_t size, uint32_t d
     if (jpeg == nullptr || size == 0 || dst == nullptr)
         return VESK_ERR_INVALID_PARAM;
     return jpeg_decode(jpeg, size, denom, max_pixels, *dst);
+}
+
+} // namespace vesk_soft
+
+namespace vesk_soft
+{
+
+using namespace vesk_utility;
+
+vesk_bmp_operate* vesk_utility_new_bmp_operate(vesk_user_id usr_id, const char* name)
+{
+    VESK_REQUIRE_INIT(nullptr);
+    return VESK_REGISTER_NEW(VESK_LIST_BMP, static_cast<vesk_bmp_operate*>(new (std::nothrow) vesk_bmp_realize()),
+        usr_id, name != nullptr ? name : "");
+}
+
+VESK_ERR vesk_utility_delete_bmp_operate(vesk_bmp_operate* op, const char* file, const char* func)
+{
+    return VESK_DELETE_REGISTERED(VESK_LIST_BMP, op, file, func);
 }
 
 } // namespace vesk_soft

@@ -386,6 +386,11 @@ bool scratch_image(vesk_scratch& mem, uint32_t format, uint32_t w, uint32_t h, v
 
 } // namespace
 
+vesk_image image_rows(const vesk_image& img, uint32_t y, uint32_t rows)
+{
+    return band(img, y, rows);
+}
+
 bool image_is_yuv(uint32_t format)
 {
     return format == VESK_PIX_I420 || format == VESK_PIX_NV12 || format == VESK_PIX_NV21;

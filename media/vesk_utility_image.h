@@ -38,6 +38,8 @@ uint32_t image_row_bytes(uint32_t format, uint32_t width);
 // Known format, sides 1..k_image_max_side, the planes it uses non-NULL with strides that hold
 // a row.
 bool image_valid(const vesk_image& img);
+// Rows [y, y + rows) of img as an image of their own; y even for YUV.
+vesk_image image_rows(const vesk_image& img, uint32_t y, uint32_t rows);
 VESK_ERR image_convert(const vesk_image& src, const vesk_soft::vesk_real_rect* crop, const vesk_image& dst,
     vesk_color_matrix matrix);
 
