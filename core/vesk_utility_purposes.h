@@ -43,6 +43,7 @@ constexpr vesk_memmory_purpose k_purpose_file_cache = 0x3030;        // file ope
 constexpr vesk_memmory_purpose k_purpose_extent_scan = 0x3031;       // extent map buffer of a block open
 constexpr vesk_memmory_purpose k_purpose_picture_scratch = 0x3038;   // image conversion and codec scratch
 constexpr vesk_memmory_purpose k_purpose_bmp_bitmap = 0x3039;        // a BMP operator's pixels
+constexpr vesk_memmory_purpose k_purpose_md5_cnt = 0x3050;           // MD5 counter objects
 
 }  // namespace vesk_utility
 

@@ -12,6 +12,8 @@ packages=(
   clang libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
 )
+# Byte codecs: nettle (MD5, triple DES); the codec tests' oracles.
+packages+=(nettle-dev openssl coreutils)
 
 missing=()
 for p in "${packages[@]}"; do
