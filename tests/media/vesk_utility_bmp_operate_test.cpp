@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_mem_account.h"
 #include "media/vesk_utility_bmp_operate.h"
 #include "picture_test_util.h"
 #include "vesk_utility.h"
@@ -245,4 +247,23 @@ TEST(BmpOperateTest, DamagedAndUnsupportedFilesAreRefusedAndTheOldBitmapStays)
     uint32_t w = 0;
     ASSERT_EQ(r.get_info(&w, nullptr, nullptr), VESK_OK);
     EXPECT_EQ(w, 4u);
+}
+
+TEST(BmpOperateTest, PixelsAndScratchAreAccountedAndReturned)
+{
+    auto total = [] { return vesk_utility::vesk_ground::instance()->mem_account().total_size(); };
+    const uint32_t base = total();
+    {
+        vesk_utility::vesk_bmp_realize bmp;
+        ASSERT_EQ(bmp.create(101, 50, 24), VESK_OK);
+        EXPECT_EQ(total() - base, 304u * 50); // rows padded to 4 bytes
+        ASSERT_EQ(bmp.create(2000, 40, 1), VESK_OK); // the old bitmap is freed
+        EXPECT_EQ(total() - base, 252u * 40);
+        bytes out(vesk_utility_image_size(VESK_PIX_NV21, 2000, 40));
+        vesk_image img;
+        ASSERT_EQ(vesk_utility_image_wrap(&img, VESK_PIX_NV21, 2000, 40, out.data(), uint32_t(out.size())), VESK_OK);
+        ASSERT_EQ(bmp.read_pixels(&img), VESK_OK); // band scratch comes and goes
+        EXPECT_EQ(total() - base, 252u * 40);
+    }
+    EXPECT_EQ(total(), base);
 }
