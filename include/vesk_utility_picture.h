@@ -66,7 +66,8 @@ VESK_API VESK_ERR vesk_utility_image_wrap(
 // Converts the part `crop` of src (NULL: all of it) into dst, scaling (bilinear) when dst's size
 // differs from the crop's. `matrix` says how src's or dst's YUV relates to RGB; between two
 // YUV formats or two RGB formats it is unused (no range conversion takes place there). Alpha
-// is 0xFF (or 1) wherever the source has none. A crop must lie inside src; for a YUV src its x
+// is 0xFF (or 1) wherever the source has none. GRAY8 counts with the RGB formats (luma by
+// BT.601 weights); to or from YUV it is the luma plane, moved between the matrix's range and full. A crop must lie inside src; for a YUV src its x
 // and y must be even. src and dst must not overlap.
 VESK_API VESK_ERR vesk_utility_image_convert(
     const vesk_image* src, const vesk_real_rect* crop, vesk_image* dst, vesk_color_matrix matrix);
