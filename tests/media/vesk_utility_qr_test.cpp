@@ -102,21 +102,30 @@ TEST(QrTest, LongAndGb2312TextReadsBackAsTheOriginal)
     ASSERT_TRUE(sh("iconv -f UTF-8 -t GB2312 " + scratch("qr_utf8.txt") + " > " + scratch("qr_gb.txt")));
     const bytes gb = read_all(scratch("qr_gb.txt"));
     ASSERT_LT(gb.size(), utf8.size()); // really two bytes a character now
+    // A C library without the GB2312 converter module (the target's under qemu here) cannot
+    // take GB2312 text at all; the UTF-8 half still runs.
+    char probe[16];
+    uint32_t probe_len = 0;
+    const bool gb2312 = vesk_utility_gb2312_to_utf8("\xD6\xD0", 2, probe, sizeof(probe), &probe_len) != VESK_ERR_NOT_SUPPORT;
+    if (!gb2312)
+        printf("no GB2312 converter in this C library: GB2312 QR text not checked\n");
     for (uint32_t level = 0; level < 4; ++level) {
         const vesk_qr_param p = {level, VESK_QR_TEXT_GB2312, 4, 4, 1};
+        const vesk_qr_param as_utf8 = {level, VESK_QR_TEXT_UTF8, 4, 4, 1};
         const std::string path = scratch("qr_gb_" + std::to_string(level) + ".bmp");
+        ASSERT_EQ(vesk_utility_qr_save_bmp(utf8.data(), uint32_t(utf8.size()), &as_utf8, path.c_str()), VESK_OK);
+        EXPECT_EQ(read_lines("zbarimg -q --raw " + path), std::vector<std::string> {utf8}) << k_levels[level];
+        if (!gb2312)
+            continue;
         ASSERT_EQ(vesk_utility_qr_save_bmp(reinterpret_cast<const char*>(gb.data()), uint32_t(gb.size()), &p, path.c_str()),
             VESK_OK);
-        EXPECT_EQ(read_lines("zbarimg -q --raw " + path), std::vector<std::string> {utf8}) << k_levels[level];
-        const vesk_qr_param as_utf8 = {level, VESK_QR_TEXT_UTF8, 4, 4, 1};
-        ASSERT_EQ(vesk_utility_qr_save_bmp(utf8.data(), uint32_t(utf8.size()), &as_utf8, path.c_str()), VESK_OK);
         EXPECT_EQ(read_lines("zbarimg -q --raw " + path), std::vector<std::string> {utf8}) << k_levels[level];
     }
     const vesk_qr_param p = {VESK_QR_ECC_M, VESK_QR_TEXT_GB2312, 4, 4, 1};
     const char broken[] = {'\xD6', 'A', '\xFF', '\xFF'};
     std::vector<uint8_t> out(100000);
     EXPECT_EQ(vesk_utility_qr_encode(broken, sizeof(broken), &p, out.data(), uint32_t(out.size()), nullptr, nullptr),
-        VESK_ERR_INVALID_PARAM);
+        gb2312 ? VESK_ERR_INVALID_PARAM : VESK_ERR_NOT_SUPPORT);
 }
 
 TEST(QrTest, BitmapGeometryAndRefusals)
