@@ -7,6 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libsqlite3-dev libcurl4-openssl-dev libtinyxml-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libturbojpeg0-dev libyuv-dev libqrcodegen-dev libgeos-dev zbar-tools zxing-cpp-tools python3-pil
   ffmpeg iproute2 e2fsprogs xfsprogs xfslibs-dev libcjson-dev rapidjson-dev
   clang libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
