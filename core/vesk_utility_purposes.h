@@ -41,6 +41,8 @@ constexpr vesk_memmory_purpose k_purpose_av_readers = 0x3041;        // A/V read
 constexpr vesk_memmory_purpose k_purpose_file_name = 0x3021;         // fixed: file operators' path copies
 constexpr vesk_memmory_purpose k_purpose_file_cache = 0x3030;        // file operators' read caches
 constexpr vesk_memmory_purpose k_purpose_extent_scan = 0x3031;       // extent map buffer of a block open
+constexpr vesk_memmory_purpose k_purpose_toolnet = 0x3060;           // Toolnet object and socket tables
+constexpr vesk_memmory_purpose k_purpose_toolnet_buffer = 0x3061;    // Toolnet's receive buffer
 
 }  // namespace vesk_utility
 
