@@ -578,3 +578,46 @@ TEST_F(ToolnetTest, DebugSwitchesAndListsThroughTheTimer)
     EXPECT_EQ(vesk_utility_toolnet_close(u), VESK_OK);
     EXPECT_EQ(vesk_utility_toolnet_close(l), VESK_OK);
 }
+
+#if defined(VESK_DIAG_BIN)
+TEST_F(ToolnetTest, ConsoleListsTheUdpAndTcpSocketsThroughTheTimer)
+{
+    // The agent is polled by its timer task, first 30 s after initialisation; the console's
+    // deadline covers that many times over. The timer is client 4 on the console.
+    inbox in;
+    const vesk_toolnet_handle u = open_udp(&in, nullptr, 0, "t_console_udp");
+    const vesk_toolnet_handle l = listen_tcp(&in);
+    const vesk_toolnet_handle c = connect_tcp(&in, port_of(l));
+    ASSERT_EQ(vesk_utility_toolnet_send_to(u, "12345", 5, "127.0.0.1", port_of(u)), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return in.size() == 5 && toolnet()->open_count(VESK_TOOLNET_TCP_CONN) == 2; }));
+    const auto console = [&](const std::string& args) {
+        const std::string cmd = "timeout 240 " + std::string(VESK_DIAG_BIN) + " --socket " + vesk_test::private_root()
+            + "/usr/lib/libutility.socket " + args;
+        FILE* p = popen(cmd.c_str(), "r");
+        std::string out;
+        for (int ch; p != nullptr && (ch = fgetc(p)) != EOF;)
+            out += static_cast<char>(ch);
+        EXPECT_EQ(p != nullptr ? pclose(p) : -1, 0) << out;
+        return out;
+    };
+    char row[128];
+    const std::string udp = console("run 4 3");
+    snprintf(row, sizeof(row), "1     0x%-8x", u);
+    EXPECT_NE(udp.find("Toolnet UDP监听任务"), std::string::npos) << udp;
+    EXPECT_NE(udp.find(row), std::string::npos) << udp; // row 1 is the handle
+    EXPECT_NE(udp.find("t_console_udp"), std::string::npos) << udp;
+    snprintf(row, sizeof(row), "127.0.0.1:%-16u-", port_of(u));
+    EXPECT_NE(udp.find(row), std::string::npos) << udp; // its local address, no peer
+    EXPECT_NE(udp.find("total 1\n"), std::string::npos) << udp;
+    const std::string tcp = console("run 4 4");
+    EXPECT_NE(tcp.find("Toolnet TCP监听任务"), std::string::npos) << tcp;
+    EXPECT_NE(tcp.find("Toolnet TCP连接"), std::string::npos) << tcp;
+    snprintf(row, sizeof(row), "127.0.0.1:%u", port_of(l));
+    EXPECT_EQ(vesk_test::count_of(tcp, row), 3) << tcp; // the listener, and both ends' addresses
+    EXPECT_EQ(vesk_test::count_of(tcp, "total 1\n") + vesk_test::count_of(tcp, "total 2\n"), 2) << tcp;
+    // The agent keeps the console's connection: the baseline moves by it, not by our four.
+    m_fds = open_fds() - 4;
+    for (vesk_toolnet_handle h : {c, l, u})
+        EXPECT_EQ(vesk_utility_toolnet_close(h), VESK_OK);
+}
+#endif
