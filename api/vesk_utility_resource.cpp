@@ -25,6 +25,7 @@
 #include "sched/vesk_utility_timer.h"
 #include "sched/vesk_utility_watch_dog.h"
 #include "net/vesk_utility_url_operate.h"
+#include "net/vesk_utility_toolnet.h"
 
 namespace vesk_utility {
 
@@ -177,6 +178,9 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         m_event_manage = nullptr;
         m_watch_dog_manage = nullptr;
     }
+    // Toolnet exists in both roles; its tables and thread come with vesk_utiltiy_net_start.
+    m_toolnet = new_accounted<vesk_toolnet>(k_purpose_toolnet);
+    vesk_service<vesk_toolnet_diag>::install(m_toolnet);
     regist_diag_clients(ops);
     // The ground services poll on the timer: the agent's socket once a second (the first time
     // 30 s from now), the command client's answers every 100 ms. The proxy server, which has
@@ -216,6 +220,12 @@ vesk_utility_timer* vesk_utility_res_manage::get_timer()
 {
     VESK_ASSERT(m_timer != NULL);
     return m_timer;
+}
+
+vesk_toolnet* vesk_utility_res_manage::get_toolnet()
+{
+    VESK_ASSERT(m_toolnet != NULL);
+    return m_toolnet;
 }
 
 vesk_utility_watch_dog_manage* vesk_utility_res_manage::get_watch_dog_manage()

@@ -47,6 +47,8 @@ constexpr vesk_memmory_purpose k_purpose_md5_cnt = 0x3050;           // MD5 coun
 constexpr vesk_memmory_purpose k_purpose_url_operator = 0x3060;      // URL operator objects
 constexpr vesk_memmory_purpose k_purpose_xls_read = 0x3070;          // spreadsheet check: sector tables
 constexpr vesk_memmory_purpose k_purpose_xls_write = 0x3071;         // spreadsheet writer: cells, strings
+constexpr vesk_memmory_purpose k_purpose_toolnet = 0x3080;           // Toolnet object and socket tables
+constexpr vesk_memmory_purpose k_purpose_toolnet_buffer = 0x3081;    // Toolnet's receive buffer
 
 }  // namespace vesk_utility
 
