@@ -14,6 +14,8 @@
 namespace vesk_utility
 {
 
+class pool_fit_index;
+
 using vesk_soft::print_fn;
 using vesk_soft::VESK_CHAR;
 using vesk_soft::VESK_ERR;
@@ -168,11 +170,18 @@ private:
     const char* const m_cls;
     const uint32_t m_whole_slack;
     const bool m_little;
+    // The search structures of every chunk, in the order of the chunk list (C heap memory).
+    pool_fit_index** m_index = nullptr; // GUARDED_BY(m_lock)
+    uint32_t m_index_count = 0; // GUARDED_BY(m_lock)
+    uint32_t m_index_cap = 0; // GUARDED_BY(m_lock)
 
-    utility_pool_chunk* find_chunk(const void* ptr);
+    // The index of the chunk whose node area holds ptr, or NULL.
+    pool_fit_index* find_chunk(const void* ptr);
+    // Keeps m_index in the order of the chunk list; false when the C heap refuses.
+    bool index_room();
     utility_string_pool_mem_node* proc_find_used_node(
         const char* file, const char* func, utility_pool_chunk* chunk, const void* ptr);
-    void release_node(utility_pool_chunk* chunk, utility_string_pool_mem_node* node);
+    void release_node(pool_fit_index* index, utility_string_pool_mem_node* node);
     void dump_nodes(print_fn print);
     void dump_summary(print_fn print);
     void dump_total(print_fn print);
