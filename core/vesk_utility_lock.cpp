@@ -60,6 +60,30 @@ void join_caller(char (&dst)[k_lock_holder_size], const char* file, const char* 
     dst[n] = '\0';
 }
 
+// The joined texts of the last few callers of this thread. Callers pass string literals
+// (__FILE__, __func__), so the same pair of addresses means the same text: the join is done
+// once per call site and thread, and each acquisition copies the finished 64 bytes.
+struct caller_text {
+    const char* file;
+    const char* func;
+    char text[k_lock_holder_size];
+};
+constexpr unsigned k_caller_cache = 8;
+__attribute__((tls_model("initial-exec"))) thread_local caller_text t_callers[k_caller_cache];
+
+void copy_caller(char (&dst)[k_lock_holder_size], const char* file, const char* func)
+{
+    const uintptr_t key = reinterpret_cast<uintptr_t>(file) ^ (reinterpret_cast<uintptr_t>(func) >> 3);
+    caller_text& c = t_callers[(key ^ (key >> 7)) % k_caller_cache];
+    if (c.file != file || c.func != func || c.file == nullptr) {
+        memset(c.text, 0, sizeof(c.text));
+        join_caller(c.text, file, func);
+        c.file = file;
+        c.func = func;
+    }
+    memcpy(dst, c.text, k_lock_holder_size);
+}
+
 void set_no_usr(char (&dst)[k_lock_holder_size])
 {
     memcpy(dst, k_no_usr, strlen(k_no_usr) + 1);
@@ -153,7 +177,7 @@ void vesk_lock_realize::record(const char* op, const char* file, const char* fun
         vesk_assert_fail(__FILE__, op, __LINE__, "0");
     }
     m_lock_cnt.store(1, std::memory_order_relaxed);
-    join_caller(m_holder, file, func);
+    copy_caller(m_holder, file, func);
     m_holder_thread.store(pthread_self(), std::memory_order_relaxed);
     m_lock_time.store(time(nullptr), std::memory_order_relaxed);
 }
@@ -207,9 +231,12 @@ VESK_ERR vesk_lock_realize::unlock(const char* file, const char* func)
         VESK_LOG_ERR(k_cls_lock, "'%s' init fail!\n", m_name);
         return VESK_ERR_LOCK_NOT_INIT;
     }
-    // Exchange, not load and store: of two threads releasing the same hold, the second
-    // finds 0 and is stopped instead of unlocking the mutex twice.
-    const int32_t cnt = m_lock_cnt.exchange(0, std::memory_order_relaxed);
+    // A load and a store, not an exchange: the locked instruction would cost more than the
+    // mutex itself. A second release after the first is stopped here; two releases of one
+    // hold racing each other on two threads may both pass, as with a bare mutex.
+    const int32_t cnt = m_lock_cnt.load(std::memory_order_relaxed);
+    if (cnt == 1)
+        m_lock_cnt.store(0, std::memory_order_relaxed);
     if (cnt != 1) {
         VESK_LOG_ERR(k_cls_lock, "'%s' lock_cnt = %d, '%s %s' illegal unlock?\n", m_name, cnt, file, func);
         vesk_assert_fail(__FILE__, __func__, __LINE__, "0");
@@ -344,7 +371,7 @@ VESK_ERR vesk_rw_lock_realize::wr_lock(const char* file, const char* func)
         exit(-1);
     }
     add_cnt();
-    join_caller(m_writer, file, func);
+    copy_caller(m_writer, file, func);
     return VESK_OK;
 }
 
@@ -361,7 +388,7 @@ VESK_ERR vesk_rw_lock_realize::wr_trylock(const char* file, const char* func, un
     if (rc != 0)
         return VESK_ERR_LOCK_BUSY;
     add_cnt();
-    join_caller(m_writer, file, func);
+    copy_caller(m_writer, file, func);
     return VESK_OK;
 }
 

@@ -102,6 +102,26 @@ bool utility_pool_base::index_room()
     return true;
 }
 
+bool utility_pool_base::may_own(const void* ptr) const
+{
+    const uintptr_t p = reinterpret_cast<uintptr_t>(ptr);
+    return m_lo.load(std::memory_order_relaxed) <= p && p <= m_hi.load(std::memory_order_relaxed);
+}
+
+void utility_pool_base::update_bounds()
+{
+    uintptr_t lo = UINTPTR_MAX;
+    uintptr_t hi = 0;
+    for (uint32_t i = 0; i < m_index_count; i++) {
+        const utility_pool_chunk* c = m_index[i]->chunk();
+        const uintptr_t begin = reinterpret_cast<uintptr_t>(c->chunk_addr);
+        lo = begin < lo ? begin : lo;
+        hi = begin + c->area_size > hi ? begin + c->area_size : hi;
+    }
+    m_lo.store(lo, std::memory_order_relaxed);
+    m_hi.store(hi, std::memory_order_relaxed);
+}
+
 utility_pool_chunk* utility_pool_base::creat_chunk(bool must_succeed)
 {
     VESK_CHAR* buf = nullptr;
@@ -138,6 +158,7 @@ utility_pool_chunk* utility_pool_base::creat_chunk(bool must_succeed)
     memmove(m_index + 1, m_index, sizeof(pool_fit_index*) * m_index_count);
     m_index[0] = index;
     m_index_count++;
+    update_bounds();
     m_total_mem_size += m_chunk_size;
     return chunk;
 }
@@ -312,6 +333,7 @@ void utility_pool_base::release_node(pool_fit_index* index, pool_node* node)
         memmove(m_index + i, m_index + i + 1, sizeof(pool_fit_index*) * (m_index_count - i - 1));
         m_index_count--;
         pool_fit_index::destroy(index);
+        update_bounds();
         m_total_mem_size -= k_pool_chunk_head_size + chunk->area_size;
         heap().proc_vesk_free(__FILE__, "try_free", chunk);
     }
@@ -319,6 +341,8 @@ void utility_pool_base::release_node(pool_fit_index* index, pool_node* node)
 
 VESK_ERR utility_pool_base::try_free(const char* file, const char* func, const void* ptr)
 {
+    if (!may_own(ptr))
+        return VESK_ERR_INVALID_PARAM;
     mutex_guard guard(m_lock);
     pool_fit_index* index = find_chunk(ptr);
     if (index == nullptr)
@@ -329,6 +353,8 @@ VESK_ERR utility_pool_base::try_free(const char* file, const char* func, const v
 
 VESK_ERR utility_pool_base::get_mem_size(const char* file, const char* func, const void* ptr, unsigned& size)
 {
+    if (!may_own(ptr))
+        return VESK_ERR_INVALID_PARAM;
     mutex_guard guard(m_lock);
     pool_fit_index* index = find_chunk(ptr);
     if (index == nullptr)
