@@ -179,8 +179,8 @@ VESK_CHAR* utility_pool_base::take_node(
     utility_pool_chunk* chunk = index->chunk();
 
     pool_node* node;
-    index->drop_from_bins(best);
     if (best->mem_size <= need + k_pool_node_head_size + m_whole_slack) {
+        index->drop_from_bins(best);
         index->drop_from_directory(best);
         if (best->prev != nullptr)
             best->prev->next = best->next;
@@ -192,8 +192,7 @@ VESK_CHAR* utility_pool_base::take_node(
     } else {
         // Carve from the tail: the empty node keeps its header and its place in the list.
         const uint32_t rest = best->mem_size - need - k_pool_node_head_size;
-        best->mem_size = rest;
-        index->add_to_bins(best);
+        index->resize_in_bins(best, rest);
         node = reinterpret_cast<pool_node*>(data_of(chunk, best) + rest);
         node->mem_ofset = best->mem_ofset + rest + k_pool_node_head_size;
         node->mem_size = need;
@@ -301,12 +300,10 @@ void utility_pool_base::release_node(pool_fit_index* index, pool_node* node)
         after = after->next;
     }
     if (before != nullptr && end_of(before) == reinterpret_cast<VESK_CHAR*>(node)) {
-        index->drop_from_bins(before);
-        before->mem_size += k_pool_node_head_size + node->mem_size;
+        index->resize_in_bins(before, before->mem_size + k_pool_node_head_size + node->mem_size);
         before->next = after;
         if (after != nullptr)
             after->prev = before;
-        index->add_to_bins(before);
     } else {
         node->prev = before;
         node->next = after;

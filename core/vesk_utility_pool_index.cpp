@@ -177,6 +177,27 @@ void pool_fit_index::drop_from_bins(pool_node* node)
         clear_bit(m_class_bits, c);
 }
 
+void pool_fit_index::resize_in_bins(pool_node* node, uint32_t size)
+{
+    const uint32_t old = node->mem_size;
+    if (old >= k_bin_min && size >= k_bin_min && size_class(old) == size_class(size)) {
+        // Same class: the node keeps its place if its neighbours still order around it.
+        const uint32_t ofset = node->mem_ofset;
+        const uint32_t prev = link(ofset, 0);
+        const uint32_t next = link(ofset, 1);
+        const uint32_t ps = prev != 0 ? node_at(prev)->mem_size : 0;
+        const uint32_t ns = next != 0 ? node_at(next)->mem_size : 0;
+        if ((prev == 0 || ps < size || (ps == size && prev < ofset))
+            && (next == 0 || ns > size || (ns == size && next > ofset))) {
+            node->mem_size = size;
+            return;
+        }
+    }
+    drop_from_bins(node);
+    node->mem_size = size;
+    add_to_bins(node);
+}
+
 void pool_fit_index::add_to_directory(pool_node* node)
 {
     const uint32_t ofset = node->mem_ofset;

@@ -53,6 +53,8 @@ public:
     // its final size; drop_* while it is still linked (its prev is read) and before its size
     // changes. A node whose size changes in place is dropped from the bins and added again.
     void add_to_bins(utility_string_pool_mem_node* node);
+    // Sets the size of a binned node, moving it only when its place in the bins changes.
+    void resize_in_bins(utility_string_pool_mem_node* node, uint32_t size);
     void drop_from_bins(utility_string_pool_mem_node* node);
     void add_to_directory(utility_string_pool_mem_node* node);
     void drop_from_directory(utility_string_pool_mem_node* node);
