@@ -19,15 +19,18 @@ typedef utility_string_pool_mem_node pool_node;
 
 // Nodes below this size cannot hold the two bin links.
 constexpr uint32_t k_bin_min = 8;
-constexpr uint32_t k_max_classes = 256;
+// Classes per power of two: finer classes mean shorter bins to walk.
+constexpr uint32_t k_sl_bits = 5;
+constexpr uint32_t k_sl = 1u << k_sl_bits;
+constexpr uint32_t k_max_classes = 512;
 constexpr uint32_t k_max_buckets = 256;
 
 uint32_t size_class(uint32_t size)
 {
-    if (size < 16)
+    if (size < k_sl)
         return size;
     const uint32_t fl = 31 - static_cast<uint32_t>(__builtin_clz(size));
-    return 16 + (fl - 4) * 16 + ((size >> (fl - 4)) & 15);
+    return k_sl + (fl - k_sl_bits) * k_sl + ((size >> (fl - k_sl_bits)) & (k_sl - 1));
 }
 
 void set_bit(uint64_t* bits, uint32_t i)
@@ -40,17 +43,17 @@ void clear_bit(uint64_t* bits, uint32_t i)
     bits[i >> 6] &= ~(uint64_t(1) << (i & 63));
 }
 
-// The lowest set bit above i, or `none`.
-uint32_t next_bit(const uint64_t* bits, uint32_t i, uint32_t none)
+// The lowest set bit above i in a bitmap of `words` words, or `none`.
+uint32_t next_bit(const uint64_t* bits, uint32_t words, uint32_t i, uint32_t none)
 {
     uint32_t w = (i + 1) >> 6;
-    if (w >= 4)
+    if (w >= words)
         return none;
     uint64_t v = bits[w] & (~uint64_t(0) << ((i + 1) & 63));
     for (;;) {
         if (v != 0)
             return w * 64 + static_cast<uint32_t>(__builtin_ctzll(v));
-        if (++w == 4)
+        if (++w == words)
             return none;
         v = bits[w];
     }
@@ -83,7 +86,7 @@ pool_fit_index* pool_fit_index::create(utility_pool_chunk* chunk)
     while ((chunk->area_size >> shift) >= k_max_buckets)
         shift++;
     const uint32_t buckets = (chunk->area_size >> shift) + 1;
-    static_assert(k_max_classes <= 4 * 64 && k_max_buckets <= 4 * 64, "bitmaps of four words");
+    static_assert(k_max_classes <= 8 * 64 && k_max_buckets <= 4 * 64, "bitmap sizes");
     if (classes > k_max_classes)
         return nullptr;
     const size_t bytes = sizeof(pool_fit_index) + sizeof(uint32_t) * (classes + buckets);
@@ -258,7 +261,7 @@ pool_node* pool_fit_index::best_fit(uint32_t need) const
         if (n->mem_size >= need)
             return n;
     }
-    const uint32_t up = next_bit(m_class_bits, c, m_classes);
+    const uint32_t up = next_bit(m_class_bits, 8, c, m_classes);
     return up >= m_classes ? nullptr : node_at(m_bins[up]);
 }
 

@@ -12,7 +12,7 @@ namespace vesk_utility
 {
 
 // Two structures over the empty nodes of one chunk:
-//  - size bins: segregated lists by size class (16 classes per power of two), each sorted by
+//  - size bins: segregated lists by size class (32 classes per power of two), each sorted by
 //    (mem_size, address), linked through the first 8 bytes of the empty node's data area (two
 //    32-bit mem_ofset values, 0 for none), with a bitmap of the non-empty classes. Empty nodes
 //    of fewer than 8 bytes are only counted; the rare request they could serve walks the list.
@@ -26,8 +26,8 @@ namespace vesk_utility
 // need's own class.
 //
 // The memory comes from the C heap, not from the accounted one: the accounting shows what the
-// callers and the pools' chunks hold, and these structures are neither. About 2 KB per 256 KB
-// chunk, 0.9 KB per string-pool chunk.
+// callers and the pools' chunks hold, and these structures are neither. About 3 KB per 256 KB
+// chunk, 1.7 KB per 32 KB string-pool chunk.
 //
 // Not thread-safe: the owning pool's m_lock guards it with the chunk.
 class pool_fit_index
@@ -74,7 +74,7 @@ private:
     uint32_t m_tiny = 0; // empty nodes too small for the bin links
     uint32_t* m_bins = nullptr; // [m_classes]: mem_ofset of the first node, 0 when empty
     uint32_t* m_last = nullptr; // [m_buckets]: mem_ofset of the highest node, 0 when none
-    uint64_t m_class_bits[4] = {};
+    uint64_t m_class_bits[8] = {};
     uint64_t m_bucket_bits[4] = {};
 };
 
