@@ -318,19 +318,24 @@ vesk_rw_lock_realize::~vesk_rw_lock_realize()
 
 void vesk_rw_lock_realize::add_cnt()
 {
-    pthread_mutex_lock(&m_cnt_mutex);
-    if (m_cnt == 0)
-        m_lock_time = time(nullptr);
-    m_cnt++;
-    pthread_mutex_unlock(&m_cnt_mutex);
+    if (m_cnt.fetch_add(1, std::memory_order_relaxed) == 0)
+        m_lock_time.store(time(nullptr), std::memory_order_relaxed);
+}
+
+// REQUIRES: the write lock just taken. Every earlier holder's count update happened before
+// (through the rwlock) and no other holder is inside, so plain loads and stores suffice.
+void vesk_rw_lock_realize::add_writer(const char* file, const char* func)
+{
+    const int32_t cnt = m_cnt.load(std::memory_order_relaxed);
+    if (cnt == 0)
+        m_lock_time.store(time(nullptr), std::memory_order_relaxed);
+    m_cnt.store(cnt + 1, std::memory_order_relaxed);
+    copy_caller(m_writer, file, func);
 }
 
 int32_t vesk_rw_lock_realize::get_cnt()
 {
-    pthread_mutex_lock(&m_cnt_mutex);
-    const int32_t cnt = m_cnt;
-    pthread_mutex_unlock(&m_cnt_mutex);
-    return cnt;
+    return m_cnt.load(std::memory_order_relaxed);
 }
 
 VESK_ERR vesk_rw_lock_realize::rd_lock()
@@ -370,8 +375,7 @@ VESK_ERR vesk_rw_lock_realize::wr_lock(const char* file, const char* func)
         VESK_LOG_ERR(k_cls_rw, "'%s' is locked %d times, wr_lock usr is '%s'\n", m_name, get_cnt(), m_writer);
         exit(-1);
     }
-    add_cnt();
-    copy_caller(m_writer, file, func);
+    add_writer(file, func);
     return VESK_OK;
 }
 
@@ -387,28 +391,33 @@ VESK_ERR vesk_rw_lock_realize::wr_trylock(const char* file, const char* func, un
     }
     if (rc != 0)
         return VESK_ERR_LOCK_BUSY;
-    add_cnt();
-    copy_caller(m_writer, file, func);
+    add_writer(file, func);
     return VESK_OK;
 }
 
 VESK_ERR vesk_rw_lock_realize::unlock(const char* file, const char* func)
 {
     VESK_RW_REQUIRE_INIT();
-    pthread_mutex_lock(&m_cnt_mutex);
-    const int32_t cnt = m_cnt;
-    if (cnt < 1) {
-        pthread_mutex_unlock(&m_cnt_mutex);
-        VESK_LOG_ERR(
-            k_cls_rw, "'%s' is locked %d times, wr_lock usr is '%s' %s %s\n", m_name, cnt, m_writer, file, func);
-        exit(-1);
+    int32_t cnt = m_cnt.load(std::memory_order_relaxed);
+    for (;;) {
+        if (cnt < 1) {
+            VESK_LOG_ERR(
+                k_cls_rw, "'%s' is locked %d times, wr_lock usr is '%s' %s %s\n", m_name, cnt, m_writer, file, func);
+            exit(-1);
+        }
+        if (cnt == 1) {
+            const time_t since = m_lock_time.load(std::memory_order_relaxed);
+            m_lock_time.store(0, std::memory_order_relaxed);
+            if (m_cnt.compare_exchange_strong(cnt, 0, std::memory_order_relaxed)) {
+                set_no_usr(m_writer);
+                break;
+            }
+            // A reader came in meanwhile (its count did not start from 0): its hold keeps the time.
+            m_lock_time.store(since, std::memory_order_relaxed);
+        } else if (m_cnt.compare_exchange_weak(cnt, cnt - 1, std::memory_order_relaxed)) {
+            break;
+        }
     }
-    m_cnt = cnt - 1;
-    if (m_cnt == 0)
-        m_lock_time = 0;
-    if (cnt == 1)
-        set_no_usr(m_writer);
-    pthread_mutex_unlock(&m_cnt_mutex);
     pthread_rwlock_unlock(&m_rwlock);
     // Deliberately nonzero on success; callers ignore the result of unlock.
     return VESK_ERR_LOCK_BUSY;
@@ -416,10 +425,11 @@ VESK_ERR vesk_rw_lock_realize::unlock(const char* file, const char* func)
 
 int vesk_rw_lock_realize::get_state(char* buf, unsigned len)
 {
-    pthread_mutex_lock(&m_cnt_mutex);
-    const int32_t cnt = m_cnt;
-    const time_t since = m_lock_time;
-    pthread_mutex_unlock(&m_cnt_mutex);
+    const int32_t cnt = m_cnt.load(std::memory_order_relaxed);
+    time_t since = m_lock_time.load(std::memory_order_relaxed);
+    // A hold that has just begun or ended may show its count before its time.
+    if (since == 0)
+        since = time(nullptr);
     if (buf == nullptr || len == 0)
         return cnt;
     buf[0] = '\0';
