@@ -3,6 +3,7 @@
 // holding thread, an unlock of a free lock and the destruction of a held lock end the process.
 #include "core/vesk_utility_lock.h"
 
+#include <link.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_ground.h"
@@ -60,9 +62,63 @@ void join_caller(char (&dst)[k_lock_holder_size], const char* file, const char* 
     dst[n] = '\0';
 }
 
-// The joined texts of the last few callers of this thread. Callers pass string literals
-// (__FILE__, __func__), so the same pair of addresses means the same text: the join is done
-// once per call site and thread, and each acquisition copies the finished 64 bytes.
+// Read-only segments of the loaded objects, where string literals and __func__ live. Append
+// only: an entry is written before the count that publishes it. Objects loaded later are
+// picked up by a rescan, at most one a second.
+struct ro_range {
+    uintptr_t lo, hi;
+};
+constexpr unsigned k_max_ro = 64;
+ro_range s_ro[k_max_ro];
+std::atomic<unsigned> s_ro_count {0};
+std::atomic<time_t> s_ro_scanned {0};
+std::mutex s_ro_lock;
+
+bool in_ro(uintptr_t p)
+{
+    const unsigned n = s_ro_count.load(std::memory_order_acquire);
+    for (unsigned i = 0; i < n; i++) {
+        if (s_ro[i].lo <= p && p < s_ro[i].hi)
+            return true;
+    }
+    return false;
+}
+
+int collect_ro(dl_phdr_info* info, size_t, void*)
+{
+    for (int i = 0; i < info->dlpi_phnum; i++) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        if (ph.p_type != PT_LOAD || (ph.p_flags & PF_W) != 0)
+            continue;
+        const uintptr_t lo = info->dlpi_addr + ph.p_vaddr;
+        const unsigned n = s_ro_count.load(std::memory_order_relaxed);
+        if (in_ro(lo) || n == k_max_ro)
+            continue;
+        s_ro[n] = {lo, lo + ph.p_memsz};
+        s_ro_count.store(n + 1, std::memory_order_release);
+    }
+    return 0;
+}
+
+// True when the text at p cannot change: it lies in a read-only segment.
+bool is_immutable(const char* text)
+{
+    const uintptr_t p = reinterpret_cast<uintptr_t>(text);
+    if (in_ro(p))
+        return true;
+    const time_t now = time(nullptr);
+    if (s_ro_scanned.load(std::memory_order_relaxed) == now)
+        return false;
+    std::lock_guard<std::mutex> guard(s_ro_lock);
+    s_ro_scanned.store(now, std::memory_order_relaxed);
+    dl_iterate_phdr(collect_ro, nullptr);
+    return in_ro(p);
+}
+
+// The joined texts of the last few callers of this thread whose strings are immutable
+// (literals: __FILE__, __func__): the join is done once per call site and thread, and each
+// acquisition copies the finished 64 bytes. A text in writable memory is joined every time,
+// so the copy always shows what the caller passed.
 struct caller_text {
     const char* file;
     const char* func;
@@ -76,6 +132,10 @@ void copy_caller(char (&dst)[k_lock_holder_size], const char* file, const char* 
     const uintptr_t key = reinterpret_cast<uintptr_t>(file) ^ (reinterpret_cast<uintptr_t>(func) >> 3);
     caller_text& c = t_callers[(key ^ (key >> 7)) % k_caller_cache];
     if (c.file != file || c.func != func || c.file == nullptr) {
+        if (file == nullptr || func == nullptr || !is_immutable(file) || !is_immutable(func)) {
+            join_caller(dst, file, func);
+            return;
+        }
         memset(c.text, 0, sizeof(c.text));
         join_caller(c.text, file, func);
         c.file = file;
