@@ -187,6 +187,18 @@ uint32_t vesk_mem_account::total_size()
     return m_total;
 }
 
+uint32_t vesk_mem_account::total_of(vesk_user_id usr_id, vesk_memmory_purpose purpose)
+{
+    mutex_guard guard(m_lock);
+    uint32_t total = 0;
+    for (uintptr_t a = m_head; a != 0; a = head_at(a)->next) {
+        const vesk_mem_head* h = head_at(a);
+        if (h->caller_id == usr_id && h->purpose == purpose)
+            total += h->malloc_size2;
+    }
+    return total;
+}
+
 uint32_t vesk_mem_account::live_blocks()
 {
     mutex_guard guard(m_lock);

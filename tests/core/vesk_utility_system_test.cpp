@@ -266,7 +266,11 @@ TEST(ProcessHelperTest, PopenExAcceptsOnlyReadOrWrite)
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility::popen_ex("true", "rw", &fd, &pid));
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(-1, pid);
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_popen("true", "", &fd, &pid));
+    VESK_ERR ret = VESK_OK;
+    const std::string log = capture_stdout([&] { ret = vesk_utility_popen("true", "", &fd, &pid); });
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, ret);
+    EXPECT_THAT(log, HasSubstr("popen_ex function Failed"));
+    EXPECT_THAT(log, HasSubstr("error: popen cmd pipe fail!"));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_popen("true", "r", nullptr, &pid));
 
     ASSERT_EQ(VESK_OK, vesk_utility_popen("echo abc", "r", &fd, &pid));
