@@ -255,6 +255,10 @@ void vesk_utility_av_mng::proc_push_av_block(vesk_av_stream_list& blks, vesk_IPC
     av_blk->block = block;
     av_blk->pending_str_usr = 0xFFFFFFFF;
     av_blk->pending_snap_usr = 0xFFFFFFFF;
+    // The first measuring period starts with the stream, so that the first rate covers a
+    // whole period of it.
+    if (blks.next_blk_id == k_av_first_blk_id)
+        blks.stat.period_start = av_now();
     if (blks.head == nullptr) {
         VESK_ASSERT(blks.blk_cnt == 0);
         blks.head = av_blk;
