@@ -106,6 +106,16 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     vesk_mem_set_av_limits(0x2800000, 0x3000000);
     EXPECT_EQ(VESK_OK, av_writer_put(&mng, &w, &p4, big.data()));
     EXPECT_EQ(0u, blocks_of(mng, 3, 0).back()->lead_tag);
+    // A length whose frame (36 + length) does not fit in 32 bits is refused; nothing is written.
+    const uint32_t frames = blocks_of(mng, 3, 0).back()->node_num;
+    for (uint32_t len : {0xFFFFFFDCu, 0xFFFFFFFFu}) {
+        const _tagVeskFrameHeader huge = frame_head(5, 2, len);
+        const std::string out = vesk_test::capture_stdout(
+            [&] { EXPECT_EQ(VESK_ERR_INVALID_PARAM, av_writer_put(&mng, &w, &huge, big.data())); });
+        EXPECT_NE(out.find("frame too long!"), std::string::npos) << out;
+    }
+    EXPECT_EQ(frames, blocks_of(mng, 3, 0).back()->node_num);
+    EXPECT_EQ(4u, blocks_of(mng, 3, 0).size());
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_av_writer_init(&w, 3, VESK_AV_STREAM_MAIN, 0x91110, 512, 8));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_av_writer_init(&w, 32, VESK_AV_STREAM_MAIN, 0x9110C, 512, 8));
 }
