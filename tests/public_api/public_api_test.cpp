@@ -389,7 +389,7 @@ int main()
         char out[16];
         CHECK(vesk_utility_exe_cmd("echo api", 30000, out, sizeof(out)) == VESK_OK && strcmp(out, "api\n") == 0);
         int fd = -1, pid = -1;
-        CHECK(vesk_utility_popen("true", "x", &fd, &pid) == VESK_ERR_INVALID_PARAM && fd == -1);
+        CHECK(vesk_utility_popen("true", "x", &fd, &pid) == VESK_ERR_OPERATE_FAIL && fd == -1);
         CHECK(vesk_utility_system(nullptr) == VESK_ERR_INVALID_PARAM && vesk_utility_pclose(nullptr) == -1);
         unsigned long dog = 99;
         CHECK(vesk_utility_regist_dog(0x4242, 3600, &dog) == VESK_OK && vesk_utility_fetch_dog(dog) == VESK_OK
