@@ -181,14 +181,14 @@ void vesk_diagnose_agent::work()
             return;
         const bool ready = poll_readable(m_listen_fd, err);
         if (err != 0) {
-            VESK_LOG_ERR(k_cls, "select err = %d!\n", err);
+            VESK_LOG_ERR_REPEAT(k_cls, "select err = %d!\n", err);
             return;
         }
         if (!ready)
             return;
         const int fd = accept(m_listen_fd, nullptr, nullptr);
         if (fd < 0) {
-            VESK_LOG_WARN(k_cls, "accept fail!");
+            VESK_LOG_WARN_REPEAT(k_cls, "accept fail!");
             return;
         }
         VESK_LOG_WARN(k_cls, "accept ok!");
