@@ -28,21 +28,9 @@ TEST(LogTest, LevelsCarryTheirColourPrefixAndResetAndRepeatsAreCounted)
         int64_t ms;
         int fd;
         const char* printed;
-    } steps[] = {
-        {1000, 3, "fd 3 fail!\n"},
-        {1100, 3, ""},
-        {10000, 3, ""},
-        {19000, 3, ""},
-        {28000, 3, ""},
-        {37000, 3, ""},
-        {46000, 3, ""},
-        {55000, 3, ""},
-        {61000, 3, "last message repeated 8 times\n"},
-        {62000, 3, ""},
-        {63000, 4, "last message repeated 1 times\n|fd 4 fail!\n"},
-        {73001, 4, "fd 4 fail!\n"},
-        {73002, 4, ""},
-    };
+    } steps[] = {{1000, 3, "fd 3 fail!\n"}, {1100, 3, ""}, {10000, 3, ""}, {19000, 3, ""}, {28000, 3, ""},
+        {37000, 3, ""}, {46000, 3, ""}, {55000, 3, ""}, {61000, 3, "last message repeated 8 times\n"}, {62000, 3, ""},
+        {63000, 4, "last message repeated 1 times\n|fd 4 fail!\n"}, {73001, 4, "fd 4 fail!\n"}, {73002, 4, ""}};
     for (const auto& step : steps) {
         const std::string got = vesk_test::capture_stdout([&] {
             vesk_log_repeat_at(step.ms, site, vesk_log_level::error, "cls", "poll", 7, "fd %d fail!\n", step.fd);
