@@ -402,6 +402,16 @@ int main()
         CHECK(xml != nullptr && vesk_utility_delete_xml_operate(xml, __FILE__, __func__) == VESK_OK);
     }
 
+    // URL transfers are exported (nothing listens on port 1: a refused connection).
+    {
+        char buf[8];
+        unsigned len = 1;
+        vesk_url_operate* url = vesk_utility_new_url_operate(0x40, "api url");
+        CHECK(url != nullptr && url->download_buf("http://127.0.0.1:1/", buf, sizeof(buf), &len) == VESK_ERR_FAIL
+            && len == 0 && url->get_http_code() == 0 && vesk_utility_delete_url_operate(url, __FILE__, __func__) == VESK_OK);
+        CHECK(vesk_utility_http_get("http://127.0.0.1:1/", buf, sizeof(buf), nullptr, nullptr, 1000) == VESK_ERR_FAIL);
+    }
+
     VESK_BOOL b = 1;
     CHECK(b == 1 && VESK_FRAME_STARTCODE == 0xAB010000u && VESK_ERR_IO == 0x40120023u);
 
