@@ -234,14 +234,14 @@ unsigned vesk_diagnose_agent::work()
             return k_poll_ms;
         const bool ready = poll_readable(m_listen_fd, err);
         if (err != 0) {
-            VESK_LOG_ERR(k_cls, "select err = %d!\n", err);
+            VESK_LOG_ERR_REPEAT(k_cls, "select err = %d!\n", err);
             return k_poll_ms;
         }
         if (!ready)
             return k_poll_ms;
         const int fd = accept(m_listen_fd, nullptr, nullptr);
         if (fd < 0) {
-            VESK_LOG_WARN(k_cls, "accept fail!");
+            VESK_LOG_WARN_REPEAT(k_cls, "accept fail!");
             return k_poll_ms;
         }
         m_out = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_diag_scratch, k_out_max, 1));

@@ -423,11 +423,10 @@ VESK_ERR block_size(const char* file, const char* func, const void* p, unsigned&
 void* vesk_realloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, void* p, unsigned size, const char* file,
                    const char* func, unsigned align)
 {
-    if (p == nullptr) {
-        // realloc(NULL, 0) allocates nothing, like the C library's.
-        return size != 0 ? vesk_malloc(usr_id, purpose, size, align) : nullptr;
-    }
-    if (size == 0) {
+    if (p == nullptr && size != 0)
+        return vesk_malloc(usr_id, purpose, size, align);
+    // (NULL, 0) falls through to the size lookup, which reports the NULL block.
+    if (size == 0 && p != nullptr) {
         VESK_DBG_FN("caller_id = 0x%x, purpose = 0x%x, free old1\n", usr_id, purpose);
         vesk_free(file, func, p);
         return nullptr;

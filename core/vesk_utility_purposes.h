@@ -1,7 +1,7 @@
 // vesk_utility_purposes - every purpose code under which the layer accounts its own memory
 // (user id 0x13 unless noted), in one table so that the by-module dump names each owner
-// unambiguously. Codes marked "fixed" are part of the interface; the others are this
-// library's own choice and must stay distinct from every fixed one.
+// unambiguously. Codes marked "fixed" are part of the interface (two fixed owners may share
+// one); the others are this library's own choice and must stay distinct from every fixed one.
 #ifndef VESK_UTILITY_PURPOSES_H
 #define VESK_UTILITY_PURPOSES_H
 
@@ -16,7 +16,7 @@ constexpr vesk_memmory_purpose k_purpose_registry_nodes = 0x3001;    // fixed: h
 constexpr vesk_memmory_purpose k_purpose_lock_obj = 0x3002;          // named lock objects
 constexpr vesk_memmory_purpose k_purpose_rw_lock_obj = 0x3003;       // read-write lock objects
 constexpr vesk_memmory_purpose k_purpose_sleep_obj = 0x3004;         // interruptible sleep objects
-constexpr vesk_memmory_purpose k_purpose_thread_records = 0x3005;    // thread registry records
+constexpr vesk_memmory_purpose k_purpose_thread_records = 0x3000;    // fixed: thread registry records (as the path)
 constexpr vesk_memmory_purpose k_purpose_timer = 0x3006;             // fixed: timer task nodes, thread descriptors
 constexpr vesk_memmory_purpose k_purpose_diag_clients = 0x3007;      // diagnose agent client list and texts
 constexpr vesk_memmory_purpose k_purpose_watch_dog = 0x3008;         // fixed: watchdog records

@@ -218,7 +218,7 @@ void vesk_utility_system_client::rec_answer_msg()
 {
     named_guard guard(m_send_lock, __FILE__, "rec_answer_msg");
     if (m_connect_fd < 0) {
-        VESK_LOG_ERR(k_cls, "m_connect_fd fail!");
+        VESK_LOG_ERR_REPEAT(k_cls, "m_connect_fd fail!\n");
         return;
     }
     fd_set set;

@@ -153,15 +153,19 @@ TEST(SystemClientTest, WithoutServerTheCommandRunsHere)
     EXPECT_EQ("local\n", read_file(out));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_system(nullptr));
 
-    // A receive step without a connection says so and nothing more (a raw capture: the
+    // A receive step without a connection says so and nothing more, once per run of steps:
+    // the process's own receive task may have started the run already (a raw capture: the
     // helper drops this very message as background noise).
     auto* lonely = never_destroyed(new vesk_utility::vesk_utility_system_client((private_root() + "/none").c_str()));
     fflush(stdout);
     testing::internal::CaptureStdout();
-    lonely->rec_answer_msg();
+    for (int i = 0; i < 3; i++)
+        lonely->rec_answer_msg();
     fflush(stdout);
     const std::string step = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(step, HasSubstr(k_unconnected_client));
+    EXPECT_LE(vesk_test::count_of(step, k_unconnected_client), 1) << step;
+    EXPECT_EQ(vesk_test::count_of(step, k_unconnected_client),
+        vesk_test::count_of(step, std::string(k_unconnected_client) + "\n\e[m")) << step;
     EXPECT_EQ("", without_background_messages(step));
 }
 
