@@ -21,5 +21,6 @@
 #include "vesk_utility_watch_dog.h"
 #include "vesk_utility_xml.h"
 #include "vesk_utility_codec.h"
+#include "vesk_utility_time.h"
 
 #endif  // VESK_UTILITY_H
