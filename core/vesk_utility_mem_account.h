@@ -28,7 +28,9 @@ public:
     vesk_mem_account& operator=(const vesk_mem_account&) = delete;
 
     // A new block of `size` bytes aligned to `align` (1: none), or NULL (logged) when malloc
-    // fails.
+    // fails. A size whose block (header, trailer and alignment slack added) would not fit the
+    // 32-bit need_size field, or would wrap the target's size_t, is refused with NULL and a
+    // message instead of allocating a wrapped, too-small block.
     void* proc_vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align);
     // Frees a block from proc_vesk_malloc. REQUIRES: p came from proc_vesk_malloc and was not
     // freed; anything else is reported and ends the process.
