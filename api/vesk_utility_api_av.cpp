@@ -102,8 +102,7 @@ VESK_ERR vesk_utility_get_last_frame_head(uint32_t ivr_ch, vesk_av_stream_type t
 VESK_ERR vesk_utility_get_last_valid_I_time(
     uint32_t ivr_ch, vesk_av_stream_type stream, vesk_av_time* key_time, uint32_t* frame_sec)
 {
-    if (!av_ready())
-        return VESK_ERR_NOT_INIT;
+    VESK_AV_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     if (key_time == nullptr || frame_sec == nullptr) {
         VESK_ERR_FN("Invalid Param");
         return VESK_ERR_INVALID_PARAM;
@@ -113,8 +112,7 @@ VESK_ERR vesk_utility_get_last_valid_I_time(
 
 VESK_ERR vesk_utility_get_video_resolution(uint32_t ivr_ch, vesk_av_stream_type stream, uint32_t* width, uint32_t* height)
 {
-    if (!av_ready())
-        return VESK_ERR_NOT_INIT;
+    VESK_AV_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     if (width == nullptr || height == nullptr) {
         VESK_ERR_FN("Invalid Param");
         return VESK_ERR_INVALID_PARAM;
