@@ -246,6 +246,9 @@ VESK_ERR vesk_charset_convert(const char* from, const char* to, const char* in, 
         // The refused character: at most what is left when it is cut off at the end.
         // Into UTF-8 every character is representable, so a refusal there is a bad byte.
         size_t skip = (errno == EINVAL || is_utf8_name(to)) ? 1 : refused_char_len(from, ip, il);
+        // Some modules report a character cut off at the end after taking its bytes already.
+        if (skip > il)
+            skip = il;
         if (ol < repl_len) {
             ret = VESK_ERR_NO_RESOURCE;
             break;
