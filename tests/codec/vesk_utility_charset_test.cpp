@@ -103,6 +103,9 @@ TEST(CharsetTest, InvalidInputFailsOrIsReplacedAsAsked)
         // GBK-only 0x8140 (U+4E02) is one refused character for GB2312, not two.
         {"GBK", "GB2312", "\x81\x40" "a", VESK_ERR_OPERATE_FAIL, "?a"},
         {"UTF-8", "UTF-8", "ok\x80", VESK_ERR_OPERATE_FAIL, "ok\xEF\xBF\xBD"},
+        // Above U+10FFFF: glibc would pass it into UTF-8 unchanged (fuzzing).
+        {"UTF-8", "UTF-8", "\xF5\xB8\xAD\xADz", VESK_ERR_OPERATE_FAIL,
+            "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDz"},
         // glibc's GB2312-to-GBK module takes a cut-off first byte before reporting it (fuzzing).
         {"GB2312", "GBK", "Y\xC3", VESK_ERR_OPERATE_FAIL, "Y?"},
     };
