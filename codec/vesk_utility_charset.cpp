@@ -41,8 +41,10 @@ struct conv_cache {
     ~conv_cache()
     {
         for (slot& s : slots)
-            if (s.cd != k_no_cd)
+            if (s.cd != k_no_cd) {
                 iconv_close(s.cd);
+                s.cd = k_no_cd;  // a conversion during the thread's last destructors opens anew
+            }
     }
 };
 
