@@ -153,28 +153,16 @@ TEST(AvQueryTest, DisconnectedCamerasAndSilentStreamsAnswerNothing)
 
 TEST(AvQueryTest, ExportedQueriesReadTheProcessCache)
 {
-    vesk_av_block_writer w;
-    ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w, 29, VESK_AV_STREAM_SUB, 0x9110D, 4096, 16));
-    ASSERT_EQ(VESK_OK, vesk_utility_set_chn_connect_status(29, 1));
-    _tagVeskFrameHeader h {};
-    h.uiStartId = VESK_FRAME_STARTCODE;
-    h.uiFrameType = VESK_FRAME_TYPE_I;
-    h.uiFrameNo = 1;
-    h.uiTimeSec = 77;
-    h.uiLength = 64;
-    h.usWidth = 640;
-    h.usHeight = 360;
-    std::vector<uint8_t> payload(64);
-    ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&w, &h, payload.data()));
+    camera cam(*vesk_utility_av_mng::instance(), 29);
+    cam.put(VESK_FRAME_TYPE_I, 640, 360, 77);
     uint32_t width = 0, height = 0, sec = 0;
     vesk_av_time key {};
-    EXPECT_EQ(VESK_OK, vesk_utility_get_video_resolution(29, VESK_AV_STREAM_SUB, &width, &height));
-    EXPECT_EQ(640u, width);
-    EXPECT_EQ(360u, height);
-    EXPECT_EQ(VESK_OK, vesk_utility_get_last_valid_I_time(29, VESK_AV_STREAM_SUB, &key, &sec));
+    EXPECT_EQ(VESK_OK, vesk_utility_get_video_resolution(29, VESK_AV_STREAM_MAIN, &width, &height));
+    EXPECT_EQ(640u * 360u, width * height);
+    EXPECT_EQ(VESK_OK, vesk_utility_get_last_valid_I_time(29, VESK_AV_STREAM_MAIN, &key, &sec));
     EXPECT_EQ(77u, sec);
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_video_resolution(29, VESK_AV_STREAM_SUB, nullptr, &height));
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_last_valid_I_time(29, VESK_AV_STREAM_SUB, &key, nullptr));
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_video_resolution(40, VESK_AV_STREAM_SUB, &width, &height));
-    ASSERT_EQ(VESK_OK, vesk_utility_av_writer_close(&w));
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_video_resolution(29, VESK_AV_STREAM_MAIN, nullptr, &height));
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_last_valid_I_time(29, VESK_AV_STREAM_MAIN, &key, nullptr));
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_video_resolution(40, VESK_AV_STREAM_MAIN, &width, &height));
+    ASSERT_EQ(VESK_OK, vesk_utility_av_writer_close(&cam.w));
 }
