@@ -4,6 +4,7 @@
 #include "av/vesk_utility_av_logo.h"
 #include "av/vesk_utility_av_mng.h"
 #include "av/vesk_utility_av_note.h"
+#include "av/vesk_utility_av_query.h"
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_mem_account.h"
 #include "api/vesk_utility_resource.h"
@@ -96,6 +97,27 @@ VESK_ERR vesk_utility_get_last_frame_head(uint32_t ivr_ch, vesk_av_stream_type t
 {
     VESK_AV_REQUIRE_INIT(VESK_ERR_NOT_INIT);
     return vesk_utility_av_mng::instance()->get_last_frame_info(ivr_ch, type, header);
+}
+
+VESK_ERR vesk_utility_get_last_valid_I_time(
+    uint32_t ivr_ch, vesk_av_stream_type stream, vesk_av_time* key_time, uint32_t* frame_sec)
+{
+    VESK_AV_REQUIRE_INIT(VESK_ERR_NOT_INIT);
+    if (key_time == nullptr || frame_sec == nullptr) {
+        VESK_ERR_FN("Invalid Param");
+        return VESK_ERR_INVALID_PARAM;
+    }
+    return av_get_last_valid_I_time(vesk_utility_av_mng::instance(), ivr_ch, stream, key_time, frame_sec);
+}
+
+VESK_ERR vesk_utility_get_video_resolution(uint32_t ivr_ch, vesk_av_stream_type stream, uint32_t* width, uint32_t* height)
+{
+    VESK_AV_REQUIRE_INIT(VESK_ERR_NOT_INIT);
+    if (width == nullptr || height == nullptr) {
+        VESK_ERR_FN("Invalid Param");
+        return VESK_ERR_INVALID_PARAM;
+    }
+    return av_get_video_resolution(vesk_utility_av_mng::instance(), ivr_ch, stream, width, height);
 }
 
 VESK_ERR vesk_utility_get_frame(

@@ -1,5 +1,10 @@
 // vesk_utility_api_file - the exported wrappers that create and destroy the binary, text and
 // block file operators, each recorded on its registry list with its creator.
+#include <errno.h>
+#include <unistd.h>
+
+#include <cstring>
+
 #include "vesk_utility.h"
 #include "store/vesk_utility_block_file.h"
 #include "store/vesk_utility_file_operate.h"
@@ -45,6 +50,19 @@ vesk_block_file_operate* vesk_utility_new_block_operate(vesk_user_id usr_id, con
 VESK_ERR vesk_utility_delete_block_operate(vesk_block_file_operate* ops, const char* file, const char* func)
 {
     return VESK_DELETE_REGISTERED(VESK_LIST_BLOCK, ops, file, func);
+}
+
+VESK_ERR vesk_utility_remove_file(const char* path)
+{
+    if (path == nullptr) {
+        VESK_ERR_FN("path == NULL\n");
+        return VESK_ERR_INVALID_PARAM;
+    }
+    if (unlink(path) != 0) {
+        VESK_ERR_FN("unlink %s fail: %s\n", path, strerror(errno));
+        return VESK_ERR_REMOVE_FAIL;
+    }
+    return VESK_OK;
 }
 
 } // namespace vesk_soft

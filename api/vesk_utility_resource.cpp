@@ -48,44 +48,75 @@ T* new_accounted(vesk_memmory_purpose purpose, Args... args)
     return new (mem) T(args...);
 }
 
-// Console titles and command menus of the services (UTF-8). The number or letter at the start
-// of a help line is the parameter the client's diagnose() takes ("a" arrives as 0).
-constexpr const char* k_thread_pool_title = "诊断 线程池";
+// Console titles and command menus of the services, in GB2312, the console's character set
+// (each text is shown above its bytes). The number or letter at the start of a help line is
+// the parameter the client's diagnose() takes ("a" arrives as 0).
+// GB2312: 诊断 线程池
+constexpr const char* k_thread_pool_title = "\xD5\xEF\xB6\xCF \xCF\xDF\xB3\xCC\xB3\xD8";
 constexpr const char* k_thread_pool_help =
-    "0  打印所有线程的CPU占用\n"
-    "1  打印CPU占用不为0的线程\n"
-    "2  打印注册的线程\n";
-constexpr const char* k_string_pool_title = "诊断 字符串内存池";
-constexpr const char* k_little_pool_title = "诊断 常规小内存池";
-constexpr const char* k_av_reader_pool_title = "诊断 音视频读者跨块中转内存池";
+    // GB2312: 0  打印所有线程的CPU占用
+    "0  \xB4\xF2\xD3\xA1\xCB\xF9\xD3\xD0\xCF\xDF\xB3\xCC\xB5\xC4" "CPU\xD5\xBC\xD3\xC3\n"
+    // GB2312: 1  打印CPU占用不为0的线程
+    "1  \xB4\xF2\xD3\xA1" "CPU\xD5\xBC\xD3\xC3\xB2\xBB\xCE\xAA" "0\xB5\xC4\xCF\xDF\xB3\xCC\n"
+    // GB2312: 2  打印注册的线程
+    "2  \xB4\xF2\xD3\xA1\xD7\xA2\xB2\xE1\xB5\xC4\xCF\xDF\xB3\xCC\n";
+// GB2312: 诊断 字符串内存池
+constexpr const char* k_string_pool_title = "\xD5\xEF\xB6\xCF \xD7\xD6\xB7\xFB\xB4\xAE\xC4\xDA\xB4\xE6\xB3\xD8";
+// GB2312: 诊断 常规小内存池
+constexpr const char* k_little_pool_title = "\xD5\xEF\xB6\xCF \xB3\xA3\xB9\xE6\xD0\xA1\xC4\xDA\xB4\xE6\xB3\xD8";
+// GB2312: 诊断 音视频读者跨块中转内存池
+constexpr const char* k_av_reader_pool_title = "\xD5\xEF\xB6\xCF \xD2\xF4\xCA\xD3\xC6\xB5\xB6\xC1\xD5\xDF\xBF\xE7\xBF\xE9\xD6\xD0\xD7\xAA\xC4\xDA\xB4\xE6\xB3\xD8";
 constexpr const char* k_pool_help =
-    "1  详细信息\n"
-    "2  简要信息\n";
-constexpr const char* k_timer_title = "诊断 定时器";
+    // GB2312: 1  详细信息
+    "1  \xCF\xEA\xCF\xB8\xD0\xC5\xCF\xA2\n"
+    // GB2312: 2  简要信息
+    "2  \xBC\xF2\xD2\xAA\xD0\xC5\xCF\xA2\n";
+// GB2312: 诊断 定时器
+constexpr const char* k_timer_title = "\xD5\xEF\xB6\xCF \xB6\xA8\xCA\xB1\xC6\xF7";
 constexpr const char* k_timer_help =
-    "1  打印所有任务\n"
-    "2  打印所有线程状态\n"
-    "3  打印Toolnet UDP监听任务\n"
-    "4  打印Toolnet TCP监听任务\n"
-    "5  打开Toolnet UDP监听调试打印\n"
-    "6  关闭Toolnet UDP监听调试打印\n"
-    "7  打开Toolnet TCP监听调试打印\n"
-    "8  关闭Toolnet TCP监听调试打印\n";
-constexpr const char* k_event_title = "诊断 事件管理";
-constexpr const char* k_res_title = "诊断 中间层记录的内存、句柄等";
+    // GB2312: 1  打印所有任务
+    "1  \xB4\xF2\xD3\xA1\xCB\xF9\xD3\xD0\xC8\xCE\xCE\xF1\n"
+    // GB2312: 2  打印所有线程状态
+    "2  \xB4\xF2\xD3\xA1\xCB\xF9\xD3\xD0\xCF\xDF\xB3\xCC\xD7\xB4\xCC\xAC\n"
+    // GB2312: 3  打印Toolnet UDP监听任务
+    "3  \xB4\xF2\xD3\xA1Toolnet UDP\xBC\xE0\xCC\xFD\xC8\xCE\xCE\xF1\n"
+    // GB2312: 4  打印Toolnet TCP监听任务
+    "4  \xB4\xF2\xD3\xA1Toolnet TCP\xBC\xE0\xCC\xFD\xC8\xCE\xCE\xF1\n"
+    // GB2312: 5  打开Toolnet UDP监听调试打印
+    "5  \xB4\xF2\xBF\xAAToolnet UDP\xBC\xE0\xCC\xFD\xB5\xF7\xCA\xD4\xB4\xF2\xD3\xA1\n"
+    // GB2312: 6  关闭Toolnet UDP监听调试打印
+    "6  \xB9\xD8\xB1\xD5Toolnet UDP\xBC\xE0\xCC\xFD\xB5\xF7\xCA\xD4\xB4\xF2\xD3\xA1\n"
+    // GB2312: 7  打开Toolnet TCP监听调试打印
+    "7  \xB4\xF2\xBF\xAAToolnet TCP\xBC\xE0\xCC\xFD\xB5\xF7\xCA\xD4\xB4\xF2\xD3\xA1\n"
+    // GB2312: 8  关闭Toolnet TCP监听调试打印
+    "8  \xB9\xD8\xB1\xD5Toolnet TCP\xBC\xE0\xCC\xFD\xB5\xF7\xCA\xD4\xB4\xF2\xD3\xA1\n";
+// GB2312: 诊断 事件管理
+constexpr const char* k_event_title = "\xD5\xEF\xB6\xCF \xCA\xC2\xBC\xFE\xB9\xDC\xC0\xED";
+// GB2312: 诊断 中间层记录的内存、句柄等
+constexpr const char* k_res_title = "\xD5\xEF\xB6\xCF \xD6\xD0\xBC\xE4\xB2\xE3\xBC\xC7\xC2\xBC\xB5\xC4\xC4\xDA\xB4\xE6\xA1\xA2\xBE\xE4\xB1\xFA\xB5\xC8";
 constexpr const char* k_res_help =
-    "中间层内存分两类: 一类是通过中间层malloc申请的注册内存, 在此查询;\n"
-    "另一类是协议库申请的内存, 未注册, 在链表诊断中查询; 两者之和约为中间层占用的内存\n"
+    // GB2312: 中间层内存分两类: 一类是通过中间层malloc申请的注册内存, 在此查询;
+    "\xD6\xD0\xBC\xE4\xB2\xE3\xC4\xDA\xB4\xE6\xB7\xD6\xC1\xBD\xC0\xE0: \xD2\xBB\xC0\xE0\xCA\xC7\xCD\xA8\xB9\xFD\xD6\xD0\xBC\xE4\xB2\xE3malloc\xC9\xEA\xC7\xEB\xB5\xC4\xD7\xA2\xB2\xE1\xC4\xDA\xB4\xE6, \xD4\xDA\xB4\xCB\xB2\xE9\xD1\xAF;\n"
+    // GB2312: 另一类是协议库申请的内存, 未注册, 在链表诊断中查询; 两者之和约为中间层占用的内存
+    "\xC1\xED\xD2\xBB\xC0\xE0\xCA\xC7\xD0\xAD\xD2\xE9\xBF\xE2\xC9\xEA\xC7\xEB\xB5\xC4\xC4\xDA\xB4\xE6, \xCE\xB4\xD7\xA2\xB2\xE1, \xD4\xDA\xC1\xB4\xB1\xED\xD5\xEF\xB6\xCF\xD6\xD0\xB2\xE9\xD1\xAF; \xC1\xBD\xD5\xDF\xD6\xAE\xBA\xCD\xD4\xBC\xCE\xAA\xD6\xD0\xBC\xE4\xB2\xE3\xD5\xBC\xD3\xC3\xB5\xC4\xC4\xDA\xB4\xE6\n"
     "1  dump total size\n"
     "2  dump by module id\n"
-    "5  自动打印系统内存使用百分比和注册内存\n"
-    "6  打印malloc/new和free/delete的记录次数\n"
-    "9  打印当前物理内存使用\n"
-    "a  打印当前物理内存使用详情\n"
-    "3  打印所有锁\n"
-    "7  打印被占用的锁\n"
-    "4  打印句柄\n"
-    "8  打印JSON对象个数及其数据占用的内存\n";
+    // GB2312: 5  自动打印系统内存使用百分比和注册内存
+    "5  \xD7\xD4\xB6\xAF\xB4\xF2\xD3\xA1\xCF\xB5\xCD\xB3\xC4\xDA\xB4\xE6\xCA\xB9\xD3\xC3\xB0\xD9\xB7\xD6\xB1\xC8\xBA\xCD\xD7\xA2\xB2\xE1\xC4\xDA\xB4\xE6\n"
+    // GB2312: 6  打印malloc/new和free/delete的记录次数
+    "6  \xB4\xF2\xD3\xA1malloc/new\xBA\xCD" "free/delete\xB5\xC4\xBC\xC7\xC2\xBC\xB4\xCE\xCA\xFD\n"
+    // GB2312: 9  打印当前物理内存使用
+    "9  \xB4\xF2\xD3\xA1\xB5\xB1\xC7\xB0\xCE\xEF\xC0\xED\xC4\xDA\xB4\xE6\xCA\xB9\xD3\xC3\n"
+    // GB2312: a  打印当前物理内存使用详情
+    "a  \xB4\xF2\xD3\xA1\xB5\xB1\xC7\xB0\xCE\xEF\xC0\xED\xC4\xDA\xB4\xE6\xCA\xB9\xD3\xC3\xCF\xEA\xC7\xE9\n"
+    // GB2312: 3  打印所有锁
+    "3  \xB4\xF2\xD3\xA1\xCB\xF9\xD3\xD0\xCB\xF8\n"
+    // GB2312: 7  打印被占用的锁
+    "7  \xB4\xF2\xD3\xA1\xB1\xBB\xD5\xBC\xD3\xC3\xB5\xC4\xCB\xF8\n"
+    // GB2312: 4  打印句柄
+    "4  \xB4\xF2\xD3\xA1\xBE\xE4\xB1\xFA\n"
+    // GB2312: 8  打印JSON对象个数及其数据占用的内存
+    "8  \xB4\xF2\xD3\xA1JSON\xB6\xD4\xCF\xF3\xB8\xF6\xCA\xFD\xBC\xB0\xC6\xE4\xCA\xFD\xBE\xDD\xD5\xBC\xD3\xC3\xB5\xC4\xC4\xDA\xB4\xE6\n";
 
 struct titled_list {
     vesk_handle_list list;

@@ -25,10 +25,14 @@ namespace
 {
 
 constexpr const char* k_cls = "vesk_utility_av_mng";
-constexpr const char* k_av_title = "诊断 块数据管理";
-constexpr const char* k_av_help = "1.查看通道块使用信息\n"
-                                  "2.开启调试打印\n"
-                                  "3.关闭调试打印\n";
+// GB2312: 诊断 块数据管理
+constexpr const char* k_av_title = "\xD5\xEF\xB6\xCF \xBF\xE9\xCA\xFD\xBE\xDD\xB9\xDC\xC0\xED";
+// GB2312: 1.查看通道块使用信息
+constexpr const char* k_av_help = "1.\xB2\xE9\xBF\xB4\xCD\xA8\xB5\xC0\xBF\xE9\xCA\xB9\xD3\xC3\xD0\xC5\xCF\xA2\n"
+                                  // GB2312: 2.开启调试打印
+                                  "2.\xBF\xAA\xC6\xF4\xB5\xF7\xCA\xD4\xB4\xF2\xD3\xA1\n"
+                                  // GB2312: 3.关闭调试打印
+                                  "3.\xB9\xD8\xB1\xD5\xB5\xF7\xCA\xD4\xB4\xF2\xD3\xA1\n";
 constexpr const char* k_str_labels[k_av_str_num]
     = {"VideoStream(Main)", "VideoStream(Sub)", "AudioStream", "SmartStream"};
 

@@ -70,7 +70,8 @@ VESK_ERR vesk_3des_encrypt(const uint8_t* key, uint32_t key_len, vesk_3des_mode 
 
     uint8_t last[k_block];
     if (last_block) {  // copied before the whole blocks may overwrite an in-place input
-        memcpy(last, in + whole, rest);
+        if (rest != 0)  // an empty input may come as NULL
+            memcpy(last, in + whole, rest);
         memset(last + rest, pad == VESK_3DES_PAD_PKCS7 ? static_cast<int>(k_block - rest) : 0, k_block - rest);
     }
     des3_key k(key, key_len);

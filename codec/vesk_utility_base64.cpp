@@ -1,8 +1,8 @@
 // vesk_utility_base64 - RFC 4648 base64. Encoding looks up two output characters per 12 input
 // bits; decoding ORs four pre-shifted 24-bit values, one per input character, where a
 // character outside the alphabet sets bit 24, so one compare per group finds every bad
-// character. The tables (about 12 KiB per alphabet) are built at compile time into read-only
-// data.
+// character. The tables (8 KiB of pairs, 4 KiB of decoding values per alphabet) are built at
+// compile time into read-only data.
 #include "codec/vesk_utility_base64.h"
 
 #include <cstring>
@@ -17,18 +17,28 @@ namespace {
 
 constexpr uint32_t k_bad = 1u << 24;
 
+// 12 bits -> their two characters in the standard alphabet (8 KiB); the URL alphabet differs in
+// two characters only, which encoding swaps afterwards.
+struct b64_pairs {
+    char pair[4096][2];
+};
 struct b64_tables {
-    char pair[4096][2];    // 12 bits -> their two characters
     uint32_t dec[4][256];  // character -> its 6 bits at the group's position, or k_bad
 };
 
-constexpr b64_tables make_tables(const char (&alphabet)[65])
+constexpr b64_pairs make_pairs(const char (&alphabet)[65])
 {
-    b64_tables t{};
+    b64_pairs t{};
     for (int v = 0; v < 4096; v++) {
         t.pair[v][0] = alphabet[v >> 6];
         t.pair[v][1] = alphabet[v & 63];
     }
+    return t;
+}
+
+constexpr b64_tables make_tables(const char (&alphabet)[65])
+{
+    b64_tables t{};
     for (int pos = 0; pos < 4; pos++)
         for (int c = 0; c < 256; c++)
             t.dec[pos][c] = k_bad;
@@ -42,6 +52,7 @@ constexpr b64_tables make_tables(const char (&alphabet)[65])
 
 constexpr char k_std_alphabet[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr char k_url_alphabet[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+constexpr b64_pairs k_pairs = make_pairs(k_std_alphabet);
 constexpr b64_tables k_std = make_tables(k_std_alphabet);
 constexpr b64_tables k_url = make_tables(k_url_alphabet);
 
@@ -72,7 +83,7 @@ VESK_ERR vesk_base64_encode(const void* in, uint32_t in_len, char* out, uint32_t
             out[0] = '\0';
         return VESK_ERR_NO_RESOURCE;
     }
-    const b64_tables& t = tables_of(flags);
+    const b64_pairs& t = k_pairs;
     const unsigned char* p = static_cast<const unsigned char*>(in);
     const unsigned char* end3 = p + in_len / 3 * 3;
     char* o = out;
@@ -95,6 +106,9 @@ VESK_ERR vesk_base64_encode(const void* in, uint32_t in_len, char* out, uint32_t
         }
     }
     *o = '\0';
+    if ((flags & VESK_BASE64_URL) != 0)
+        for (char* c = out; c < o; c++)
+            *c = *c == '+' ? '-' : (*c == '/' ? '_' : *c);
     if (out_len != nullptr)
         *out_len = static_cast<uint32_t>(o - out);
     return VESK_OK;

@@ -41,8 +41,10 @@ struct conv_cache {
     ~conv_cache()
     {
         for (slot& s : slots)
-            if (s.cd != k_no_cd)
+            if (s.cd != k_no_cd) {
                 iconv_close(s.cd);
+                s.cd = k_no_cd;  // a conversion during the thread's last destructors opens anew
+            }
     }
 };
 
@@ -132,6 +134,25 @@ size_t refused_char_len(const char* from, const char* in, size_t avail)
     if (owned)
         iconv_close(cd);
     return len;
+}
+
+// Bytes of the longest well-formed UTF-8 prefix of s[0, len).
+size_t utf8_valid_prefix(const char* s, size_t len)
+{
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(s);
+    size_t i = 0;
+    while (i < len) {
+        if (p[i] < 0x80) {
+            i++;
+            continue;
+        }
+        const size_t avail = len - i;
+        const uint32_t n = vesk_utf8_char_len(p + i, avail > 4 ? 4 : static_cast<uint32_t>(avail));
+        if (n == 0)
+            break;
+        i += n;
+    }
+    return i;
 }
 
 }  // namespace
@@ -232,9 +253,23 @@ VESK_ERR vesk_charset_convert(const char* from, const char* to, const char* in, 
     char* op = out;
     size_t ol = out_size - 1;  // the NUL's byte stays free
     VESK_ERR ret = VESK_OK;
+    // glibc's UTF-8 decoder lets code points above U+10FFFF through (into UTF-8, unchanged), so
+    // UTF-8 input is handed over in well-formed runs only and checked here.
+    const bool from_utf8 = is_utf8_name(from);
     while (il > 0) {
-        if (iconv(cd, &ip, &il, &op, &ol) != k_iconv_fail)
-            break;
+        const size_t run = from_utf8 ? utf8_valid_prefix(ip, il) : il;
+        if (run > 0) {
+            size_t run_left = run;
+            const size_t r = iconv(cd, &ip, &run_left, &op, &ol);
+            il -= run - run_left;
+            if (r != k_iconv_fail) {
+                if (il == 0)
+                    break;
+                errno = EILSEQ;  // the run ended at a malformed sequence
+            }
+        } else {
+            errno = EILSEQ;
+        }
         if (errno == E2BIG) {
             ret = VESK_ERR_NO_RESOURCE;
             break;
@@ -246,6 +281,9 @@ VESK_ERR vesk_charset_convert(const char* from, const char* to, const char* in, 
         // The refused character: at most what is left when it is cut off at the end.
         // Into UTF-8 every character is representable, so a refusal there is a bad byte.
         size_t skip = (errno == EINVAL || is_utf8_name(to)) ? 1 : refused_char_len(from, ip, il);
+        // Some modules report a character cut off at the end after taking its bytes already.
+        if (skip > il)
+            skip = il;
         if (ol < repl_len) {
             ret = VESK_ERR_NO_RESOURCE;
             break;

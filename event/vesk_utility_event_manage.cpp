@@ -762,11 +762,16 @@ VESK_ERR vesk_utility_event_manage::diagnose(int para, print_fn print)
             m_schedule_pool->used(), m_schedule_pool->count(), m_filter_pool->used(), m_filter_pool->count());
         break;
     default:
-        print("1  打印活动事件\n"
-              "2  打印布防时间表\n"
-              "3  打印事件过滤\n"
-              "4  打印事件观察者\n"
-              "5  打印推送状态、有效时间和节点使用\n");
+        // GB2312: 1  打印活动事件
+        print("1  \xB4\xF2\xD3\xA1\xBB\xEE\xB6\xAF\xCA\xC2\xBC\xFE\n"
+              // GB2312: 2  打印布防时间表
+              "2  \xB4\xF2\xD3\xA1\xB2\xBC\xB7\xC0\xCA\xB1\xBC\xE4\xB1\xED\n"
+              // GB2312: 3  打印事件过滤
+              "3  \xB4\xF2\xD3\xA1\xCA\xC2\xBC\xFE\xB9\xFD\xC2\xCB\n"
+              // GB2312: 4  打印事件观察者
+              "4  \xB4\xF2\xD3\xA1\xCA\xC2\xBC\xFE\xB9\xDB\xB2\xEC\xD5\xDF\n"
+              // GB2312: 5  打印推送状态、有效时间和节点使用
+              "5  \xB4\xF2\xD3\xA1\xCD\xC6\xCB\xCD\xD7\xB4\xCC\xAC\xA1\xA2\xD3\xD0\xD0\xA7\xCA\xB1\xBC\xE4\xBA\xCD\xBD\xDA\xB5\xE3\xCA\xB9\xD3\xC3\n");
         break;
     }
     return VESK_OK;

@@ -25,5 +25,6 @@
 #include "vesk_utility_url.h"
 #include "vesk_utility_audio.h"
 #include "vesk_utility_xls.h"
+#include "vesk_utility_time.h"
 
 #endif  // VESK_UTILITY_H

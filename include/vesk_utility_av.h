@@ -296,6 +296,20 @@ VESK_API VESK_ERR vesk_utility_get_stream_stat_info(
 // Header of the stream's newest frame; all zeros while the stream is disconnected.
 VESK_API VESK_ERR vesk_utility_get_last_frame_head(
     uint32_t ivr_ch, vesk_av_stream_type type, _tagVeskFrameHeader& header);
+// The newest I frame still in the cache of recorder channel ivr_ch's main or sub stream: when
+// the writer indexed it (*key_time, the block's key time on the monotonic clock) and its
+// header's uiTimeSec (*frame_sec). A frame counts once its header is cached, even while the
+// rest of its payload is still arriving.
+// The resolution of the stream's newest frame, from its header: it follows a camera's change
+// of resolution from the first frame after it.
+// Both: VESK_ERR_INVALID_PARAM for ivr_ch > 31, another stream type or a NULL output;
+// VESK_ERR_OPERATE_FAIL (not logged: made to be polled) when the channel is marked not
+// connected (vesk_utility_set_chn_connect_status 0), the stream has sent nothing for 10 s, or
+// nothing suitable is cached.
+VESK_API VESK_ERR vesk_utility_get_last_valid_I_time(
+    uint32_t ivr_ch, vesk_av_stream_type stream, vesk_av_time* key_time, uint32_t* frame_sec);
+VESK_API VESK_ERR vesk_utility_get_video_resolution(
+    uint32_t ivr_ch, vesk_av_stream_type stream, uint32_t* width, uint32_t* height);
 // Feeds one frame into a caller-held meter; name labels the messages.
 VESK_API VESK_ERR vesk_utility_update_real_bps_info(
     const char* name, vesk_bps_real_info* info, const _tagVeskFrameHeader* header);

@@ -167,6 +167,11 @@ VESK_API VESK_ERR vesk_utility_delete_txt_operate(vesk_txt_file_operate* ops, co
 VESK_API vesk_block_file_operate* vesk_utility_new_block_operate(vesk_user_id usr_id, const char* name);
 VESK_API VESK_ERR vesk_utility_delete_block_operate(vesk_block_file_operate* ops, const char* file, const char* func);
 
+// Removes the file at path (unlink: a directory is refused). NULL: VESK_ERR_INVALID_PARAM.
+// Any failure, a missing file included: VESK_ERR_REMOVE_FAIL, logged with the errno text.
+// Needs no initialisation.
+VESK_API VESK_ERR vesk_utility_remove_file(const char* path);
+
 } // namespace vesk_soft
 
 #endif // VESK_UTILITY_FILE_H

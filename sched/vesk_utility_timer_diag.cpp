@@ -57,10 +57,14 @@ void format_time(char* buf, size_t size, uint32_t sec, uint32_t nsec)
 }
 
 const char* k_task_titles[4] = {
-    "-----------------------常规任务: 等待执行的任务--------------------------\n",
-    "-----------------------常规任务: 正在执行的任务--------------------------\n",
-    "-----------------------实时任务: 等待执行的任务--------------------------\n",
-    "-----------------------实时任务: 正在执行的任务--------------------------\n",
+    // GB2312: -----------------------常规任务: 等待执行的任务--------------------------
+    "-----------------------\xB3\xA3\xB9\xE6\xC8\xCE\xCE\xF1: \xB5\xC8\xB4\xFD\xD6\xB4\xD0\xD0\xB5\xC4\xC8\xCE\xCE\xF1--------------------------\n",
+    // GB2312: -----------------------常规任务: 正在执行的任务--------------------------
+    "-----------------------\xB3\xA3\xB9\xE6\xC8\xCE\xCE\xF1: \xD5\xFD\xD4\xDA\xD6\xB4\xD0\xD0\xB5\xC4\xC8\xCE\xCE\xF1--------------------------\n",
+    // GB2312: -----------------------实时任务: 等待执行的任务--------------------------
+    "-----------------------\xCA\xB5\xCA\xB1\xC8\xCE\xCE\xF1: \xB5\xC8\xB4\xFD\xD6\xB4\xD0\xD0\xB5\xC4\xC8\xCE\xCE\xF1--------------------------\n",
+    // GB2312: -----------------------实时任务: 正在执行的任务--------------------------
+    "-----------------------\xCA\xB5\xCA\xB1\xC8\xCE\xCE\xF1: \xD5\xFD\xD4\xDA\xD6\xB4\xD0\xD0\xB5\xC4\xC8\xCE\xCE\xF1--------------------------\n",
 };
 
 } // namespace
@@ -132,11 +136,15 @@ void vesk_utility_timer::dump_list(vesk_timer_queue* que, bool waiting, print_fn
         return;
     }
     if (waiting)
-        print("%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", "上次调用时间", "当前时间",
-            "定时间隔(ms)", "超时时间(ms)");
+        // GB2312: 编号 | 用户ID | 任务目的 | 上次调用时间 | 当前时间
+        print("%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "\xB1\xE0\xBA\xC5", "\xD3\xC3\xBB\xA7ID", "\xC8\xCE\xCE\xF1\xC4\xBF\xB5\xC4", "\xC9\xCF\xB4\xCE\xB5\xF7\xD3\xC3\xCA\xB1\xBC\xE4", "\xB5\xB1\xC7\xB0\xCA\xB1\xBC\xE4",
+            // GB2312: 定时间隔(ms) | 超时时间(ms)
+            "\xB6\xA8\xCA\xB1\xBC\xE4\xB8\xF4(ms)", "\xB3\xAC\xCA\xB1\xCA\xB1\xBC\xE4(ms)");
     else
-        print("%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", "调用时间", "当前时间",
-            "定时间隔(ms)", "已耗时(ms)");
+        // GB2312: 编号 | 用户ID | 任务目的 | 调用时间 | 当前时间
+        print("%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "\xB1\xE0\xBA\xC5", "\xD3\xC3\xBB\xA7ID", "\xC8\xCE\xCE\xF1\xC4\xBF\xB5\xC4", "\xB5\xF7\xD3\xC3\xCA\xB1\xBC\xE4", "\xB5\xB1\xC7\xB0\xCA\xB1\xBC\xE4",
+            // GB2312: 定时间隔(ms) | 已耗时(ms)
+            "\xB6\xA8\xCA\xB1\xBC\xE4\xB8\xF4(ms)", "\xD2\xD1\xBA\xC4\xCA\xB1(ms)");
     const now_stamp now = now_stamp_mono();
     char last[24];
     char cur[24];
@@ -148,11 +156,14 @@ void vesk_utility_timer::dump_list(vesk_timer_queue* que, bool waiting, print_fn
             char state[32];
             const int late = ms_since(r.due_sec, r.due_nsec, now);
             if (r.suspended)
-                snprintf(state, sizeof(state), "暂停执行");
+                // GB2312: 暂停执行
+                snprintf(state, sizeof(state), "\xD4\xDD\xCD\xA3\xD6\xB4\xD0\xD0");
             else if (late >= 0)
-                snprintf(state, sizeof(state), "超时%d", late);
+                // GB2312: 超时%d
+                snprintf(state, sizeof(state), "\xB3\xAC\xCA\xB1%d", late);
             else
-                snprintf(state, sizeof(state), "还差%d", -late);
+                // GB2312: 还差%d
+                snprintf(state, sizeof(state), "\xBB\xB9\xB2\xEE%d", -late);
             print("%-6d0x%-10x0x%-10x%-18s%-12s%-14d%-14s\n", static_cast<int>(i + 1), r.usr_id, r.purpose, last, cur,
                 static_cast<int>(r.interval), state);
         } else {
@@ -180,14 +191,18 @@ void vesk_utility_timer::dump_threads(print_fn print)
         int first, last; // groups[first..last]
     };
     const table tables[3] = {
-        {"-----------------------常规任务线程池--------------------------\n", 0, 1},
-        {"-----------------------常规任务临时工线程池--------------------------\n", 2, 2},
-        {"-----------------------实时任务线程池--------------------------\n", 3, 4},
+        // GB2312: -----------------------常规任务线程池--------------------------
+        {"-----------------------\xB3\xA3\xB9\xE6\xC8\xCE\xCE\xF1\xCF\xDF\xB3\xCC\xB3\xD8--------------------------\n", 0, 1},
+        // GB2312: -----------------------常规任务临时工线程池--------------------------
+        {"-----------------------\xB3\xA3\xB9\xE6\xC8\xCE\xCE\xF1\xC1\xD9\xCA\xB1\xB9\xA4\xCF\xDF\xB3\xCC\xB3\xD8--------------------------\n", 2, 2},
+        // GB2312: -----------------------实时任务线程池--------------------------
+        {"-----------------------\xCA\xB5\xCA\xB1\xC8\xCE\xCE\xF1\xCF\xDF\xB3\xCC\xB3\xD8--------------------------\n", 3, 4},
     };
     const now_stamp now = now_stamp_mono();
     for (const table& t : tables) {
         print("%s", t.title);
-        print("%-6s%-12s%-14s%-80s\n", "编号", "线程PID", "线程状态", "任务状态信息");
+        // GB2312: 编号 | 线程PID | 线程状态 | 任务状态信息
+        print("%-6s%-12s%-14s%-80s\n", "\xB1\xE0\xBA\xC5", "\xCF\xDF\xB3\xCCPID", "\xCF\xDF\xB3\xCC\xD7\xB4\xCC\xAC", "\xC8\xCE\xCE\xF1\xD7\xB4\xCC\xAC\xD0\xC5\xCF\xA2");
         int row = 1;
         for (int g = t.first; g <= t.last; g++) {
             for (uint32_t i = 0; i < groups[g].num; i++, row++) {
@@ -197,33 +212,42 @@ void vesk_utility_timer::dump_threads(print_fn print)
                 const uint32_t nsec = d.start_nsec;
                 char state_text[48];
                 char detail[160];
-                snprintf(detail, sizeof(detail), "上次任务: ID(0x%x、0x%x),执行时间(%d.%d),耗时(%dms),已过(%dms)",
+                // GB2312: 上次任务: ID(0x%x、0x%x),执行时间(%d.%d),耗时(%dms),已过(%dms)
+                snprintf(detail, sizeof(detail), "\xC9\xCF\xB4\xCE\xC8\xCE\xCE\xF1: ID(0x%x\xA1\xA2" "0x%x),\xD6\xB4\xD0\xD0\xCA\xB1\xBC\xE4(%d.%d),\xBA\xC4\xCA\xB1(%dms),\xD2\xD1\xB9\xFD(%dms)",
                     static_cast<unsigned>(d.usr_id), static_cast<unsigned>(d.purpose), static_cast<int>(sec),
                     static_cast<int>(nsec / 1000000), static_cast<int>(d.duration_ms), ms_since(sec, nsec, now));
                 switch (state) {
                 case VESK_TIMER_THR_NOT_STARTED:
-                    snprintf(state_text, sizeof(state_text), "未创建");
+                    // GB2312: 未创建
+                    snprintf(state_text, sizeof(state_text), "\xCE\xB4\xB4\xB4\xBD\xA8");
                     break;
                 case VESK_TIMER_THR_SLEEPING:
-                    snprintf(state_text, sizeof(state_text), "睡眠(%dms)", static_cast<int>(d.sleep_ms));
+                    // GB2312: 睡眠(%dms)
+                    snprintf(state_text, sizeof(state_text), "\xCB\xAF\xC3\xDF(%dms)", static_cast<int>(d.sleep_ms));
                     break;
                 case VESK_TIMER_THR_FETCHING:
-                    snprintf(state_text, sizeof(state_text), "等待任务");
+                    // GB2312: 等待任务
+                    snprintf(state_text, sizeof(state_text), "\xB5\xC8\xB4\xFD\xC8\xCE\xCE\xF1");
                     break;
                 case VESK_TIMER_THR_RUNNING:
-                    snprintf(state_text, sizeof(state_text), "执行任务");
-                    snprintf(detail, sizeof(detail), "当前任务: ID(0x%x、0x%x),执行时间(%d.%d),已耗时(%dms)",
+                    // GB2312: 执行任务
+                    snprintf(state_text, sizeof(state_text), "\xD6\xB4\xD0\xD0\xC8\xCE\xCE\xF1");
+                    // GB2312: 当前任务: ID(0x%x、0x%x),执行时间(%d.%d),已耗时(%dms)
+                    snprintf(detail, sizeof(detail), "\xB5\xB1\xC7\xB0\xC8\xCE\xCE\xF1: ID(0x%x\xA1\xA2" "0x%x),\xD6\xB4\xD0\xD0\xCA\xB1\xBC\xE4(%d.%d),\xD2\xD1\xBA\xC4\xCA\xB1(%dms)",
                         static_cast<unsigned>(d.usr_id), static_cast<unsigned>(d.purpose), static_cast<int>(sec),
                         static_cast<int>(nsec / 1000000), ms_since(sec, nsec, now));
                     break;
                 case VESK_TIMER_THR_RETURNED:
-                    snprintf(state_text, sizeof(state_text), "结束任务");
+                    // GB2312: 结束任务
+                    snprintf(state_text, sizeof(state_text), "\xBD\xE1\xCA\xF8\xC8\xCE\xCE\xF1");
                     break;
                 case VESK_TIMER_THR_EXITED:
-                    snprintf(state_text, sizeof(state_text), "线程已退出");
+                    // GB2312: 线程已退出
+                    snprintf(state_text, sizeof(state_text), "\xCF\xDF\xB3\xCC\xD2\xD1\xCD\xCB\xB3\xF6");
                     break;
                 default:
-                    snprintf(state_text, sizeof(state_text), "未知(0x%x)", state);
+                    // GB2312: 未知(0x%x)
+                    snprintf(state_text, sizeof(state_text), "\xCE\xB4\xD6\xAA(0x%x)", state);
                     snprintf(detail, sizeof(detail), "-");
                     break;
                 }

@@ -160,6 +160,24 @@ while IFS= read -r link; do
     ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$sysroot$target")" "$link"
 done < <(find "$sysroot" -type l -lname '/*')
 
+# ---- Character-set converters ---------------------------------------------------------------
+# iconv loads its gconv modules at run time from the directory compiled into the C library,
+# /usr/lib/arm-linux-gnueabihf/gconv; qemu-arm -L resolves that path inside the sysroot first,
+# so no GCONV_PATH is needed. The modules come from Debian's armhf C library, which must be the
+# same upstream release as the cross toolchain's (they call its private symbols).
+gconv_tmp=$state/gconv
+rm -rf "$gconv_tmp" && mkdir -p "$gconv_tmp"
+(cd "$gconv_tmp" && apt-get "${apt_opts[@]}" -qq download libc6) || die "apt-get download libc6 failed"
+cross_ver=$(dpkg-query -W -f='${Version}' libc6-armhf-cross)
+armhf_ver=$(dpkg-deb -f "$gconv_tmp"/libc6_*.deb Version)
+[ "${cross_ver%%-*}" = "${armhf_ver%%-*}" ] ||
+    die "armhf libc6 $armhf_ver is not the cross toolchain's release ($cross_ver): its gconv modules would not load"
+dpkg -x "$gconv_tmp"/libc6_*.deb "$gconv_tmp/root"
+[ -f "$gconv_tmp/root/usr/lib/$triplet/gconv/EUC-CN.so" ] || die "armhf libc6 carries no gconv modules"
+mkdir -p "$sysroot/usr/lib/$triplet"
+cp -a "$gconv_tmp/root/usr/lib/$triplet/gconv" "$sysroot/usr/lib/$triplet/"
+rm -rf "$gconv_tmp"
+
 # The toolchain's run time, where the target's dynamic loader looks for it under qemu -L.
 mkdir -p "$sysroot/lib/$triplet"
 ln -sfn "$cross_lib/ld-linux-armhf.so.3" "$sysroot/lib/ld-linux-armhf.so.3"
@@ -171,6 +189,7 @@ done
 # ---- Every library must find what it needs ---------------------------------------------------
 missing=0
 libdirs=("$sysroot/lib/$triplet" "$sysroot/usr/lib/$triplet")
+libdirs+=("$sysroot/usr/lib/$triplet/gconv")  # modules that share tables (libGB.so, ...)
 while IFS= read -r so; do
     for need in $("$triplet-readelf" -d "$so" 2>/dev/null | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
         ok=

@@ -1,13 +1,18 @@
 // vesk_diag - the console of the diagnostics socket: lists a process's diagnose clients,
 // shows a client's help and runs its numbered commands, one-shot or at an interactive prompt.
 //
-//   vesk_diag [--socket PATH | --proxy] [--timeout SEC] [list | help N | run N PARA]
+//   vesk_diag [--socket PATH | --proxy] [--timeout SEC] [--charset SET | --raw]
+//             [list | help N | run N PARA]
+//
+// The agent's texts are GB2312 (the Chinese titles and menus); they are shown converted to
+// --charset (UTF-8 unless told), or byte for byte with --raw.
 //
 // Without --socket it connects to the main application's socket under $VESK_UTILITY_ROOT
 // (--proxy: the proxy server's). The agent polls once a second, so answers start within
 // about a second; a process started less than 30 s ago has not begun polling yet. An agent
 // that sends nothing for --timeout seconds (default 60) is given up. Ctrl-C ends a running
 // command by closing the connection.
+#include <iconv.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -41,6 +46,73 @@ void on_sigint(int)
 }
 
 enum class result { ok, retry, interrupted, failed };
+
+// The agent's GB2312 text, written to standard output in the terminal's character set. A
+// character split between two answers is held until its second byte arrives; bytes that are
+// not GB2312 show as '?'.
+class text_out {
+public:
+    // charset NULL: bytes pass through unchanged.
+    bool open(const char* charset)
+    {
+        if (charset == nullptr)
+            return true;
+        m_cd = iconv_open(charset, "GB2312");
+        if (m_cd == reinterpret_cast<iconv_t>(-1)) {
+            fprintf(stderr, "vesk_diag: cannot convert GB2312 to %s: %s\n", charset, strerror(errno));
+            return false;
+        }
+        return true;
+    }
+    ~text_out()
+    {
+        if (m_cd != reinterpret_cast<iconv_t>(-1))
+            iconv_close(m_cd);
+    }
+
+    void write(const char* text, size_t len)
+    {
+        if (m_cd == reinterpret_cast<iconv_t>(-1)) {
+            fwrite(text, 1, len, stdout);
+            fflush(stdout);
+            return;
+        }
+        m_pending.append(text, len);
+        char* in = &m_pending[0];
+        size_t in_left = m_pending.size();
+        while (in_left > 0) {
+            char buf[4096];
+            char* out = buf;
+            size_t out_left = sizeof(buf);
+            const size_t r = iconv(m_cd, &in, &in_left, &out, &out_left);
+            fwrite(buf, 1, static_cast<size_t>(out - buf), stdout);
+            if (r != static_cast<size_t>(-1) || errno == E2BIG)
+                continue;
+            if (errno != EILSEQ)
+                break;  // EINVAL: the first byte of a character; the rest comes later
+            fputc('?', stdout);
+            in++;
+            in_left--;
+        }
+        m_pending.erase(0, m_pending.size() - in_left);
+        fflush(stdout);
+    }
+
+    // End of an answer: a dangling first byte will get no second one.
+    void finish()
+    {
+        for (size_t i = 0; i < m_pending.size(); i++)
+            fputc('?', stdout);
+        m_pending.clear();
+        fflush(stdout);
+    }
+
+private:
+    iconv_t m_cd = reinterpret_cast<iconv_t>(-1);
+    std::string m_pending;
+};
+
+text_out s_text;
 
 class console {
 public:
@@ -141,6 +213,7 @@ private:
                 return result::failed;
             }
             if (ans.cmd == k_diag_ans_finish) {
+                s_text.finish();
                 if (ans.seq != seq) {
                     fprintf(stderr, "vesk_diag: finish for request %u, expected %u\n", ans.seq, seq);
                     return result::failed;
@@ -155,8 +228,7 @@ private:
             if (!read_exact(text, ans.len))
                 return s_interrupted ? result::interrupted : result::failed;
             text[ans.len] = '\0';
-            fputs(text, stdout);
-            fflush(stdout);
+            s_text.write(text, strnlen(text, ans.len));
             got_text = true;
         }
     }
@@ -170,7 +242,10 @@ private:
 void usage()
 {
     fprintf(stderr,
-            "usage: vesk_diag [--socket PATH | --proxy] [--timeout SEC] [list | help N | run N PARA]\n"
+            "usage: vesk_diag [--socket PATH | --proxy] [--timeout SEC] [--charset SET | --raw]\n"
+            "                 [list | help N | run N PARA]\n"
+            "  --charset SET show the agent's GB2312 texts in SET (default UTF-8)\n"
+            "  --raw         show them as the bytes the agent sent\n"
             "  list          list the diagnose clients of the process\n"
             "  help N        title and commands of client N\n"
             "  run N PARA    run command PARA of client N (Ctrl-C stops it)\n"
@@ -210,6 +285,7 @@ int main(int argc, char** argv)
     vesk_rooted_path(path, sizeof(path), k_path_diag_socket_main);
     std::vector<std::string> words;
     int timeout_s = 60;
+    const char* charset = "UTF-8";
     for (int i = 1; i < argc; i++) {
         const std::string a = argv[i];
         if (a == "--socket" && i + 1 < argc) {
@@ -220,6 +296,10 @@ int main(int argc, char** argv)
                 usage();
                 return 2;
             }
+        } else if (a == "--charset" && i + 1 < argc) {
+            charset = argv[++i];
+        } else if (a == "--raw") {
+            charset = nullptr;
         } else if (a == "--proxy") {
             vesk_rooted_path(path, sizeof(path), k_path_diag_socket_proxy);
         } else if (a == "-h" || a == "--help") {
@@ -229,6 +309,9 @@ int main(int argc, char** argv)
             words.push_back(a);
         }
     }
+
+    if (!s_text.open(charset))
+        return 2;
 
     struct sigaction sa = {};
     sa.sa_handler = on_sigint;

@@ -26,9 +26,7 @@ inline std::string run(const std::string& cmd)
 inline void write_file(const std::string& path, const void* data, size_t len)
 {
     FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr) << path;
-    ASSERT_EQ(fwrite(data, 1, len, f), len);
-    fclose(f);
+    ASSERT_TRUE(f != nullptr && (len == 0 || fwrite(data, 1, len, f) == len) && fclose(f) == 0) << path;
 }
 
 inline std::string to_hex(const void* data, size_t len)

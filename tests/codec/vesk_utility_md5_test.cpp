@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "codec_test_util.h"
-#include "core/vesk_utility_ground.h"
 #include "test_support.h"
 #include "vesk_utility.h"
 
@@ -59,25 +58,14 @@ TEST(Md5Test, BufferFileAndCounterEqualMd5sum)
     EXPECT_EQ(memcmp(d, empty, 16), 0);
     EXPECT_EQ(cnt->update(nullptr, 1), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(cnt->final(nullptr), VESK_ERR_INVALID_PARAM);
-
-    EXPECT_EQ(vesk_utility::vesk_ground::instance()->registry().is_valid(
-                  vesk_utility::VESK_LIST_MD5, reinterpret_cast<uintptr_t>(cnt)), 1);
     EXPECT_EQ(vesk_utility_delete_md5_cnt(cnt, __FILE__, __func__), VESK_OK);
-    EXPECT_EQ(vesk_utility::vesk_ground::instance()->registry().is_valid(
-                  vesk_utility::VESK_LIST_MD5, reinterpret_cast<uintptr_t>(cnt)), 0);
 }
 
+// An upgrade image: 100 MiB, streamed.
 TEST(Md5Test, HundredMebibyteFileStreamsToMd5sum)
 {
     const std::string path = vesk_test::private_root() + "/md5_100m";
-    uint32_t seed = 0xBEEF;
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    for (int i = 0; i < 100; i++) {
-        const std::vector<unsigned char> mib = random_bytes(seed, 1 << 20);
-        ASSERT_EQ(fwrite(mib.data(), 1, mib.size(), f), mib.size());
-    }
-    fclose(f);
+    run("head -c 104857600 /dev/urandom > " + path);
     uint8_t digest[16];
     ASSERT_EQ(vesk_utility_md5_file(path.c_str(), digest), VESK_OK);
     EXPECT_EQ(to_hex(digest, 16), md5sum_of(path));
@@ -93,8 +81,6 @@ TEST(Md5Test, BadArgumentsAndMissingFilesAreRefused)
     std::string log = vesk_test::capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_md5_file("/nonexistent/image.bin", d), VESK_ERR_OPERATE_FAIL); });
     EXPECT_NE(log.find("No such file or directory"), std::string::npos) << log;
-    log = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_md5_file("/", d), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(log.find("Is a directory"), std::string::npos) << log;
 }
 
 TEST(Md5DeathTest, DeletingACounterTwiceEndsTheProcess)

@@ -451,10 +451,16 @@ TEST_F(EventTest, DiagnoseListsEventsSchedulesFiltersAndObservers)
     ASSERT_EQ(vesk_utility_set_event_arming(&motion_id, &on), VESK_OK);
     const vesk_event_type nets {VESK_EVENT_NET_EVENT, VESK_EVENT_SUB_TYPE_ANY};
     ASSERT_EQ(vesk_utility_set_event_filter(VESK_EVENT_USER_REMOTE, &nets, 1), VESK_OK);
-    const std::string out = vesk_test::capture_stdout([] {
+    const std::string gb2312 = vesk_test::capture_stdout([] {
         for (int para = 0; para <= 5; para++)
             manager()->diagnose(para, vesk_print_stdout);
     });
+    // The menu is GB2312, as the console receives it.
+    std::string out(gb2312.size() * 2 + 1, '\0');
+    uint32_t out_len = 0;
+    ASSERT_EQ(vesk_utility_gb2312_to_utf8(gb2312.data(), static_cast<uint32_t>(gb2312.size()), &out[0],
+                  static_cast<uint32_t>(out.size()), &out_len), VESK_OK);
+    out.resize(out_len);
     for (const char* want : {"1  打印活动事件\n", "active events: 1 of 160\n", "event 2/1/6 (start not told)\n",
              "main 2 sub 1 local 1 index 6\n    Sun: 00:00-24:00\n",
              "filters of remote: 1\n    type main 0x4 sub 0xffffffff\n", "observers: 1 of 20\n    slot  0 user 0x42",

@@ -33,6 +33,8 @@ void check(bool ok, const char* what)
 
 #define CHECK(expr) check((expr), #expr)
 
+int public_api_time_failures(); // public_api_time.cpp
+
 namespace
 {
 // A registered routine: names itself, then ends; the flag tells the parent it ran.
@@ -499,5 +501,6 @@ int main()
     remove_logo_files(root);
     rmdir(root);
     fprintf(stderr, "%s\n", s_failures == 0 ? "public API: all checks passed" : "public API: failures");
+    CHECK(public_api_time_failures() == 0);
     return s_failures == 0 ? 0 : 1;
 }

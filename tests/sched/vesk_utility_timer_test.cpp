@@ -557,9 +557,19 @@ TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
         VESK_OK);
 
     vesk_utility_timer* t = timer_probe::timer();
+    // The tables are GB2312, the console's character set; columns are padded in its bytes.
+    const auto convert = [](const char* from, const char* to, const std::string& text) {
+        std::string out(text.size() * 2 + 1, '\0');
+        uint32_t len = 0;
+        EXPECT_EQ(vesk_utility_charset_convert(from, to, text.data(), static_cast<uint32_t>(text.size()), &out[0],
+                      static_cast<uint32_t>(out.size()), &len, 0), VESK_OK) << text;
+        out.resize(len);
+        return out;
+    };
+    const auto gb = [&](const char* utf8) { return convert("UTF-8", "GB2312", utf8); };
     const auto dump = [&](int para) {
-        return vesk_test::without_log_messages(
-            vesk_test::capture_stdout([&] { t->diagnose(para, vesk_print_stdout); }));
+        return convert("GB2312", "UTF-8", vesk_test::without_log_messages(
+            vesk_test::capture_stdout([&] { t->diagnose(para, vesk_print_stdout); })));
     };
     // Each text in order, one after the other.
     const auto in_order = [](const std::string& out, const std::vector<std::string>& texts) {
@@ -573,11 +583,11 @@ TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
     const auto title = [](const char* name) {
         return "-----------------------" + std::string(name) + "--------------------------\n";
     };
-    const auto header = [](const char* start, const char* last) {
+    const auto header = [&](const char* start, const char* last) {
         char h[256];
-        snprintf(h, sizeof(h), "%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", "编号", "用户ID", "任务目的", start, "当前时间",
-            "定时间隔(ms)", last);
-        return std::string(h);
+        snprintf(h, sizeof(h), "%-6s%-12s%-12s%-18s%-12s%-14s%-14s\n", gb("编号").c_str(), gb("用户ID").c_str(),
+            gb("任务目的").c_str(), gb(start).c_str(), gb("当前时间").c_str(), gb("定时间隔(ms)").c_str(), gb(last).c_str());
+        return convert("GB2312", "UTF-8", h);
     };
     // The tables are only try-locked: on a busy machine a service thread may hold a list at that
     // moment, which the dump reports instead of waiting; ask again.
@@ -603,8 +613,10 @@ TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
         << tasks;
 
     const std::string threads = dump(2);
-    char h[128];
-    snprintf(h, sizeof(h), "%-6s%-12s%-14s%-80s\n", "编号", "线程PID", "线程状态", "任务状态信息");
+    char gb_h[128];
+    snprintf(gb_h, sizeof(gb_h), "%-6s%-12s%-14s%-80s\n", gb("编号").c_str(), gb("线程PID").c_str(),
+        gb("线程状态").c_str(), gb("任务状态信息").c_str());
+    const std::string h = convert("GB2312", "UTF-8", gb_h);
     EXPECT_TRUE(in_order(
         threads, {title("常规任务线程池") + h, title("常规任务临时工线程池") + h, title("实时任务线程池") + h}));
     // Five common rows and two real-time rows, the holder's showing its task.
@@ -657,6 +669,16 @@ TEST(TimerConsoleTest, AgentPolledByTheTimerAnswersTheConsole)
     for (int i = 0; i < 7; i++)
         EXPECT_EQ(idx_of(order[i]), i) << order[i] << list;
     EXPECT_EQ(vesk_test::count_of(list, "client idx = "), 7) << list;
+    // The console shows UTF-8 (above); on the wire the titles are GB2312, as iconv writes them.
+    const std::string raw = console("--raw list");
+    for (const char* title : order) {
+        FILE* p = popen(("printf '%s' '" + std::string(title) + "' | iconv -f UTF-8 -t GB2312").c_str(), "r");
+        char gb[128] = {};
+        const size_t n = p != nullptr ? fread(gb, 1, sizeof(gb) - 1, p) : 0;
+        ASSERT_TRUE(p != nullptr && pclose(p) == 0 && n > 0) << title;
+        EXPECT_NE(raw.find("  purpose = '" + std::string(gb, n) + "'"), std::string::npos) << title << raw;
+        EXPECT_EQ(raw.find(title), std::string::npos) << title;
+    }
     const int timer_idx = 4;
     const std::string help = console("help " + std::to_string(timer_idx));
     EXPECT_NE(help.find("purpose is '诊断 定时器'\n"), std::string::npos) << help;
