@@ -341,6 +341,7 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
         {"FAT sector outside the file", patched(76, {0x00, 0x10, 0x00, 0x00}), VESK_ERR_OPERATE_FAIL},
         {"directory outside the file", patched(48, {0x00, 0x00, 0x01, 0x00}), VESK_ERR_OPERATE_FAIL},
         {"stream size beyond the file", patched(512 + 4096 + 128 + 120, {0, 0, 0, 0x10}), VESK_ERR_OPERATE_FAIL},
+        {"directory name longer than its field", patched(512 + 4096 + 64, {0x06, 0x9D}), VESK_ERR_OPERATE_FAIL},
         {"cut short", bytes(file.begin(), file.begin() + 3000), VESK_ERR_OPERATE_FAIL},
         {"not a compound file", garbage, VESK_ERR_OPERATE_FAIL},
     };
