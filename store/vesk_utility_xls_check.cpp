@@ -22,6 +22,11 @@ constexpr uint16_t k_sst = 0x00FC;
 constexpr uint16_t k_continue = 0x003C;
 constexpr uint16_t k_dimensions = 0x0200;
 constexpr uint16_t k_boundsheet = 0x0085;
+constexpr uint16_t k_labelsst = 0x00FD;
+constexpr uint16_t k_rk = 0x027E;
+constexpr uint16_t k_number = 0x0203;
+constexpr uint16_t k_blank = 0x0201;
+constexpr uint16_t k_boolerr = 0x0205;
 constexpr uint16_t k_biff8 = 0x0600;
 constexpr uint16_t k_biff5 = 0x0500;
 // The smallest string of the string table: character count u16 and flags u8.
@@ -168,6 +173,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
         }
         const uint16_t type = u16_at(h);
         const uint32_t len = u16_at(h + 2);
+        uint32_t fixed = 0;
         if (len > k_max_record || static_cast<uint64_t>(pos) + 4 + len > size) {
             result->why = "record longer than the format allows or than the stream";
             return VESK_ERR_OPERATE_FAIL;
@@ -238,8 +244,26 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             }
             break;
         }
+        case k_labelsst:
+        case k_rk:
+            fixed = 10;
+            break;
+        case k_number:
+            fixed = 14;
+            break;
+        case k_blank:
+            fixed = 6;
+            break;
+        case k_boolerr:
+            fixed = 8;
+            break;
         default:
             break;
+        }
+        // Single-cell records have one size; the reading library leaks on any other.
+        if (fixed != 0 && len != fixed) {
+            result->why = "cell record of the wrong size";
+            return VESK_ERR_OPERATE_FAIL;
         }
         pos += 4 + len;
     }
