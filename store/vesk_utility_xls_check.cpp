@@ -161,6 +161,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
     uint64_t sst_unique = 0, sst_bytes = 0;
     bool in_sst = false;
     uint32_t depth = 0;  // open substreams (a chart may sit inside a sheet)
+    bool dims_here = false;  // the current substream has had its dimensions record
     // Where the sheet entries say the sheets are, and where top-level substreams begin (in
     // stream order): the reading library leaks a sheet whose substream is not where its entry
     // says, or that never ends.
@@ -201,6 +202,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             if (depth == 0 && !bof_at.push(pos))
                 return VESK_ERR_NO_RESOURCE;
             depth++;
+            dims_here = false;
             break;
         case k_eof:
             if (depth > 0)
@@ -231,6 +233,12 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
                 result->why = "short dimensions record";
                 return VESK_ERR_OPERATE_FAIL;
             }
+            // The reading library allocates a sheet's cells at each one, dropping the last.
+            if (dims_here) {
+                result->why = "a sheet with two dimensions records";
+                return VESK_ERR_OPERATE_FAIL;
+            }
+            dims_here = true;
             const uint32_t rows = biff8 ? u32_at(body + 4) : u16_at(body + 2);
             const uint32_t cols = biff8 ? u16_at(body + 10) : u16_at(body + 6);
             if (rows > 65536 || cols > 256) {

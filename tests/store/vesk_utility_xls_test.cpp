@@ -336,6 +336,7 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
         {"record longer than allowed", patched(dims + 2, {0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"sheet entry beside its sheet", patched(sheet + 4, {0x10}), VESK_ERR_OPERATE_FAIL},
         {"globals never closed", patched(globals_end, {0x99}), VESK_ERR_OPERATE_FAIL},
+        {"second dimensions record", patched(records_of(file, 0x0203).at(0), {0x00, 0x02}), VESK_ERR_OPERATE_FAIL},
         {"cell record of the wrong size", patched(records_of(file, 0x00FD).at(0) + 2, {14}), VESK_ERR_OPERATE_FAIL},
         {"BIFF4", patched(bof + 4, {0x00, 0x04}), VESK_ERR_NOT_SUPPORT},
         {"FAT sector count huge", patched(44, {0xFF, 0xFF, 0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
