@@ -10,14 +10,12 @@ namespace {
 constexpr int k_ulaw_bias = 0x84;  // added before the segment search so segment 0 is linear
 constexpr int k_ulaw_clip = 8159;  // largest 14-bit magnitude that stays below the top code
 
-// Segment of magnitude v: segments double in width, the first covers [0, first_end]; 8 when v
-// lies beyond the last one.
-inline int segment_of(int v, int first_end)
+// Segment of magnitude v: segments double in width, the first covers [0, 2^first_bits - 1];
+// 8 or more when v lies beyond the last one. One count-leading-zeros, no loop.
+inline int segment_of(int v, int first_bits)
 {
-    int seg = 0;
-    for (int end = first_end; seg < 8 && v > end; end = (end << 1) | 1)
-        seg++;
-    return seg;
+    const int bits = 32 - __builtin_clz(static_cast<unsigned>(v) | 1u);
+    return bits > first_bits ? bits - first_bits : 0;
 }
 
 int16_t alaw_decode_one(uint8_t code)
@@ -70,7 +68,7 @@ uint8_t g711_alaw_from_linear(int16_t pcm)
         mask = 0x55;
         v = -v - 1;
     }
-    const int seg = segment_of(v, 0x1F);
+    const int seg = segment_of(v, 5);
     if (seg >= 8)
         return static_cast<uint8_t>(0x7F ^ mask);
     int a = seg << 4;
@@ -91,7 +89,7 @@ uint8_t g711_ulaw_from_linear(int16_t pcm)
     if (v > k_ulaw_clip)
         v = k_ulaw_clip;
     v += k_ulaw_bias >> 2;
-    const int seg = segment_of(v, 0x3F);
+    const int seg = segment_of(v, 6);
     if (seg >= 8)
         return static_cast<uint8_t>(0x7F ^ mask);
     return static_cast<uint8_t>(((seg << 4) | ((v >> (seg + 1)) & 0x0F)) ^ mask);

@@ -185,11 +185,17 @@ VESK_ERR cfb_reader::open_stream(cfb_read_fn read, void* ctx, uint64_t file_size
     uint8_t root[k_dir_entry] = {};
     bool found = false, have_root = false;
     uint32_t cur = u32_at(h + 48);
-    for (uint32_t steps = 0; cur != k_end_of_chain && !found; steps++) {
+    // Every entry is checked, not only up to the one sought: the reading library walks them
+    // all and trusts each name's length.
+    uint8_t sought[k_dir_entry] = {};
+    for (uint32_t steps = 0; cur != k_end_of_chain; steps++) {
         if (cur >= m_fat.size() || steps >= m_file_sectors)
             return VESK_ERR_OPERATE_FAIL;
-        for (uint32_t e = 0; e < sector / k_dir_entry && !found; e++) {
+        for (uint32_t e = 0; e < sector / k_dir_entry; e++) {
             if (!read_file((static_cast<uint64_t>(cur + 1) << m_sector_shift) + e * k_dir_entry, entry, k_dir_entry))
+                return VESK_ERR_OPERATE_FAIL;
+            const uint16_t name_bytes = u16_at(entry + 64);
+            if (name_bytes > 64 || (name_bytes & 1) != 0 || entry[66] > 5)
                 return VESK_ERR_OPERATE_FAIL;
             if (!have_root) {
                 if (entry[66] != 5)
@@ -198,11 +204,15 @@ VESK_ERR cfb_reader::open_stream(cfb_read_fn read, void* ctx, uint64_t file_size
                 have_root = true;
                 continue;
             }
-            for (unsigned n = 0; n < name_count && !found; n++)
+            for (unsigned n = 0; n < name_count && !found; n++) {
                 found = entry[66] == 2 && name_is(entry, names[n]);
+                if (found)
+                    memcpy(sought, entry, k_dir_entry);
+            }
         }
         cur = m_fat[cur];
     }
+    memcpy(entry, sought, k_dir_entry);
     if (!found)
         return VESK_ERR_OPERATE_FAIL;
     const uint32_t start = u32_at(entry + 116);

@@ -22,6 +22,11 @@ constexpr uint16_t k_sst = 0x00FC;
 constexpr uint16_t k_continue = 0x003C;
 constexpr uint16_t k_dimensions = 0x0200;
 constexpr uint16_t k_boundsheet = 0x0085;
+constexpr uint16_t k_labelsst = 0x00FD;
+constexpr uint16_t k_rk = 0x027E;
+constexpr uint16_t k_number = 0x0203;
+constexpr uint16_t k_blank = 0x0201;
+constexpr uint16_t k_boolerr = 0x0205;
 constexpr uint16_t k_biff8 = 0x0600;
 constexpr uint16_t k_biff5 = 0x0500;
 // The smallest string of the string table: character count u16 and flags u8.
@@ -156,6 +161,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
     uint64_t sst_unique = 0, sst_bytes = 0;
     bool in_sst = false;
     uint32_t depth = 0;  // open substreams (a chart may sit inside a sheet)
+    bool dims_here = false;  // the current substream has had its dimensions record
     // Where the sheet entries say the sheets are, and where top-level substreams begin (in
     // stream order): the reading library leaks a sheet whose substream is not where its entry
     // says, or that never ends.
@@ -168,6 +174,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
         }
         const uint16_t type = u16_at(h);
         const uint32_t len = u16_at(h + 2);
+        uint32_t fixed = 0;
         if (len > k_max_record || static_cast<uint64_t>(pos) + 4 + len > size) {
             result->why = "record longer than the format allows or than the stream";
             return VESK_ERR_OPERATE_FAIL;
@@ -195,6 +202,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             if (depth == 0 && !bof_at.push(pos))
                 return VESK_ERR_NO_RESOURCE;
             depth++;
+            dims_here = false;
             break;
         case k_eof:
             if (depth > 0)
@@ -225,6 +233,12 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
                 result->why = "short dimensions record";
                 return VESK_ERR_OPERATE_FAIL;
             }
+            // The reading library allocates a sheet's cells at each one, dropping the last.
+            if (dims_here) {
+                result->why = "a sheet with two dimensions records";
+                return VESK_ERR_OPERATE_FAIL;
+            }
+            dims_here = true;
             const uint32_t rows = biff8 ? u32_at(body + 4) : u16_at(body + 2);
             const uint32_t cols = biff8 ? u16_at(body + 10) : u16_at(body + 6);
             if (rows > 65536 || cols > 256) {
@@ -238,8 +252,26 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             }
             break;
         }
+        case k_labelsst:
+        case k_rk:
+            fixed = 10;
+            break;
+        case k_number:
+            fixed = 14;
+            break;
+        case k_blank:
+            fixed = 6;
+            break;
+        case k_boolerr:
+            fixed = 8;
+            break;
         default:
             break;
+        }
+        // Single-cell records have one size; the reading library leaks on any other.
+        if (fixed != 0 && len != fixed) {
+            result->why = "cell record of the wrong size";
+            return VESK_ERR_OPERATE_FAIL;
         }
         pos += 4 + len;
     }

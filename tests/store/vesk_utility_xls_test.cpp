@@ -2,6 +2,7 @@
 // xlwt's workbooks read by us as xlrd reads them; hostile and oversize files refused before
 // anything large is allocated; the format's limits; overwritten and unordered cells.
 #include <gtest/gtest.h>
+#include <iconv.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -153,6 +154,25 @@ VESK_ERR open_under_address_cap(const std::string& path)
 }
 #endif
 
+// Whether this process's C library can convert character sets: FreeXL decodes every string
+// through iconv, and GB2312 text needs it too. A target run under qemu-user has no gconv
+// modules for its C library; the board has them.
+bool have_iconv()
+{
+    iconv_t cd = iconv_open("UTF-8", "UTF-16LE");
+    if (cd == reinterpret_cast<iconv_t>(-1))
+        return false;
+    iconv_close(cd);
+    cd = iconv_open("UTF-8", "GB2312");
+    if (cd == reinterpret_cast<iconv_t>(-1))
+        return false;
+    iconv_close(cd);
+    return true;
+}
+#define VESK_NEEDS_ICONV()                                                                                           \
+    if (!have_iconv())                                                                                                \
+    GTEST_SKIP() << "no character-set converters for this C library (a target build under qemu)"
+
 const char k_gb_event[] = "\xca\xc2\xbc\xfe";   // "事件" in GB2312
 const char k_gb_empty[] = "\xbf\xd5";           // "空"
 
@@ -162,6 +182,7 @@ TEST(XlsTest, LargeWorkbookReadsIdenticallyInXlrdXls2csvAndOurReader)
 {
     if (!have_python_module("xlrd"))
         GTEST_SKIP() << "python3-xlrd is missing";
+    VESK_NEEDS_ICONV();
     const std::string path = tmp("big.xls");
     vesk_xls_operate* op = vesk_utility_new_xls_operate(0x65, "xls big");
     ASSERT_NE(op, nullptr);
@@ -237,6 +258,7 @@ TEST(XlsTest, XlwtWorkbooksReadAsXlrdReadsThem)
 {
     if (!have_python_module("xlwt") || !have_python_module("xlrd"))
         GTEST_SKIP() << "python3-xlwt or python3-xlrd is missing";
+    VESK_NEEDS_ICONV();
     const std::string path = tmp("xlwt.xls"), script = tmp("xlwt_make.py");
     std::ofstream(script) << "import sys, xlwt\n"
                              "b = xlwt.Workbook(encoding='utf-8')\n"
@@ -314,11 +336,14 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
         {"record longer than allowed", patched(dims + 2, {0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"sheet entry beside its sheet", patched(sheet + 4, {0x10}), VESK_ERR_OPERATE_FAIL},
         {"globals never closed", patched(globals_end, {0x99}), VESK_ERR_OPERATE_FAIL},
+        {"second dimensions record", patched(records_of(file, 0x0203).at(0), {0x00, 0x02}), VESK_ERR_OPERATE_FAIL},
+        {"cell record of the wrong size", patched(records_of(file, 0x00FD).at(0) + 2, {14}), VESK_ERR_OPERATE_FAIL},
         {"BIFF4", patched(bof + 4, {0x00, 0x04}), VESK_ERR_NOT_SUPPORT},
         {"FAT sector count huge", patched(44, {0xFF, 0xFF, 0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"FAT sector outside the file", patched(76, {0x00, 0x10, 0x00, 0x00}), VESK_ERR_OPERATE_FAIL},
         {"directory outside the file", patched(48, {0x00, 0x00, 0x01, 0x00}), VESK_ERR_OPERATE_FAIL},
         {"stream size beyond the file", patched(512 + 4096 + 128 + 120, {0, 0, 0, 0x10}), VESK_ERR_OPERATE_FAIL},
+        {"directory name longer than its field", patched(512 + 4096 + 64, {0x06, 0x9D}), VESK_ERR_OPERATE_FAIL},
         {"cut short", bytes(file.begin(), file.begin() + 3000), VESK_ERR_OPERATE_FAIL},
         {"not a compound file", garbage, VESK_ERR_OPERATE_FAIL},
     };
@@ -328,7 +353,9 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
         write_file(bad, c.file);
         EXPECT_EQ(op->open_read(bad.c_str(), 0, 0), c.want);
     }
-    EXPECT_EQ(op->open_read(good.c_str(), 0, 0), VESK_OK);
+    if (have_iconv()) {
+        EXPECT_EQ(op->open_read(good.c_str(), 0, 0), VESK_OK);
+    }
     EXPECT_EQ(op->open_read(good.c_str(), static_cast<uint32_t>(file.size() - 1), 0), VESK_ERR_NO_RESOURCE);
     EXPECT_EQ(op->open_read(good.c_str(), 0, 3), VESK_ERR_NO_RESOURCE);  // a 2 x 2 area is 4 cells
     EXPECT_EQ(op->open_read(tmp("missing.xls").c_str(), 0, 0), VESK_ERR_OPERATE_FAIL);
@@ -375,7 +402,9 @@ TEST(XlsTest, FormatLimitsAreEnforcedWithClearErrors)
     const char* bad_utf8[] = {"\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "abc\xe4\xb8", "\x80"};
     for (const char* t : bad_utf8)
         EXPECT_EQ(op->set_text(0, 0, 0, t, VESK_XLS_UTF8), VESK_ERR_INVALID_PARAM);
-    EXPECT_EQ(op->set_text(0, 0, 0, "\xca", VESK_XLS_GB2312), VESK_ERR_INVALID_PARAM);  // half a character
+    if (have_iconv()) {
+        EXPECT_EQ(op->set_text(0, 0, 0, "\xca", VESK_XLS_GB2312), VESK_ERR_INVALID_PARAM);  // half a character
+    }
     EXPECT_EQ(op->set_text(0, 0, 0, "x", static_cast<vesk_xls_charset>(7)), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(op->save(tmp("limits.xls").c_str()), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_xls_operate(op, __FILE__, __func__), VESK_OK);
@@ -403,7 +432,9 @@ TEST(XlsTest, CellsInAnyOrderAndOverwrittenKeepTheLastValue)
     ASSERT_EQ(vesk_utility_delete_xls_operate(op, __FILE__, __func__), VESK_OK);
     const std::string want = "S\tA\t10\t4\nC\t0\t3\tN\t3.5\nC\t2\t1\tT\tlater\nC\t9\t0\tN\t2\n"
                              "S\tB\t6\t6\nC\t5\t5\tT\tb last\n";
-    EXPECT_EQ(our_dump(path), want);
+    if (have_iconv()) {
+        EXPECT_EQ(our_dump(path), want);
+    }
     if (have_python_module("xlrd")) {
         EXPECT_EQ(xlrd_dump(path), want);
     }
@@ -427,14 +458,16 @@ TEST(XlsTest, AWorkbookPastSevenMegabytesNeedsTheFatIndexSectors)
     ASSERT_GE(file.size(), 512u);
     EXPECT_GT(file[44] | (file[45] << 8), 109);  // FAT sectors
     EXPECT_EQ(file[72], 1);                      // DIFAT sectors
-    ASSERT_EQ(op->open_read(path.c_str(), 16u << 20, 0), VESK_OK);
-    vesk_xls_cell_type t;
-    double v = 0;
-    char text[8];
-    for (uint32_t r : {0u, 40000u, 65535u}) {
-        ASSERT_EQ(op->get_cell(0, r, 6, &t, &v, text, sizeof(text)), VESK_OK);
-        EXPECT_EQ(t, VESK_XLS_CELL_NUMBER);
-        EXPECT_EQ(v, r * 7.0 + 6) << r;
+    if (have_iconv()) {
+        ASSERT_EQ(op->open_read(path.c_str(), 16u << 20, 0), VESK_OK);
+        vesk_xls_cell_type t;
+        double v = 0;
+        char text[8];
+        for (uint32_t r : {0u, 40000u, 65535u}) {
+            ASSERT_EQ(op->get_cell(0, r, 6, &t, &v, text, sizeof(text)), VESK_OK);
+            EXPECT_EQ(t, VESK_XLS_CELL_NUMBER);
+            EXPECT_EQ(v, r * 7.0 + 6) << r;
+        }
     }
     EXPECT_EQ(vesk_utility_delete_xls_operate(op, __FILE__, __func__), VESK_OK);
     if (have_python_module("xlrd")) {
