@@ -412,7 +412,8 @@ void expect_chunks_sound(const void* any)
         std::vector<const char*> empties;
         for (uint32_t ofset = NH; ofset <= chunk->area_size;) {
             const auto* n = reinterpret_cast<const utility_string_pool_mem_node*>(chunk->chunk_addr + ofset - NH);
-            ASSERT_EQ(n->mem_ofset, ofset);
+            const uint32_t n_ofset = n->mem_ofset; // string headers are unaligned: read by value
+            ASSERT_EQ(n_ofset, ofset);
             if (n->magic_0 != k_pool_magic_0)
                 empties.push_back(chunk->chunk_addr + ofset);
             ofset += n->mem_size + NH;
@@ -422,7 +423,8 @@ void expect_chunks_sound(const void* any)
         std::vector<const char*> listed;
         const utility_string_pool_mem_node* prev = nullptr;
         for (const auto* n = chunk->empty_head; n != nullptr; prev = n, n = n->next) {
-            ASSERT_EQ(n->prev, prev);
+            const utility_string_pool_mem_node* n_prev = n->prev;
+            ASSERT_EQ(n_prev, prev);
             if (prev != nullptr) {
                 EXPECT_LT(end_of_node(prev), reinterpret_cast<const char*>(n));
             }
