@@ -33,7 +33,14 @@ void* vesk_utility_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, uns
 void* vesk_utility_calloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned count, unsigned size)
 {
     VESK_REQUIRE_INIT(nullptr);
-    const unsigned bytes = count * size;
+    // The product is checked: a wrapped one would hand out a block smaller than count elements.
+    const uint64_t wide = uint64_t{count} * size;
+    if (wide > UINT32_MAX) {
+        VESK_ERR_FN("caller_id = 0x%x, purpose = 0x%x, count = %u, size = %u, too large!\n", usr_id, purpose, count,
+                    size);
+        return nullptr;
+    }
+    const unsigned bytes = static_cast<unsigned>(wide);
     void* p = vesk_malloc(usr_id, purpose, bytes, 1);
     if (p != nullptr)
         memset(p, 0, bytes);

@@ -52,10 +52,8 @@ VESK_ERR vesk_utility_popen(const char* cmd, const char* type, int* fd, int* pid
         VESK_ERR_FN("error: invalid param");
         return VESK_ERR_INVALID_PARAM;
     }
-    const VESK_ERR ret = popen_ex(cmd, type, fd, pid);
-    if (ret == VESK_ERR_INVALID_PARAM)
-        return ret;
-    if (ret != VESK_OK) {
+    // Every refusal of popen_ex, a bad type included, is reported as the pipe failing.
+    if (popen_ex(cmd, type, fd, pid) != VESK_OK) {
         VESK_ERR_FN("popen_ex function Failed");
         VESK_ERR_FN("error: popen cmd pipe fail!");
         return VESK_ERR_OPERATE_FAIL;

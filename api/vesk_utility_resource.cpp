@@ -24,6 +24,7 @@
 #include "core/vesk_utility_system.h"
 #include "sched/vesk_utility_timer.h"
 #include "sched/vesk_utility_watch_dog.h"
+#include "net/vesk_utility_url_operate.h"
 #include "net/vesk_utility_toolnet.h"
 
 namespace vesk_utility {
@@ -157,6 +158,11 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         VESK_ASSERT(0);
     }
     ground->install_services(diagnose, system_client);
+    // libcurl keeps the allocator of its first global init: every byte it takes from here on
+    // is accounted (user 0x83, purpose 0x130400); the init after it only counts a reference.
+    const int curl_rc = vesk_url_install_allocator();
+    if (curl_rc != 0)
+        VESK_ERR_FN("curl_global_init_mem fail, rc = %d: libcurl's heap is not accounted\n", curl_rc);
     curl_global_init(CURL_GLOBAL_ALL);
     if (ops == VESK_UTILITY_OPS_MAIN_APP) {
         m_timer = new_accounted<vesk_utility_timer>(k_purpose_timer);

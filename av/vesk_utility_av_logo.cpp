@@ -2,6 +2,7 @@
 #include "av/vesk_utility_av_logo.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -106,9 +107,23 @@ void vesk_logo_table::load(const char* root)
             close(fd);
             continue;
         }
-        auto* frame = static_cast<uint8_t*>(len <= 0xFFFFFFFFu - sizeof(_tagVeskFrameHeader)
-                ? vesk_malloc(VESK_USER_UTILITY, k_purpose_logo, len + sizeof(_tagVeskFrameHeader), 4)
-                : nullptr);
+        // The length field is believed only as far as the file and the maximum go, before any
+        // allocation: a lying field must cost neither a huge block nor the start-up.
+        struct stat st;
+        if (fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(k_nvr_head_size)
+            || len > static_cast<uint64_t>(st.st_size) - k_nvr_head_size) {
+            VESK_LOG_ERR(k_cls, "[Load Logo Frame] Read %s Logo Frame Failed\n", path);
+            close(fd);
+            continue;
+        }
+        if (len > k_logo_max_payload) {
+            VESK_LOG_ERR(k_cls, "[Load Logo Frame] Path %s Logo Frame Length %u Over %u\n", path, len,
+                k_logo_max_payload);
+            close(fd);
+            continue;
+        }
+        auto* frame = static_cast<uint8_t*>(
+            vesk_malloc(VESK_USER_UTILITY, k_purpose_logo, len + sizeof(_tagVeskFrameHeader), 4));
         if (frame == nullptr) {
             VESK_LOG_ERR(k_cls, "[Load Logo Frame] Path %s Malloc Logo Frame Buffer Failed\n", path);
             close(fd);

@@ -17,6 +17,8 @@ constexpr uint32_t k_nvr_width_off = 4;
 constexpr uint32_t k_nvr_height_off = 6;
 constexpr uint32_t k_nvr_length_off = 8;
 constexpr uint32_t k_logo_rows = 20;
+// The largest payload a logo file may declare: one coded picture, far below this.
+constexpr uint32_t k_logo_max_payload = 4u << 20;
 
 // Thread safety: load() runs once at init, before any lookup; get() only reads.
 class vesk_logo_table
@@ -27,7 +29,9 @@ public:
     vesk_logo_table(const vesk_logo_table&) = delete;
     vesk_logo_table& operator=(const vesk_logo_table&) = delete;
 
-    // Loads every row from root + its fixed path; a failed row is logged and left empty.
+    // Loads every row from root + its fixed path; a failed row is logged and left empty. A
+    // payload length beyond the file's own bytes or k_logo_max_payload skips the row before
+    // anything is allocated, where reading as far as the field says would wrap the block size.
     void load(const char* root);
     vesk_soft::VESK_ERR get(uint32_t type, bool large, vesk_soft::_tagVeskFrameHeader** frame, uint32_t* length);
     // The fixed path of row i (0..19): small logos of types 1..10, then the large ones.

@@ -57,7 +57,15 @@ vesk_mem_account::vesk_mem_account()
 void* vesk_mem_account::proc_vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size,
                                          unsigned align)
 {
-    const size_t need_size = size + k_mem_head_size + k_mem_tail_size + (align >= 2 ? align - 1 : 0);
+    // Summed in 64 bits: on the target the sum wraps size_t, on a 64-bit host it would not fit
+    // need_size; either way the trailer would land outside the block.
+    const uint64_t need_wide = uint64_t{size} + k_mem_head_size + k_mem_tail_size + (align >= 2 ? align - 1 : 0);
+    if (need_wide > UINT32_MAX || need_wide > SIZE_MAX) {
+        VESK_LOG_ERR(k_cls, "caller_id = 0x%x, purpose = 0x%x, size = %u, align = %u, too large!\n", usr_id, purpose,
+                     size, align);
+        return nullptr;
+    }
+    const size_t need_size = static_cast<size_t>(need_wide);
     char* src_memory = static_cast<char*>(vesk_sys_malloc(need_size));
     if (src_memory == nullptr) {
         VESK_LOG_ERR(k_cls, "caller_id = 0x%x, purpose = 0x%x, malloc %zu fail!\n", usr_id, purpose, need_size);
@@ -177,6 +185,18 @@ uint32_t vesk_mem_account::total_size()
 {
     mutex_guard guard(m_lock);
     return m_total;
+}
+
+uint32_t vesk_mem_account::total_of(vesk_user_id usr_id, vesk_memmory_purpose purpose)
+{
+    mutex_guard guard(m_lock);
+    uint32_t total = 0;
+    for (uintptr_t a = m_head; a != 0; a = head_at(a)->next) {
+        const vesk_mem_head* h = head_at(a);
+        if (h->caller_id == usr_id && h->purpose == purpose)
+            total += h->malloc_size2;
+    }
+    return total;
 }
 
 uint32_t vesk_mem_account::live_blocks()

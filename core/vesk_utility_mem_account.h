@@ -28,7 +28,9 @@ public:
     vesk_mem_account& operator=(const vesk_mem_account&) = delete;
 
     // A new block of `size` bytes aligned to `align` (1: none), or NULL (logged) when malloc
-    // fails.
+    // fails. A size whose block (header, trailer and alignment slack added) would not fit the
+    // 32-bit need_size field, or would wrap the target's size_t, is refused with NULL and a
+    // message instead of allocating a wrapped, too-small block.
     void* proc_vesk_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align);
     // Frees a block from proc_vesk_malloc. REQUIRES: p came from proc_vesk_malloc and was not
     // freed; anything else is reported and ends the process.
@@ -40,6 +42,8 @@ public:
     // Sum of the caller sizes of all live blocks, and their number.
     uint32_t total_size();
     uint32_t live_blocks();
+    // Sum of the caller sizes of the live blocks of one caller and purpose; O(live blocks).
+    uint32_t total_of(vesk_user_id usr_id, vesk_memmory_purpose purpose);
 
     // "NVR2.0 model_layer total malloc size = ..." from the total.
     void dump_total(print_fn print);

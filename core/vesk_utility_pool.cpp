@@ -479,7 +479,13 @@ VESK_CHAR* utility_string_pool::strdup(
         *out_len = 0;
     if (str == nullptr)
         return nullptr;
-    const uint32_t chars = static_cast<uint32_t>(strnlen(str, max_len));
+    // len and need must not wrap (a 4 GiB string on a 64-bit host); the heap refuses the rest.
+    const size_t found = strnlen(str, max_len);
+    if (found >= UINT32_MAX - k_pool_magic_1_size) {
+        VESK_LOG_ERR("utility_string_pool", "len = %zu, too large!\n", found);
+        return nullptr;
+    }
+    const uint32_t chars = static_cast<uint32_t>(found);
     const uint32_t len = chars + 1;
     const uint32_t need = len + k_pool_magic_1_size;
 

@@ -41,8 +41,12 @@ constexpr vesk_memmory_purpose k_purpose_av_readers = 0x3041;        // A/V read
 constexpr vesk_memmory_purpose k_purpose_file_name = 0x3021;         // fixed: file operators' path copies
 constexpr vesk_memmory_purpose k_purpose_file_cache = 0x3030;        // file operators' read caches
 constexpr vesk_memmory_purpose k_purpose_extent_scan = 0x3031;       // extent map buffer of a block open
-constexpr vesk_memmory_purpose k_purpose_toolnet = 0x3060;           // Toolnet object and socket tables
-constexpr vesk_memmory_purpose k_purpose_toolnet_buffer = 0x3061;    // Toolnet's receive buffer
+constexpr vesk_memmory_purpose k_purpose_md5_cnt = 0x3050;           // MD5 counter objects
+constexpr vesk_memmory_purpose k_purpose_url_operator = 0x3060;      // URL operator objects
+constexpr vesk_memmory_purpose k_purpose_xls_read = 0x3070;          // spreadsheet check: sector tables
+constexpr vesk_memmory_purpose k_purpose_xls_write = 0x3071;         // spreadsheet writer: cells, strings
+constexpr vesk_memmory_purpose k_purpose_toolnet = 0x3080;           // Toolnet object and socket tables
+constexpr vesk_memmory_purpose k_purpose_toolnet_buffer = 0x3081;    // Toolnet's receive buffer
 
 }  // namespace vesk_utility
 

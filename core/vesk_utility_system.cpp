@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <mutex>
 #include <cstring>
 #include <ctime>
 
@@ -36,6 +37,11 @@ namespace
 constexpr const char* k_cls = "vesk_utility_system_client";
 constexpr int k_rcvbuf = 4096;
 constexpr int k_sndbuf = 16384;
+// The send lock is held while connecting and sending, and the receive task takes it too:
+// a proxy that cannot take the connection (backlog full) or the request within these bounds
+// counts as absent instead of stalling both.
+constexpr timeval k_connect_timeout {1, 0};
+constexpr timeval k_send_timeout {5, 0};
 
 vesk_lock* new_named_lock(const char* name)
 {
@@ -59,6 +65,46 @@ bool write_all(int fd, const void* data, size_t size)
 }
 
 std::atomic<uint32_t> s_popen_counter {0};
+
+// The output files of vesk_popen are numbered pid * k_popen_per_pid + a per-process counter,
+// so that two processes never pick the same name; a name taken anyway is skipped.
+constexpr unsigned long long k_popen_per_pid = 100000;
+constexpr unsigned k_popen_name_tries = 100;
+
+// The streams vesk_popen handed out, each with the number of the file it created: pclose
+// removes exactly that name, never whatever the descriptor resolves to. Walks are O(open
+// streams), a handful.
+struct popen_file {
+    FILE* fp;
+    unsigned long long number;
+    popen_file* next;
+};
+std::mutex s_popen_lock;
+popen_file* s_popen_files = nullptr; // GUARDED_BY(s_popen_lock)
+
+void popen_name(char* path, size_t size, unsigned long long number)
+{
+    snprintf(path, size, "/tmp/vesk_popen_outfile_%llu.txt", number);
+}
+
+// Creates a new output file (never through a link, never an existing one) and returns its
+// read-write descriptor, or -1 with errno set.
+int create_popen_file(char* path, size_t size, unsigned long long* number)
+{
+    const unsigned long long base = static_cast<unsigned long long>(getpid()) * k_popen_per_pid;
+    for (unsigned tries = 0; tries < k_popen_name_tries; tries++) {
+        const unsigned long long n = base + (++s_popen_counter) % k_popen_per_pid;
+        popen_name(path, size, n);
+        const int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            *number = n;
+            return fd;
+        }
+        if (errno != EEXIST)
+            return -1;
+    }
+    return -1;
+}
 
 } // namespace
 
@@ -93,6 +139,8 @@ void vesk_utility_system_client::connect_socket()
     }
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &k_rcvbuf, sizeof(k_rcvbuf));
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &k_sndbuf, sizeof(k_sndbuf));
+    // A blocking unix connect waits for room in the server's backlog at most the send time-out.
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_connect_timeout, sizeof(k_connect_timeout));
     sockaddr_un addr {};
     addr.sun_family = AF_UNIX;
     strncpy(addr.sun_path, m_server_path, sizeof(addr.sun_path) - 1);
@@ -101,6 +149,7 @@ void vesk_utility_system_client::connect_socket()
         close(fd);
         return;
     }
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &k_send_timeout, sizeof(k_send_timeout));
     m_connect_fd = fd;
 }
 
@@ -363,43 +412,72 @@ VESK_ERR execute_cmd(const char* cmd, unsigned timeout_ms, char* buf, unsigned b
 
 FILE* vesk_popen(vesk_utility_system_client* client, const char* cmd, const char* mode)
 {
-    const uint32_t n = ++s_popen_counter;
     char path[64];
-    snprintf(path, sizeof(path), "/tmp/vesk_popen_outfile_%d.txt", static_cast<int>(n));
+    unsigned long long number = 0;
+    const int fd = create_popen_file(path, sizeof(path), &number);
+    if (fd < 0) {
+        VESK_ERR_FN("create %s failed, %s\n", path, strerror(errno));
+        return nullptr;
+    }
+    popen_file* node = static_cast<popen_file*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cmd_path, sizeof(popen_file), 4));
     const size_t size = strlen(cmd) + strlen(path) + 4;
     char* full = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cmd_path, static_cast<unsigned>(size), 1));
-    if (full == nullptr) {
+    if (full == nullptr || node == nullptr) {
+        vesk_free(__FILE__, __func__, full);
+        vesk_free(__FILE__, __func__, node);
+        close(fd);
+        unlink(path);
         VESK_ERR_FN("operate fail!");
         return nullptr;
     }
     snprintf(full, size, "%s > %s", cmd, path);
     const int r = client->process_system(full);
     vesk_free(__FILE__, __func__, full);
-    if (r != 0) {
-        unlink(path);
-        VESK_ERR_FN("operate fail!");
-        return nullptr;
-    }
-    FILE* fp = fopen(path, mode);
+    // Read through the descriptor of the file created above: what the command wrote to that
+    // name, whatever happens to the name meanwhile.
+    if (r == 0 && mode[0] == 'w')
+        (void)!ftruncate(fd, 0);
+    FILE* fp = r == 0 ? fdopen(fd, mode) : nullptr;
     if (fp == nullptr) {
         const int err = errno;
+        close(fd);
         unlink(path);
-        VESK_ERR_FN("fopen %s failed, %s\n", path, strerror(err));
+        vesk_free(__FILE__, __func__, node);
+        if (r != 0)
+            VESK_ERR_FN("operate fail!");
+        else
+            VESK_ERR_FN("fopen %s failed, %s\n", path, strerror(err));
         return nullptr;
+    }
+    node->fp = fp;
+    node->number = number;
+    {
+        std::lock_guard<std::mutex> guard(s_popen_lock);
+        node->next = s_popen_files;
+        s_popen_files = node;
     }
     return fp;
 }
 
 int vesk_pclose(FILE* fp)
 {
-    char link[64];
-    char path[256];
-    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(fp));
-    const ssize_t n = readlink(link, path, sizeof(path) - 1);
+    popen_file* found = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(s_popen_lock);
+        for (popen_file** at = &s_popen_files; *at != nullptr; at = &(*at)->next) {
+            if ((*at)->fp == fp) {
+                found = *at;
+                *at = found->next;
+                break;
+            }
+        }
+    }
     fclose(fp);
-    if (n <= 0)
+    if (found == nullptr)
         return -1;
-    path[n] = '\0';
+    char path[64];
+    popen_name(path, sizeof(path), found->number);
+    vesk_free(__FILE__, __func__, found);
     unlink(path);
     return 0;
 }

@@ -57,6 +57,7 @@ private:
         uint32_t used;
     };
 
+    // Connects within 1 s (a full backlog counts as no proxy); sends then give up after 5 s.
     void connect_socket(); // REQUIRES: m_send_lock held
     void disconnect(); // REQUIRES: m_send_lock held
 
@@ -83,9 +84,15 @@ VESK_ERR close_ex(int fd, int pid);
 // waiting at most timeout_ms for it to finish writing. VESK_ERR_OPERATE_FAIL on time-out or a
 // system-call failure; the child is always ended.
 VESK_ERR execute_cmd(const char* cmd, unsigned timeout_ms, char* buf, unsigned buf_size);
-// Runs "cmd > /tmp/vesk_popen_outfile_N.txt" through the proxy, then opens that file.
+// Runs "cmd > /tmp/vesk_popen_outfile_N.txt" through the proxy, then opens that file. The
+// file is created here first, O_CREAT | O_EXCL | O_NOFOLLOW with mode 0600, and the stream
+// reads that very file: a name planted in /tmp (a link to a victim) is skipped, never written
+// through. N is pid * 100000 + a counter, retried while the name exists, so that processes do
+// not collide; the plain per-process counter from 1 would.
 FILE* vesk_popen(vesk_utility_system_client* client, const char* cmd, const char* mode);
-// Closes the stream and removes its file.
+// Closes the stream and removes the file vesk_popen created for it, by the name it created,
+// not by what /proc/self/fd resolves to (a link's target would be removed). -1, nothing
+// removed, for a stream that vesk_popen did not return.
 int vesk_pclose(FILE* fp);
 
 } // namespace vesk_utility

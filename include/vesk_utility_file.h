@@ -110,7 +110,9 @@ enum vesk_block_open_model : int {
 //
 // open() asks the file system for the file's extents once (at most 32 runs of contiguous
 // blocks, "trunks") and from then on every read and write goes to the raw device at those
-// offsets, with no file-system call per read or write. Files under "/raid", "/nas" or
+// offsets, with no file-system call per read or write. On ext4 a file of more runs is
+// refused; on XFS it opens with the first 31 runs (one map call) and a warning, and reads
+// and writes end where they end. Files under "/raid", "/nas" or
 // "/ipsan", files of a snapshot ("vesk_pb_snap" in the path) and files on a file system
 // other than ext4 or XFS fall back to the binary operator.
 //

@@ -5,7 +5,8 @@
 // Contract: blocks from vesk_utility_malloc/calloc/realloc/strdup are released with
 // vesk_utility_free only. A corrupted header or trailer, a double free and a pointer that did
 // not come from here end the process with a diagnostic and an assertion, on purpose, so that
-// the first overwrite is found where it happened. Allocation failure returns NULL.
+// the first overwrite is found where it happened. Allocation failure returns NULL, and so does
+// a size whose guarded block would not fit 32 bits (sizes near UINT32_MAX), on every ABI.
 // Every function logs "not init" and refuses work before vesk_utility_init.
 #ifndef VESK_UTILITY_MEMORY_H
 #define VESK_UTILITY_MEMORY_H
@@ -18,7 +19,7 @@ namespace vesk_soft {
 // Blocks of user 0x70 with an A/V cache purpose (0x9110C-0x9110F, 0x91111-0x91114) count
 // against the cache budget and are refused (NULL, warning once per 1000) above it.
 VESK_API void* vesk_utility_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align);
-// count * size bytes (32-bit product, not checked for overflow), zero-filled.
+// count * size bytes, zero-filled; NULL (logged) when the product does not fit 32 bits.
 VESK_API void* vesk_utility_calloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned count, unsigned size);
 // NULL p allocates; size 0 frees p and returns NULL; the same size returns p unchanged.
 // When the new block cannot be had, NULL is returned and p stays valid.

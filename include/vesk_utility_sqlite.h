@@ -36,6 +36,12 @@ VESK_API VESK_ERR vesk_utility_close_database(sqlite3* db);
 VESK_API VESK_ERR vesk_utility_exec_sql_command(sqlite3* db, const char* sql, int* row, int* column, char*** result);
 VESK_API VESK_ERR vesk_utility_free_inquiry_result(char** result);
 
+// The helpers below print their statements into fixed buffers (256 bytes for the table test,
+// 128 for the column count and damage test, 1024 for set and get). A statement that does not
+// fit is never run, so that a cut condition cannot select other rows: set, get and the column
+// count return VESK_ERR_INVALID_PARAM, the table test false and the damage test 0, with an
+// error line.
+//
 // True exactly when `schema` (e.g. "main") holds a table named `table`.
 VESK_API VESK_BOOL vesk_utility_table_exists(sqlite3* db, const char* schema, const char* table);
 // Number of columns of `table` (0 for a table that does not exist).

@@ -32,8 +32,11 @@ VESK_API VESK_ERR vesk_utility_popen(const char* cmd, const char* type, int* fd,
 VESK_API VESK_ERR vesk_utility_pclose(int fd, int pid);
 // Runs cmd through the proxy with its output redirected to a file under /tmp and returns that
 // file opened with mode: the stream reads the command's complete output. NULL on failure.
+// The file (/tmp/vesk_popen_outfile_N.txt, N unique per process) is created new with mode
+// 0600 before the command runs; an existing name or a planted link is never written through.
 VESK_API FILE* vesk_utility_popen(const char* cmd, const char* mode);
-// Closes a stream of the call above and removes its file. 0, or -1 for NULL.
+// Closes a stream of the call above and removes exactly the file created for it. 0, or -1 for
+// NULL or a stream that did not come from vesk_utility_popen (closed, nothing removed).
 VESK_API int vesk_utility_pclose(FILE* fp);
 
 } // namespace vesk_soft

@@ -47,10 +47,11 @@ constexpr uint8_t k_codec_h264 = 8;
         "\e[0;32;31m[PLAT] ERROR! %s[%d]:" fmt "\e[m", "vesk_RTPtoH264_InputData", __LINE__, ##__VA_ARGS__)
 
 // Length of the RTP header of one packet of `size` bytes, or -1 when the header, with its
-// CSRCs and extension, does not fit in the packet with at least one payload byte behind it.
+// CSRCs and extension, runs past the packet. A header that exactly fills it is valid: the
+// packet carries an empty payload.
 inline int rtp_header_size(const uint8_t* rtp, int size)
 {
-    if (size <= k_rtp_fixed_size)
+    if (size < k_rtp_fixed_size)
         return -1;
     int header = k_rtp_fixed_size + 4 * (rtp[0] & k_rtp_cc_mask);
     if (rtp[0] & k_rtp_x_bit) {
@@ -60,7 +61,7 @@ inline int rtp_header_size(const uint8_t* rtp, int size)
         // (length + 1) * 4 whenever the high byte is 0.
         header += (rtp[k_rtp_ext_len_hi] * 256) | ((rtp[k_rtp_ext_len_lo] + 1) * 4);
     }
-    return header < size ? header : -1;
+    return header <= size ? header : -1;
 }
 
 } // namespace
@@ -110,18 +111,20 @@ VESK_ERR vesk_utility_RTPtoH264_InputData(_tagVesk_rtp_h264_param* param)
             break; // header runs past the packet: treated like a truncated packet
         const uint8_t* payload = rtp + rtp_header;
         const int payload_size = len - rtp_header;
-        const uint8_t nal = payload[0];
+        // An empty payload is an empty single unit: a bare start code.
+        const uint8_t nal = payload_size > 0 ? payload[0] : 0;
         if ((nal & k_nal_type_mask) == k_nal_fu_a) {
-            if (payload_size < 2)
-                break; // no FU header
-            const uint8_t fu = payload[1];
-            if (fu & k_fu_start_bit) {
-                memcpy(out + out_pos, k_start_code, sizeof(k_start_code));
-                out[out_pos + 4] = static_cast<uint8_t>((nal & k_nal_nri_f_mask) | (fu & k_nal_type_mask));
-                out_pos += 5;
+            // An FU-A packet without its FU header has no start bit and no body: it adds nothing.
+            if (payload_size >= 2) {
+                const uint8_t fu = payload[1];
+                if (fu & k_fu_start_bit) {
+                    memcpy(out + out_pos, k_start_code, sizeof(k_start_code));
+                    out[out_pos + 4] = static_cast<uint8_t>((nal & k_nal_nri_f_mask) | (fu & k_nal_type_mask));
+                    out_pos += 5;
+                }
+                memmove(out + out_pos, payload + 2, payload_size - 2);
+                out_pos += payload_size - 2;
             }
-            memmove(out + out_pos, payload + 2, payload_size - 2);
-            out_pos += payload_size - 2;
         } else {
             memcpy(out + out_pos, k_start_code, sizeof(k_start_code));
             memmove(out + out_pos + 4, payload, payload_size);

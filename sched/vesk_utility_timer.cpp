@@ -310,9 +310,9 @@ VESK_ERR vesk_utility_timer::regist_c_func(vesk_user_id usr_id, vesk_timer_callb
         unlock(&m_slot_lock);
     }
     if (node != nullptr) {
+        // Only the labels, the callback and the due time are refilled: a suspended task stays
+        // suspended until it is woken.
         VESK_LOG_DBG(k_cls, "user_id = 0x%x, purpose_id = 0x%x, already exist!\n", usr_id, purpose);
-        node->suspended = 0;
-        node->backoff = 0;
     } else {
         node = take_node();
         if (node == nullptr) {

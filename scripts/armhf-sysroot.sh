@@ -28,6 +28,10 @@ cross_lib=/usr/$triplet/lib
 
 # What the layer, the tests and the benchmarks link; everything else follows from Depends.
 roots=(libsqlite3-dev libcurl4-openssl-dev libtinyxml-dev libgtest-dev libgmock-dev libbenchmark-dev)
+# Byte codecs: MD5 and triple DES.
+roots+=(nettle-dev)
+# Spreadsheets: FreeXL reads .xls workbooks.
+roots+=(libfreexl-dev)
 
 die() {
     echo "armhf-sysroot: error: $*" >&2

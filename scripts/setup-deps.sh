@@ -10,7 +10,12 @@ packages=(
   ffmpeg iproute2 e2fsprogs xfsprogs xfslibs-dev libcjson-dev rapidjson-dev
   clang libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
+  python3 python3-pyftpdlib openssl  # the URL tests' HTTP(S) and FTP peers, their certificate
 )
+# Byte codecs: nettle (MD5, triple DES); the codec tests' oracles.
+packages+=(nettle-dev openssl coreutils)
+# Spreadsheets and audio: FreeXL reads .xls; the oracles of the WAV, G.711 and .xls tests.
+packages+=(libfreexl-dev python3-xlrd python3-xlwt catdoc sox)
 
 missing=()
 for p in "${packages[@]}"; do

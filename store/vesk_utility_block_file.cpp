@@ -339,12 +339,12 @@ bool block_file_ops::proc_scan_file_info_xfs()
                 "%s bmv_entries = %d, m_trunk_num = %d, overflow!\n", entries))
             return false;
     }
-    // A full answer that stops short of the end of the file left extents out: the map would
-    // silently end early, so refuse it like any other overflow.
-    if (entries >= static_cast<int>(k_bmapx_records) - 1 && mapped_end < size) {
-        VESK_LOG_ERR(k_cls, "%s bmv_entries = %d, m_trunk_num = %d, overflow!\n", m_file_name, entries, m_trunk_num);
-        return false;
-    }
+    // A full answer that stops short of the end of the file left runs out. The file stays
+    // usable with the runs that were mapped: reads and writes stop at the end of the last one,
+    // as they do at the end of the extents.
+    if (entries >= static_cast<int>(k_bmapx_records) - 1 && mapped_end < size)
+        VESK_LOG_WARN(k_cls, "%s bmv_entries = %d, m_trunk_num = %d, mapped %lld of %lld bytes!\n", m_file_name,
+            entries, m_trunk_num, static_cast<long long>(mapped_end), static_cast<long long>(size));
     log_trunks();
     return true;
 }

@@ -257,6 +257,9 @@ private:
     struct fetched {
         vesk_tool_JSON* parent = nullptr;
         vesk_json_key_result leaf {};
+        // The leaf's own copy of its name: at most 63 characters, a longer name addresses its
+        // first 63.
+        char leaf_name[64];
         char path_copy[128];
         char* heap_copy = nullptr;
         ~fetched();

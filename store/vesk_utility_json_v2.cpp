@@ -231,6 +231,10 @@ bool vesk_tool_json_V2::proc_fetch_parent(const char* key_pos, vesk_json_path_ar
     }
     f.parent = parent;
     f.leaf = key_result[key_num - 1];
+    if (f.leaf.key_name != nullptr) {
+        snprintf(f.leaf_name, sizeof(f.leaf_name), "%s", f.leaf.key_name);
+        f.leaf.key_name = f.leaf_name;
+    }
     return true;
 }
 

@@ -3,6 +3,7 @@
 // tells a damaged database from an ordinary failure. No state lives here between calls.
 #include <sqlite3.h>
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -25,6 +26,22 @@ static_assert(k_open_flags == (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLI
 constexpr size_t k_table_test_len = 256;
 constexpr size_t k_short_sql_len = 128; // column count, damage test
 constexpr size_t k_value_sql_len = 1024;
+
+// Prints a statement into a fixed buffer. A statement that does not fit is refused with a
+// message rather than cut: a cut WHERE clause can still parse and then hit other rows.
+__attribute__((format(printf, 4, 5))) bool print_sql(const char* fn, char* sql, size_t size, const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    const int n = vsnprintf(sql, size, fmt, ap);
+    va_end(ap);
+    if (n >= 0 && static_cast<size_t>(n) < size)
+        return true;
+    vesk_log(vesk_log_level::error, nullptr, fn, __LINE__, "statement of %d bytes exceeds its %zu-byte buffer, not run!\n",
+        n, size);
+    sql[0] = '\0';
+    return false;
+}
 
 // Wider than the corruption codes alone on purpose: an I/O error, a file that cannot be
 // opened or a schema that keeps changing all mean the recorder should rebuild the database.
@@ -167,6 +184,7 @@ VESK_ERR exec_sql_command(sqlite3* db, const char* sql, int* row, int* column, c
     return VESK_OK;
 }
 
+// A statement too long for its buffer is not run and counts as no such table.
 VESK_BOOL check_table_exists(sqlite3* db, const char* schema, const char* table)
 {
     if (db == nullptr || table == nullptr || schema == nullptr) {
@@ -174,7 +192,9 @@ VESK_BOOL check_table_exists(sqlite3* db, const char* schema, const char* table)
         return 0;
     }
     char sql[k_table_test_len];
-    snprintf(sql, sizeof(sql), "select name from %s.sqlite_master where type='table' and name='%s'", schema, table);
+    if (!print_sql(__func__, sql, sizeof(sql), "select name from %s.sqlite_master where type='table' and name='%s'",
+            schema, table))
+        return 0;
     char** result = nullptr;
     int rows = 0;
     int cols = 0;
@@ -184,6 +204,7 @@ VESK_BOOL check_table_exists(sqlite3* db, const char* schema, const char* table)
     return rows == 1 ? 1 : 0;
 }
 
+// A table name too long for the statement buffer is VESK_ERR_INVALID_PARAM, nothing run.
 VESK_ERR get_table_column_num(sqlite3* db, const char* table, int* num)
 {
     if (db == nullptr || table == nullptr) {
@@ -191,7 +212,8 @@ VESK_ERR get_table_column_num(sqlite3* db, const char* table, int* num)
         return VESK_ERR_OPERATE_FAIL;
     }
     char sql[k_short_sql_len];
-    snprintf(sql, sizeof(sql), "pragma table_info(%s);", table);
+    if (!print_sql(__func__, sql, sizeof(sql), "pragma table_info(%s);", table))
+        return VESK_ERR_INVALID_PARAM;
     char** result = nullptr;
     int rows = 0;
     int cols = 0;
@@ -202,12 +224,14 @@ VESK_ERR get_table_column_num(sqlite3* db, const char* table, int* num)
     return VESK_OK;
 }
 
+// A table name too long for the statement buffer is not read: 0, as for an ordinary failure.
 int check_sql_corrupt(sqlite3* db, const char* table)
 {
     if (db == nullptr)
         return 1;
     char sql[k_short_sql_len];
-    snprintf(sql, sizeof(sql), "SELECT * FROM %s ", table != nullptr ? table : "");
+    if (!print_sql(__func__, sql, sizeof(sql), "SELECT * FROM %s ", table != nullptr ? table : ""))
+        return 0;
     char** result = nullptr;
     char* err = nullptr;
     int rows = 0;
@@ -226,6 +250,8 @@ int check_sql_corrupt(sqlite3* db, const char* table)
     return 0;
 }
 
+// A statement too long for its buffer is VESK_ERR_INVALID_PARAM and nothing runs, blobs
+// included: cut, its condition could select other rows.
 VESK_ERR sql_set_value(sqlite3* db, const char* table, const char* condition, const char* column, const char* format,
     const void* value, unsigned size)
 {
@@ -240,7 +266,8 @@ VESK_ERR sql_set_value(sqlite3* db, const char* table, const char* condition, co
 
     char sql[k_value_sql_len];
     if (kind == value_kind::blob) {
-        snprintf(sql, sizeof(sql), "UPDATE %s SET %s = ? WHERE %s ;", table, column, condition);
+        if (!print_sql(__func__, sql, sizeof(sql), "UPDATE %s SET %s = ? WHERE %s ;", table, column, condition))
+            return VESK_ERR_INVALID_PARAM;
         sqlite3_stmt* stmt = nullptr;
         // The step's result is not examined: a blob write reports success whatever happens.
         if (sqlite3_prepare(db, sql, -1, &stmt, nullptr) == SQLITE_OK && stmt != nullptr) {
@@ -251,36 +278,39 @@ VESK_ERR sql_set_value(sqlite3* db, const char* table, const char* condition, co
         return VESK_OK;
     }
 
+    bool fits = false;
     switch (kind) {
     case value_kind::text:
-        snprintf(sql, sizeof(sql), "UPDATE %s SET %s = '%s' WHERE %s ;", table, column, static_cast<const char*>(value),
+        fits = print_sql(__func__, sql, sizeof(sql), "UPDATE %s SET %s = '%s' WHERE %s ;", table, column, static_cast<const char*>(value),
             condition);
         break;
     case value_kind::i32: {
         int32_t v;
         memcpy(&v, value, sizeof(v));
-        snprintf(sql, sizeof(sql), "UPDATE %s SET %s = %d WHERE %s ;", table, column, v, condition);
+        fits = print_sql(__func__, sql, sizeof(sql), "UPDATE %s SET %s = %d WHERE %s ;", table, column, v, condition);
         break;
     }
     case value_kind::u32: {
         uint32_t v;
         memcpy(&v, value, sizeof(v));
-        snprintf(sql, sizeof(sql), "UPDATE %s SET %s = %u WHERE %s ;", table, column, v, condition);
+        fits = print_sql(__func__, sql, sizeof(sql), "UPDATE %s SET %s = %u WHERE %s ;", table, column, v, condition);
         break;
     }
     case value_kind::i64: {
         long long v;
         memcpy(&v, value, sizeof(v));
-        snprintf(sql, sizeof(sql), "UPDATE %s SET %s = %lld WHERE %s ;", table, column, v, condition);
+        fits = print_sql(__func__, sql, sizeof(sql), "UPDATE %s SET %s = %lld WHERE %s ;", table, column, v, condition);
         break;
     }
     default: {
         unsigned long long v;
         memcpy(&v, value, sizeof(v));
-        snprintf(sql, sizeof(sql), "UPDATE %s SET %s = %llu WHERE %s ;", table, column, v, condition);
+        fits = print_sql(__func__, sql, sizeof(sql), "UPDATE %s SET %s = %llu WHERE %s ;", table, column, v, condition);
         break;
     }
     }
+    if (!fits)
+        return VESK_ERR_INVALID_PARAM;
     char** result = nullptr;
     int rows = 0;
     int cols = 0;
@@ -328,6 +358,7 @@ void copy_entry_bytes(void* buf, const char* entry, size_t n)
 
 } // namespace
 
+// A statement too long for its buffer is VESK_ERR_INVALID_PARAM and nothing runs.
 VESK_ERR sql_get_value(sqlite3* db, const char* table, const char* condition, const char* column, const char* format,
     void* buf, unsigned size)
 {
@@ -335,7 +366,8 @@ VESK_ERR sql_get_value(sqlite3* db, const char* table, const char* condition, co
         || format == nullptr)
         return VESK_ERR_INVALID_PARAM;
     char sql[k_value_sql_len];
-    snprintf(sql, sizeof(sql), "SELECT %s FROM %s  WHERE %s ;", column, table, condition);
+    if (!print_sql(__func__, sql, sizeof(sql), "SELECT %s FROM %s  WHERE %s ;", column, table, condition))
+        return VESK_ERR_INVALID_PARAM;
     const value_kind kind = kind_of(format);
     if (kind == value_kind::blob)
         return read_blob(db, sql, buf, size);

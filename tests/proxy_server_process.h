@@ -87,11 +87,14 @@ inline bool send_request(int fd, uint32_t token, uint32_t magic, const char* tex
 class proxy_server_process
 {
 public:
-    // extra: further arguments, e.g. "--record-only FILE". Waits until it accepts connections.
-    explicit proxy_server_process(const std::string& socket_path, const std::string& extra = "")
+    // extra: further arguments, e.g. "--record-only FILE"; shell: commands run before it (a
+    // ulimit). Waits until it accepts connections.
+    explicit proxy_server_process(
+        const std::string& socket_path, const std::string& extra = "", const std::string& shell = "")
         : m_path(socket_path)
     {
-        const std::string cmd = std::string("exec ") + VESK_PROXY_SERVER_BIN + " --socket " + socket_path + " " + extra;
+        const std::string cmd
+            = shell + "exec " + VESK_PROXY_SERVER_BIN + " --socket " + socket_path + " " + extra;
         m_pid = fork();
         if (m_pid == 0) {
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));

@@ -252,3 +252,31 @@ TEST(AvLogoTest, MissingLargeLogoFallsBackBadFilesStayEmptyAndReadersShowTheRigh
     mng.delete_av_reader(r, __FILE__, __func__);
     vesk_test::capture_stdout([] { load_logo_frame(); }); // the process's table back as init loaded it
 }
+
+TEST(AvLogoTest, LengthFieldBeyondTheFileOrTheMaximumSkipsTheRowBeforeAllocating)
+{
+    const std::string root = vesk_test::private_root() + "/lying_logos";
+    for (const char* d : {"", "/mnt", "/mnt/mtd", "/mnt/mtd/res", "/mnt/mtd/res/platform", "/mnt/mtd/app"})
+        mkdir((root + d).c_str(), 0755);
+    const std::string dir = root + "/mnt/mtd/res/platform/";
+    write_nvr(dir + "novideo.nvr", 352, 288, 0xFFFFFFC0u, 100); // wraps len + frame header
+    write_nvr(dir + "lock_ops.nvr", 352, 288, 0xFFFFFFF0u, 100);
+    write_nvr(dir + "svac.nvr", 352, 288, 101, 100); // one byte short
+    write_nvr(dir + "company.nvr", 352, 288, k_logo_max_payload + 1, k_logo_max_payload + 1);
+    write_nvr(dir + "no_rec_file.nvr", 352, 288, 300, 300);
+    {
+        vesk_logo_table table;
+        const std::string out = vesk_test::capture_stdout([&] { table.load(root.c_str()); });
+        for (const char* name : {"novideo.nvr", "lock_ops.nvr", "svac.nvr"})
+            EXPECT_NE(std::string::npos, out.find("[Load Logo Frame] Read " + dir + name + " Logo Frame Failed")) << out;
+        EXPECT_NE(std::string::npos,
+            out.find("company.nvr Logo Frame Length " + std::to_string(k_logo_max_payload + 1) + " Over "));
+        _tagVeskFrameHeader* f = nullptr;
+        uint32_t len = 0;
+        for (uint32_t type : {VESK_LOGO_NO_VIDEO, VESK_LOGO_LOCK_OPS, VESK_LOGO_SVAC, VESK_LOGO_COMPANY})
+            EXPECT_EQ(VESK_ERR_OPERATE_FAIL, table.get(type, false, &f, &len)) << type;
+        ASSERT_EQ(VESK_OK, table.get(VESK_LOGO_NO_REC_FILE, false, &f, &len));
+        EXPECT_EQ(300u, f->uiLength);
+        EXPECT_EQ(299 & 0xFF, reinterpret_cast<uint8_t*>(f + 1)[299]);
+    }
+}

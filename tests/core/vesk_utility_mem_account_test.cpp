@@ -285,3 +285,47 @@ TEST(MemAccountDeathTest, OverrunForeignPointerChangedHeaderAndDoubleFreeAreFata
         },
         "'a.cpp second' mem 0x[0-9a-f]+, head->magic = 0x[0-9a-f]+, err!", "Sanitizer: heap-use-after-free");
 }
+
+TEST(MemAccountTest, SizesWhoseBlockWouldWrapAreRefusedOnEveryAbi)
+{
+    const uint32_t base_total = account().total_size();
+    const uint32_t base_blocks = account().live_blocks();
+    // The smallest sizes whose header + trailer + alignment slack no longer fit 32 bits.
+    const unsigned edge = static_cast<unsigned>(UINT32_MAX - k_mem_head_size - k_mem_tail_size + 1);
+    const struct {
+        unsigned size, align;
+    } refused[] = {{0xFFFFFFFFu, 1}, {0xFFFFFFF0u, 4}, {edge, 1}, {edge - 15, 16}};
+    for (const auto& r : refused) {
+        const std::string out = vesk_test::capture_stdout(
+            [&] { EXPECT_EQ(vesk_utility_malloc(0x47, 0x4701, r.size, r.align), nullptr) << r.size; });
+        EXPECT_THAT(out, HasSubstr("size = " + std::to_string(r.size) + ", align = " + std::to_string(r.align) +
+                                   ", too large!\n"));
+    }
+
+    // A failed realloc leaves the old block whole and valid.
+    char* p = static_cast<char*>(vesk_utility_malloc(0x47, 0x4702, 100, 8)); // align 8: a heap block
+    ASSERT_NE(p, nullptr);
+    memset(p, 0x5A, 100);
+    EXPECT_EQ(vesk_utility_realloc(0x47, 0x4702, p, 0xFFFFFFF0u, __FILE__, __func__, 1), nullptr);
+    for (int i = 0; i < 100; i++)
+        ASSERT_EQ(p[i], 0x5A);
+    unsigned size = 0;
+    EXPECT_EQ(vesk_get_mem_size(__FILE__, __func__, p, size), VESK_OK);
+    EXPECT_EQ(size, 100u);
+
+    // calloc products that wrap 32 bits; the last two fit and must work.
+    const std::string out = vesk_test::capture_stdout([] {
+        EXPECT_EQ(vesk_utility_calloc(0x47, 0x4703, 65537, 65536), nullptr);
+        EXPECT_EQ(vesk_utility_calloc(0x47, 0x4703, 65536, 65536), nullptr);
+        EXPECT_EQ(vesk_utility_calloc(0x47, 0x4703, 0xFFFFFFFFu, 2), nullptr);
+    });
+    EXPECT_THAT(out, HasSubstr("count = 65537, size = 65536, too large!\n"));
+    unsigned char* z = static_cast<unsigned char*>(vesk_utility_calloc(0x47, 0x4703, 3, 4000));
+    ASSERT_NE(z, nullptr);
+    for (int i = 0; i < 12000; i++)
+        ASSERT_EQ(z[i], 0);
+    void* none = vesk_utility_calloc(0x47, 0x4703, 0, 65536);
+    free_all({p, z, none});
+    EXPECT_EQ(account().total_size(), base_total);
+    EXPECT_EQ(account().live_blocks(), base_blocks);
+}

@@ -5,6 +5,8 @@
 
 #include <sys/stat.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -185,6 +187,54 @@ TEST(SystemClientTest, FilePopenReadsTheWholeOutputAndPcloseRemovesTheFile)
     EXPECT_EQ(nullptr, vesk_utility_popen(nullptr, "r"));
 }
 
+TEST(SystemClientTest, FilePopenNeverWritesThroughAPlantedLinkAndPcloseRemovesOnlyItsFile)
+{
+    proxy_server_process server(main_socket());
+    ASSERT_TRUE(server.ready());
+    const std::string victim = private_root() + "/victim.txt";
+    { std::ofstream(victim) << "precious\n"; }
+    // The name of a first stream tells the numbers this process takes next: plant links there.
+    FILE* first = vesk_utility_popen("true", "r");
+    ASSERT_NE(nullptr, first);
+    char link[64];
+    char name[256] = {};
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(first));
+    ASSERT_GT(readlink(link, name, sizeof(name) - 1), 0);
+    unsigned long long n = 0;
+    ASSERT_EQ(1, sscanf(name, "/tmp/vesk_popen_outfile_%llu.txt", &n)) << name;
+    EXPECT_EQ(0, vesk_utility_pclose(first));
+    std::vector<std::string> planted {"/tmp/vesk_popen_outfile_1.txt"};
+    for (unsigned long long k = n + 1; k <= n + 5; k++)
+        planted.push_back("/tmp/vesk_popen_outfile_" + std::to_string(k) + ".txt");
+    for (const std::string& p : planted)
+        (void)symlink(victim.c_str(), p.c_str());
+
+    FILE* fp = vesk_utility_popen("echo x", "r");
+    ASSERT_NE(nullptr, fp);
+    struct stat st {};
+    ASSERT_EQ(0, fstat(fileno(fp), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    char line[16] = {};
+    ASSERT_NE(nullptr, fgets(line, sizeof(line), fp));
+    EXPECT_STREQ("x\n", line);
+    memset(name, 0, sizeof(name));
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(fp));
+    ASSERT_GT(readlink(link, name, sizeof(name) - 1), 0);
+    EXPECT_EQ(0, vesk_utility_pclose(fp));
+    EXPECT_NE(0, access(name, F_OK));
+    EXPECT_EQ("precious\n", read_file(victim));
+    for (const std::string& p : planted) {
+        struct stat ls {};
+        EXPECT_EQ(0, lstat(p.c_str(), &ls)) << p;
+        EXPECT_TRUE(S_ISLNK(ls.st_mode)) << p;
+        unlink(p.c_str());
+    }
+    // A stream that did not come from the file popen is closed and nothing is removed.
+    EXPECT_EQ(-1, vesk_utility_pclose(fopen(victim.c_str(), "r")));
+    EXPECT_EQ("precious\n", read_file(victim));
+}
+
 TEST(ProcessHelperTest, ExeCmdCapturesWithinTheBufferAndTimesOut)
 {
     char buf[64];
@@ -216,7 +266,11 @@ TEST(ProcessHelperTest, PopenExAcceptsOnlyReadOrWrite)
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility::popen_ex("true", "rw", &fd, &pid));
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(-1, pid);
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_popen("true", "", &fd, &pid));
+    VESK_ERR ret = VESK_OK;
+    const std::string log = capture_stdout([&] { ret = vesk_utility_popen("true", "", &fd, &pid); });
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, ret);
+    EXPECT_THAT(log, HasSubstr("popen_ex function Failed"));
+    EXPECT_THAT(log, HasSubstr("error: popen cmd pipe fail!"));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_popen("true", "r", nullptr, &pid));
 
     ASSERT_EQ(VESK_OK, vesk_utility_popen("echo abc", "r", &fd, &pid));
@@ -294,4 +348,147 @@ TEST(ProxyServerTest, RefusesAnotherUserAndSurvivesMalformedOrVanishingClients)
     EXPECT_TRUE(server.alive());
     EXPECT_EQ(0, server.stop()); // SIGTERM ends it cleanly
     EXPECT_NE(0, access(path.c_str(), F_OK));
+}
+
+namespace
+{
+
+// utime + stime of a process, in clock ticks.
+long cpu_ticks(pid_t pid)
+{
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    const size_t paren = stat.rfind(')');
+    if (paren == std::string::npos)
+        return -1;
+    std::istringstream in(stat.substr(paren + 2));
+    std::string field;
+    long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && in >> field; i++) {
+        if (i == 14)
+            utime = std::stol(field);
+        if (i == 15)
+            stime = std::stol(field);
+    }
+    return utime + stime;
+}
+
+bool peer_closed(int fd)
+{
+    pollfd p {fd, POLLIN, 0};
+    if (poll(&p, 1, 0) <= 0)
+        return false;
+    char c;
+    return (p.revents & POLLHUP) != 0 || recv(fd, &c, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
+}
+
+bool served(const std::string& path, uint32_t magic)
+{
+    const int fd = connect_unix(path);
+    const bool ok = fd >= 0 && send_request(fd, vesk_utility::k_cmd_token, magic, "true", 4)
+        && read_answer(fd) == static_cast<long long>(magic);
+    if (fd >= 0)
+        close(fd);
+    return ok;
+}
+
+} // namespace
+
+TEST(ProxyServerTest, FloodingClientThatNeverReadsIsDroppedAndTheServerGoesOn)
+{
+    const std::string path = private_root() + "/flood.sock";
+    proxy_server_process server(path);
+    ASSERT_TRUE(server.ready());
+    const int fd = connect_unix(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "tr", 2, 1));
+    ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "ue", 2, 0));
+    // Requests until the server gives up on this client (it never reads an answer).
+    uint32_t magic = 2;
+    const bool dropped = wait_for([&] {
+        for (int i = 0; i < 64; i++) {
+            if (peer_closed(fd))
+                return true;
+            vesk_cmd_request r {};
+            r.token = vesk_utility::k_cmd_token;
+            r.magic = magic;
+            memcpy(r.text, "true", 4);
+            if (send(fd, &r, sizeof(r), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof(r)))
+                magic++;
+        }
+        return peer_closed(fd);
+    });
+    close(fd);
+    EXPECT_TRUE(dropped);
+    EXPECT_GE(magic, 100u) << "dropped before its answers could have filled the socket";
+    EXPECT_TRUE(server.alive());
+    EXPECT_TRUE(served(path, 77));
+    EXPECT_EQ(0, server.stop());
+}
+
+TEST(ProxyServerTest, OutOfDescriptorsShedsClientsWithoutSpinningAndRecovers)
+{
+    const std::string path = private_root() + "/emfile.sock";
+    proxy_server_process server(path, "", "ulimit -n 32; ");
+    ASSERT_TRUE(server.ready());
+    std::vector<int> clients;
+    for (int i = 0; i < 60; i++) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        ASSERT_GE(fd, 0);
+        const timeval bound {30, 0}; // a connect that waits for ever fails the test instead
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
+        sockaddr_un addr {};
+        addr.sun_family = AF_UNIX;
+        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << i << " " << strerror(errno);
+        clients.push_back(fd);
+    }
+    // Every client is either kept or closed unserved; none stays pending in the backlog.
+    int shed = 0;
+    EXPECT_TRUE(wait_for([&] {
+        shed = 0;
+        for (int fd : clients)
+            shed += peer_closed(fd) ? 1 : 0;
+        return shed >= 60 - 32;
+    }));
+    // Idle with a full descriptor table: a spinning loop would burn about a second here.
+    const long before = cpu_ticks(server.pid());
+    usleep(1000000);
+    const long used = cpu_ticks(server.pid()) - before;
+    EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 2) << "ticks in one second";
+    for (int fd : clients)
+        close(fd);
+    EXPECT_TRUE(wait_for([&] { return served(path, 78); }));
+    EXPECT_TRUE(server.alive());
+    EXPECT_EQ(0, server.stop());
+}
+
+TEST(SystemClientTest, ProxyWithAFullBacklogCountsAsAbsent)
+{
+    // A listener that never accepts, its backlog filled by other connections.
+    const std::string path = private_root() + "/full.sock";
+    const int listener = listen_unix(path);
+    ASSERT_GE(listener, 0);
+    ASSERT_EQ(0, listen(listener, 0));
+    std::vector<int> fillers;
+    for (int i = 0; i < 16; i++) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        sockaddr_un addr {};
+        addr.sun_family = AF_UNIX;
+        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+        const int r = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+        fillers.push_back(fd);
+        if (r != 0)
+            break;
+    }
+    const std::string out = private_root() + "/full_fallback.txt";
+    const std::string log = capture_stdout([&] {
+        auto* client = never_destroyed(new vesk_utility::vesk_utility_system_client(path.c_str()));
+        EXPECT_EQ(0, client->process_system(("echo here > " + out).c_str()));
+    });
+    EXPECT_THAT(log, HasSubstr("bind " + path + " fail!"));
+    EXPECT_THAT(log, HasSubstr("fail! use standard system"));
+    EXPECT_EQ("here\n", read_file(out));
+    for (int fd : fillers)
+        close(fd);
+    close(listener);
 }

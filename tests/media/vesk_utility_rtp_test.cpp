@@ -248,7 +248,7 @@ TEST(RtpTest, InvalidParametersAreRejectedAndLogged)
     EXPECT_EQ(convert({0x80, 0x60, 0, 1}).err, VESK_ERR_INVALID_PARAM); // not interleaved
 }
 
-TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionKeepingEarlierUnits)
+TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionButShortOnesDoNot)
 {
     const bytes long_ext = {0xBE, 0xDE, 0x00, 0x40, 1, 2, 3, 4};
     bytes short_last = stream({{0x41, 3, 4, 5}});
@@ -266,8 +266,6 @@ TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionKeepingEarlierUnits)
         {"fifteen CSRCs announced in a 14-byte packet", csrc_overrun},
         {"extension length runs past the packet", ext_overrun},
         {"X bit with no room for the length field", no_ext_length},
-        {"header exactly fills the packet", stream({{}})},
-        {"FU-A without its FU header", stream({{0x7C}})},
         {"fewer than four bytes after the last packet", {'$', 0, 0}},
     };
     for (const auto& c : cases) {
@@ -276,6 +274,19 @@ TEST(RtpTest, TruncatedOrLyingPacketsEndTheConversionKeepingEarlierUnits)
         const result r = convert(in);
         EXPECT_EQ(r.err, VESK_OK) << c.what;
         EXPECT_EQ(r.out, join({k_start, {0x41, 1, 2}})) << c.what;
+    }
+    // Short but well-formed packets give what they hold, and the next packet is converted.
+    const struct {
+        const char* what;
+        bytes payload, yields;
+    } going_on[] = {
+        {"header exactly fills the packet: an empty unit", {}, k_start},
+        {"FU-A without its FU header adds nothing", {0x7C}, {}},
+    };
+    for (const auto& c : going_on) {
+        const result r = convert(stream({{0x41, 1, 2}, c.payload, {0x41, 7}}));
+        EXPECT_EQ(r.err, VESK_OK) << c.what;
+        EXPECT_EQ(r.out, join({k_start, {0x41, 1, 2}, c.yields, k_start, {0x41, 7}})) << c.what;
     }
 }
 

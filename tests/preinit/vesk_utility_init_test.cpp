@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,6 +56,23 @@ TEST(PreInitTest, WrappersRefuseWorkUntilInitialised)
     });
     EXPECT_EQ(vesk_test::count_of(out, "not init\e[m"), 12) << out;
     EXPECT_NE(out.find("\e[0;32;31m[UTL] ERROR! vesk_utility_malloc["), std::string::npos) << out;
+
+    // The A/V wrappers name themselves.
+    const std::pair<const char*, std::function<bool()>> av[] = {
+        {"vesk_utility_push_av_block", [] { return vesk_utility_push_av_block(0, nullptr) == VESK_ERR_NOT_INIT; }},
+        {"vesk_utility_new_av_reader",
+            [] { return vesk_utility_new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 0) == nullptr; }},
+        {"vesk_utility_first_get_frame",
+            [] { return vesk_utility_first_get_frame(0, VESK_ENC_STR_MAIN, nullptr, nullptr) == VESK_ERR_NOT_INIT; }},
+        {"vesk_utility_ivs_rel_frame_multy",
+            [] { return vesk_utility_ivs_rel_frame_multy(nullptr, 0) == VESK_ERR_NOT_INIT; }},
+        {"vesk_utility_av_writer_close", [] { return vesk_utility_av_writer_close(nullptr) == VESK_ERR_NOT_INIT; }},
+    };
+    for (const auto& c : av) {
+        out = vesk_test::capture_stdout([&] { EXPECT_TRUE(c.second()) << c.first; });
+        EXPECT_NE(out.find(std::string("[UTL] ERROR! ") + c.first + "["), std::string::npos) << out;
+        EXPECT_NE(out.find("]:Utility Module Not Init"), std::string::npos) << out;
+    }
 
     out = vesk_test::capture_stdout([] { EXPECT_EQ(delete_probe(nullptr, "app.cpp", "quit"), VESK_ERR_NOT_INIT); });
     EXPECT_NE(out.find("app.cpp quit not init, s_ops_type = 0x0 not support\n"), std::string::npos) << out;

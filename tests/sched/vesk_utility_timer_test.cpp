@@ -201,6 +201,8 @@ TEST(TimerTest, CallbackDecidesContinueSuspendAndDeleteOnItsThreadGroup)
     const int before = s.runs;
     ASSERT_TRUE(wait_for([&] { return s.runs > before && timer_probe::waiting(scripted_cb, &s) == 1; }));
     const int suspended_at = s.runs;
+    // Registering it again refills the node but does not wake it.
+    ASSERT_EQ(vesk_utility_c_regist_timer(0x42, scripted_cb, 0x1234, 50, &s, VESK_TIMER_TASK_COMMON, 0), VESK_OK);
     pause_ms(300);
     EXPECT_EQ(s.runs, suspended_at) << "a suspended task ran without a wake-up";
 

@@ -151,6 +151,11 @@ TEST_F(JsonOperatorTest, SetCreatesPathsPadsArraysAndReplacesInPlace)
     for (const auto& stray : {std::make_pair("list[%d]", -1), {"deep[%d].x", 5000}})
         EXPECT_NE(capture_stdout([&] { j->execSetInt(stray.first, 1, stray.second); }).find("too far"), npos);
     EXPECT_EQ(content(j), "{\"list\":[null,8,null,7],\"grid\":[[],[9]],\"deep\":[]}");
+    // A leaf name keeps its first 63 characters; names on the way stay whole.
+    const std::string n63(63, 'n'), n70 = n63 + "_ignored";
+    j->execSetInt((n70 + "." + n70).c_str(), 3);
+    EXPECT_EQ(got(j, &V2::execTryGetInt, (n70 + "." + n63 + "_other").c_str()), rc_num(VESK_OK, 3));
+    EXPECT_NE(content(j).find("\"" + n70 + "\":{\"" + n63 + "\":3}"), npos) << content(j);
 
     ASSERT_EQ(j->loadData("{\"a\":1,\"b\":\"x\",\"c\":{\"d\":[1,2]}}"), VESK_OK);
     j->execSetStr("b", "y");

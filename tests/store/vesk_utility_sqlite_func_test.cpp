@@ -238,3 +238,53 @@ TEST(SqliteFuncTest, DamagedDatabaseIsReportedAsCorrupt)
         EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
     }
 }
+
+TEST(SqliteFuncTest, StatementsLongerThanTheirBufferAreNeverRun)
+{
+    sqlite3* db = make_db("long.db", 1);
+    ASSERT_EQ(vesk_utility_exec_sql_command(
+                  db, "INSERT INTO cam VALUES(1234567, 'far', 0, 0, NULL);", nullptr, nullptr, nullptr),
+        VESK_OK);
+    // Padded so that a statement cut at 1023 characters would end in "id = 1" and hit row 1.
+    const std::string prefix = "UPDATE cam SET bitrate = 9 WHERE ";
+    const std::string cond = std::string(1023 - prefix.size() - 6, ' ') + "id = 1234567";
+    ASSERT_EQ((prefix + cond).substr(0, 1023).substr(1017), "id = 1");
+    const int32_t nine = 9;
+    const int64_t nine64 = 9;
+    const struct {
+        const char *column, *fmt;
+        const void* value;
+        unsigned size;
+    } writes[] = {{"bitrate", "%d", &nine, 4}, {"bitrate", "%u", &nine, 4}, {"big", "%lld", &nine64, 8},
+        {"big", "%llu", &nine64, 8}, {"name", "%s", "9", 0}, {"data", "%B", "9", 1}};
+    for (const auto& w : writes) {
+        const std::string out = capture_stdout([&] {
+            EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", cond.c_str(), w.column, w.fmt, w.value, w.size),
+                VESK_ERR_INVALID_PARAM)
+                << w.fmt;
+        });
+        EXPECT_NE(out.find("exceeds its 1024-byte buffer, not run!"), std::string::npos) << out;
+    }
+    EXPECT_EQ(scalar(db, "SELECT group_concat(bitrate || big || name || ifnull(data, '-'), ',') FROM cam"),
+        "00cam001-,00far-");
+
+    // With less padding the whole statement (" ;" included) takes 1023 characters: it fits and
+    // reaches exactly the far row.
+    const std::string fits = cond.substr(cond.size() - (1023 - prefix.size() - 2));
+    EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", fits.c_str(), "bitrate", "%d", &nine, 4), VESK_OK);
+    EXPECT_EQ(scalar(db, "SELECT group_concat(bitrate, ',') FROM cam"), "0,9");
+
+    char buf[16] = "untouched";
+    const std::string long_name(200, 'c');
+    capture_stdout([&] {
+        EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", cond.c_str(), "bitrate", "%B", buf, sizeof(buf)),
+            VESK_ERR_INVALID_PARAM);
+        int num = -1;
+        EXPECT_EQ(vesk_utility_get_table_column_num(db, long_name.c_str(), &num), VESK_ERR_INVALID_PARAM);
+        EXPECT_EQ(num, -1);
+        EXPECT_EQ(vesk_utility_table_exists(db, "main", std::string(300, 'c').c_str()), 0);
+        EXPECT_EQ(vesk_utility_check_sql_corrupt(db, long_name.c_str()), 0);
+    });
+    EXPECT_STREQ(buf, "untouched");
+    EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
+}
