@@ -297,8 +297,9 @@ VESK_API VESK_ERR vesk_utility_toolnet_send(
     vesk_toolnet_handle handle, const void* data, unsigned len, unsigned timeout_ms, unsigned* sent);
 // Closes any handle. From another thread it returns when no callback of the handle runs any
 // more and its descriptor is closed; from the handle's own callback the rest happens when the
-// callback returns. Closing a listener leaves its connections open. VESK_ERR_INVALID_PARAM for
-// a handle that is not open.
+// callback returns. A connection its peer is ending is waited for (VESK_OK); once its close
+// callback has returned the handle is gone. Closing a listener leaves its connections open.
+// VESK_ERR_INVALID_PARAM for a handle that is not open.
 VESK_API VESK_ERR vesk_utility_toolnet_close(vesk_toolnet_handle handle);
 // The local port of a socket (for port 0 binds).
 VESK_API VESK_ERR vesk_utility_toolnet_local_port(vesk_toolnet_handle handle, unsigned short* port);

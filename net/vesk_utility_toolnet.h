@@ -25,7 +25,7 @@ constexpr unsigned k_toolnet_events = 32; // epoll events per wait
 constexpr unsigned k_toolnet_default_timeout_ms = 5000;
 constexpr unsigned k_toolnet_udp_send_wait_ms = 1000;
 
-// One socket of a table. Sizes: about 64 bytes on the target, 208 entries in all.
+// One socket of a table: 80 bytes on the target, 208 entries (16,640 bytes) in all.
 struct vesk_toolnet_entry {
     int fd;
     uint32_t gen; // grows at every allocation: stale epoll events are recognised by it
@@ -47,6 +47,9 @@ struct vesk_toolnet_entry {
     uint64_t rx_bytes;
     uint64_t tx_bytes;
 };
+#if UINTPTR_MAX == 0xFFFFFFFFu
+static_assert(sizeof(vesk_toolnet_entry) == 80, "a Toolnet entry is 80 bytes on the target");
+#endif
 
 // Thread safety: m_lock guards the tables, free lists and every entry field but the counters
 // the event thread alone writes (rx_*). Callbacks run without it. The event thread never

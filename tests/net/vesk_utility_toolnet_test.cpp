@@ -622,5 +622,7 @@ TEST_F(ToolnetTest, ConsoleListsTheUdpAndTcpSocketsThroughTheTimer)
     m_fds = open_fds() - 4;
     for (vesk_toolnet_handle h : {c, l, u})
         EXPECT_EQ(vesk_utility_toolnet_close(h), VESK_OK);
+    // The accepted end reports its peer's close into `in`: wait for it while `in` lives.
+    EXPECT_TRUE(wait_for([&] { return in.closes == 1; }));
 }
 #endif
