@@ -23,7 +23,9 @@
 #include "test_support.h"
 #include "vesk_utility.h"
 #include "api/vesk_utility_resource.h"
+#include "core/vesk_utility_ground.h"
 #include "core/vesk_utility_mem_layout.h"
+#include "core/vesk_utility_pool.h"
 #include "sched/vesk_utility_thread_pool.h"
 
 using namespace vesk_soft;
@@ -59,11 +61,18 @@ public:
         ASSERT_EQ(p.save_thr_hand(h, ctl, name), VESK_OK);
     }
     static void add_head(utility_thread_pool& p, vesk_thread_record* r) { p.add_node_head(r); }
-    // The accounted owner (user id, purpose) of a thread's record.
+    // The accounted owner (user id, purpose) of a thread's record: from its pool node where the
+    // record is small enough for the little-memory pool (the 32-bit target), else its block.
     static std::pair<uint32_t, uint32_t> owner(utility_thread_pool& p, unsigned long h)
     {
         held g(p);
         const vesk_thread_record* n = p.find_node(h);
+        utility_little_mem_pool* little = vesk_ground::instance()->little_mem_pool_if_built();
+        unsigned size = 0;
+        if (n != nullptr && little != nullptr && little->get_mem_size(__FILE__, __func__, n, size) == VESK_OK) {
+            const auto* node = reinterpret_cast<const utility_string_pool_mem_node*>(n) - 1;
+            return {node->usr_id, node->purpose};
+        }
         return n != nullptr ? std::make_pair(mem_head_of(n)->caller_id, mem_head_of(n)->purpose)
                             : std::make_pair(0u, 0u);
     }
