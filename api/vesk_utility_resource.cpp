@@ -24,6 +24,8 @@
 #include "core/vesk_utility_system.h"
 #include "sched/vesk_utility_timer.h"
 #include "sched/vesk_utility_watch_dog.h"
+#include "net/vesk_utility_url_operate.h"
+#include "net/vesk_utility_toolnet.h"
 
 namespace vesk_utility {
 
@@ -187,6 +189,11 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         VESK_ASSERT(0);
     }
     ground->install_services(diagnose, system_client);
+    // libcurl keeps the allocator of its first global init: every byte it takes from here on
+    // is accounted (user 0x83, purpose 0x130400); the init after it only counts a reference.
+    const int curl_rc = vesk_url_install_allocator();
+    if (curl_rc != 0)
+        VESK_ERR_FN("curl_global_init_mem fail, rc = %d: libcurl's heap is not accounted\n", curl_rc);
     curl_global_init(CURL_GLOBAL_ALL);
     if (ops == VESK_UTILITY_OPS_MAIN_APP) {
         m_timer = new_accounted<vesk_utility_timer>(k_purpose_timer);
@@ -202,6 +209,9 @@ void vesk_utility_res_manage::construct_res(vesk_utility_ops_type ops)
         m_event_manage = nullptr;
         m_watch_dog_manage = nullptr;
     }
+    // Toolnet exists in both roles; its tables and thread come with vesk_utiltiy_net_start.
+    m_toolnet = new_accounted<vesk_toolnet>(k_purpose_toolnet);
+    vesk_service<vesk_toolnet_diag>::install(m_toolnet);
     regist_diag_clients(ops);
     // The ground services poll on the timer: the agent's socket once a second (the first time
     // 30 s from now), the command client's answers every 100 ms. The proxy server, which has
@@ -241,6 +251,12 @@ vesk_utility_timer* vesk_utility_res_manage::get_timer()
 {
     VESK_ASSERT(m_timer != NULL);
     return m_timer;
+}
+
+vesk_toolnet* vesk_utility_res_manage::get_toolnet()
+{
+    VESK_ASSERT(m_toolnet != NULL);
+    return m_toolnet;
 }
 
 vesk_utility_watch_dog_manage* vesk_utility_res_manage::get_watch_dog_manage()

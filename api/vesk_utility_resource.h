@@ -16,6 +16,7 @@ class vesk_utility_timer;
 class vesk_utility_event_manage;
 class vesk_utility_watch_dog_manage;
 class utility_thread_pool;
+class vesk_toolnet;
 
 class vesk_utility_res_manage final : public vesk_soft::vesk_diagnose_client {
 public:
@@ -33,6 +34,7 @@ public:
     vesk_utility_timer* get_timer();
     vesk_utility_watch_dog_manage* get_watch_dog_manage();
     vesk_utility_event_manage* get_event_manage();
+    vesk_toolnet* get_toolnet();
 
     // 0 physical-memory detail; 1 total; 2 by module; 3 all locks; 4 handles; 5 endless
     // summary every 15 s until the console goes away; 6 note and class counters; 7 held
@@ -51,6 +53,7 @@ private:
     vesk_utility_event_manage* m_event_manage = nullptr;      // NULL for the proxy server
     vesk_utility_watch_dog_manage* m_watch_dog_manage = nullptr;  // NULL for the proxy server
     utility_thread_pool* m_thread_pool = nullptr;
+    vesk_toolnet* m_toolnet = nullptr;
 };
 
 }  // namespace vesk_utility

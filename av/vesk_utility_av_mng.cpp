@@ -259,6 +259,10 @@ void vesk_utility_av_mng::proc_push_av_block(vesk_av_stream_list& blks, vesk_IPC
     av_blk->block = block;
     av_blk->pending_str_usr = 0xFFFFFFFF;
     av_blk->pending_snap_usr = 0xFFFFFFFF;
+    // The first measuring period starts with the stream, so that the first rate covers a
+    // whole period of it.
+    if (blks.next_blk_id == k_av_first_blk_id)
+        blks.stat.period_start = av_now();
     if (blks.head == nullptr) {
         VESK_ASSERT(blks.blk_cnt == 0);
         blks.head = av_blk;
@@ -517,15 +521,23 @@ VESK_ERR vesk_utility_av_mng::delete_av_reader(vesk_av_reader* reader, const cha
         return VESK_OK;
     }
     vesk_av_reader_v1* r = static_cast<vesk_av_reader_v1*>(reader);
+    bool registered = false;
     {
         std::lock_guard<std::mutex> guard(s_av_lock);
-        for (vesk_av_reader_v1*& slot : m_readers) {
+        for (vesk_av_reader_v1*& slot : m_readers) { // O(320)
             if (slot == r) {
                 slot = nullptr;
                 m_reader_cnt--;
+                registered = true;
                 break;
             }
         }
+    }
+    // Not ours (never made here, or deleted already): the object may be gone, so it is not
+    // even looked at.
+    if (!registered) {
+        VESK_LOG_ERR(k_cls, "%s, %s delete invalid!\n", file != nullptr ? file : "", func != nullptr ? func : "");
+        VESK_ASSERT(0);
     }
     if (!r->is_free()) {
         if (file != nullptr && func != nullptr)

@@ -356,6 +356,10 @@ VESK_ERR vesk_av_reader_v1::get_frame(
     int32_t i = -1;
     fetch_out out {};
     const uint32_t ret = proc_get_frame(str_type, list, flag, b, i, out);
+    // A history moved past a dropped block belongs to this list even when nothing was handed
+    // out: the next call resumes there instead of dropping the same block again.
+    if (r.last_blk_id != 0)
+        m_last_ipc_idx[str_type] = ipc;
     if (ret == FETCH_OK) {
         if (out.copy) {
             m_reader_info.extra_ref_cnt++;

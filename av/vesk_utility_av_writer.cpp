@@ -1,6 +1,7 @@
 // vesk_utility_av_writer - the block writer through which receiving modules feed the cache:
 // accounted block allocation, frame nodes and index, key flags and times, continuation of a
 // frame into the following blocks, and the final mark.
+#include <cstdint>
 #include <cstring>
 
 #include "av/vesk_utility_av_mng.h"
@@ -79,6 +80,11 @@ VESK_ERR av_writer_put(
         return VESK_ERR_INVALID_PARAM;
     }
     VESK_ASSERT(header->uiStartId == VESK_FRAME_STARTCODE);
+    // The stored frame (header and payload) is measured in 32 bits.
+    if (header->uiLength > UINT32_MAX - sizeof(_tagVeskFrameHeader)) {
+        VESK_ERR_FN("uiLength = %u, frame too long!\n", header->uiLength);
+        return VESK_ERR_INVALID_PARAM;
+    }
     pthread_mutex_t* lock = &mng->chn_blocks(w->ipc_idx).lock;
     const uint32_t frame_len = sizeof(_tagVeskFrameHeader) + header->uiLength;
 

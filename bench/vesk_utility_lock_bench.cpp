@@ -58,9 +58,59 @@ void vesk_lock_contended(benchmark::State& state)
     }
 }
 
+pthread_rwlock_t s_rwlock = PTHREAD_RWLOCK_INITIALIZER;
+
+vesk_rw_lock* shared_rw_lock()
+{
+    static vesk_rw_lock* s_lock = vesk_utility_new_rw_lock(0x40, "bench rw");
+    return s_lock;
+}
+
+void baseline_rw_write_unlock(benchmark::State& state)
+{
+    for (auto _ : state) {
+        pthread_rwlock_wrlock(&s_rwlock);
+        s_counter++;
+        pthread_rwlock_unlock(&s_rwlock);
+    }
+}
+
+void vesk_rw_write_unlock(benchmark::State& state)
+{
+    vesk_rw_lock* lk = shared_rw_lock();
+    for (auto _ : state) {
+        lk->wr_lock(__FILE__, __func__);
+        s_counter++;
+        lk->unlock(__FILE__, __func__);
+    }
+}
+
+void baseline_rw_read_unlock(benchmark::State& state)
+{
+    for (auto _ : state) {
+        pthread_rwlock_rdlock(&s_rwlock);
+        benchmark::DoNotOptimize(s_counter);
+        pthread_rwlock_unlock(&s_rwlock);
+    }
+}
+
+void vesk_rw_read_unlock(benchmark::State& state)
+{
+    vesk_rw_lock* lk = shared_rw_lock();
+    for (auto _ : state) {
+        lk->rd_lock();
+        benchmark::DoNotOptimize(s_counter);
+        lk->unlock(__FILE__, __func__);
+    }
+}
+
 } // namespace
 
 BENCHMARK(baseline_lock_unlock)->UseRealTime();
 BENCHMARK(vesk_lock_unlock)->UseRealTime();
 BENCHMARK(baseline_lock_contended)->Threads(2)->UseRealTime();
 BENCHMARK(vesk_lock_contended)->Threads(2)->UseRealTime();
+BENCHMARK(baseline_rw_write_unlock)->UseRealTime();
+BENCHMARK(vesk_rw_write_unlock)->UseRealTime();
+BENCHMARK(baseline_rw_read_unlock)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(vesk_rw_read_unlock)->Threads(1)->Threads(2)->UseRealTime();

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "vesk_bench_working_set.h"
 #include "vesk_utility.h"
 
 using namespace vesk_soft;
@@ -68,9 +69,51 @@ void vesk_strdup_free(benchmark::State& state)
     }
 }
 
+// A working set of live blocks: each step frees a random one and allocates one of random size.
+void baseline_little_working_set(benchmark::State& state)
+{
+    vesk_bench::run_working_set(state, [](uint32_t size) { return malloc(size); }, [](void* p) { free(p); });
+}
+
+void vesk_little_working_set(benchmark::State& state)
+{
+    keep_pools_resident();
+    vesk_bench::run_working_set(
+        state, [](uint32_t size) { return vesk_utility_malloc(0x40, 0x4007, size, 4); },
+        [](void* p) { vesk_utility_free(__FILE__, __func__, p); });
+}
+
+// The same with strings of 16 to range(0) bytes including the NUL.
+const char* pattern_text()
+{
+    static const std::string s_text(4096, 's');
+    return s_text.c_str();
+}
+
+void baseline_strdup_working_set(benchmark::State& state)
+{
+    const char* text = pattern_text();
+    vesk_bench::run_working_set(
+        state, [text](uint32_t size) { return static_cast<void*>(strndup(text, size - 1)); },
+        [](void* p) { free(p); });
+}
+
+void vesk_strdup_working_set(benchmark::State& state)
+{
+    keep_pools_resident();
+    const char* text = pattern_text();
+    vesk_bench::run_working_set(
+        state, [text](uint32_t size) { return static_cast<void*>(vesk_utility_strdup(0x40, 0x4008, text, size - 1)); },
+        [](void* p) { vesk_utility_free(__FILE__, __func__, p); });
+}
+
 } // namespace
 
 BENCHMARK(baseline_little_malloc_free)->Arg(16)->Arg(64)->Arg(256)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(vesk_little_malloc_free)->Arg(16)->Arg(64)->Arg(256)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(baseline_strdup_free)->Arg(16)->Arg(64)->Arg(256)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(vesk_strdup_free)->Arg(16)->Arg(64)->Arg(256)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(baseline_little_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(vesk_little_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(baseline_strdup_working_set)->Arg(512)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(vesk_strdup_working_set)->Arg(512)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();

@@ -3,6 +3,7 @@
 // holding thread, an unlock of a free lock and the destruction of a held lock end the process.
 #include "core/vesk_utility_lock.h"
 
+#include <link.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_ground.h"
@@ -58,6 +60,88 @@ void join_caller(char (&dst)[k_lock_holder_size], const char* file, const char* 
         n += m;
     }
     dst[n] = '\0';
+}
+
+// Read-only segments of the loaded objects, where string literals and __func__ live. Append
+// only: an entry is written before the count that publishes it. Objects loaded later are
+// picked up by a rescan, at most one a second.
+struct ro_range {
+    uintptr_t lo, hi;
+};
+constexpr unsigned k_max_ro = 64;
+ro_range s_ro[k_max_ro];
+std::atomic<unsigned> s_ro_count {0};
+std::atomic<time_t> s_ro_scanned {0};
+std::mutex s_ro_lock;
+
+bool in_ro(uintptr_t p)
+{
+    const unsigned n = s_ro_count.load(std::memory_order_acquire);
+    for (unsigned i = 0; i < n; i++) {
+        if (s_ro[i].lo <= p && p < s_ro[i].hi)
+            return true;
+    }
+    return false;
+}
+
+int collect_ro(dl_phdr_info* info, size_t, void*)
+{
+    for (int i = 0; i < info->dlpi_phnum; i++) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        if (ph.p_type != PT_LOAD || (ph.p_flags & PF_W) != 0)
+            continue;
+        const uintptr_t lo = info->dlpi_addr + ph.p_vaddr;
+        const unsigned n = s_ro_count.load(std::memory_order_relaxed);
+        if (in_ro(lo) || n == k_max_ro)
+            continue;
+        s_ro[n] = {lo, lo + ph.p_memsz};
+        s_ro_count.store(n + 1, std::memory_order_release);
+    }
+    return 0;
+}
+
+// True when the text at p cannot change: it lies in a read-only segment.
+bool is_immutable(const char* text)
+{
+    const uintptr_t p = reinterpret_cast<uintptr_t>(text);
+    if (in_ro(p))
+        return true;
+    const time_t now = time(nullptr);
+    if (s_ro_scanned.load(std::memory_order_relaxed) == now)
+        return false;
+    std::lock_guard<std::mutex> guard(s_ro_lock);
+    s_ro_scanned.store(now, std::memory_order_relaxed);
+    dl_iterate_phdr(collect_ro, nullptr);
+    return in_ro(p);
+}
+
+// The joined texts of the last few callers of this thread whose strings are immutable
+// (literals: __FILE__, __func__): the join is done once per call site and thread, and each
+// acquisition copies the finished 64 bytes. A text in writable memory is joined every time,
+// so the copy always shows what the caller passed.
+struct caller_text {
+    const char* file;
+    const char* func;
+    char text[k_lock_holder_size];
+};
+constexpr unsigned k_caller_cache = 8;
+__attribute__((tls_model("initial-exec"))) thread_local caller_text t_callers[k_caller_cache];
+
+void copy_caller(char (&dst)[k_lock_holder_size], const char* file, const char* func)
+{
+    const uintptr_t key = reinterpret_cast<uintptr_t>(file) ^ (reinterpret_cast<uintptr_t>(func) >> 3);
+    caller_text& c = t_callers[(key ^ (key >> 7)) % k_caller_cache];
+    if (c.file != file || c.func != func || c.file == nullptr) {
+        if (file == nullptr || func == nullptr || !is_immutable(file) || !is_immutable(func)) {
+            join_caller(dst, file, func);
+            return;
+        }
+        memset(c.text, 0, sizeof(c.text));
+        join_caller(c.text, file, func);
+        c.file = file;
+        c.func = func;
+    }
+    memcpy(dst, c.text, k_lock_holder_size);
 }
 
 void set_no_usr(char (&dst)[k_lock_holder_size])
@@ -153,7 +237,7 @@ void vesk_lock_realize::record(const char* op, const char* file, const char* fun
         vesk_assert_fail(__FILE__, op, __LINE__, "0");
     }
     m_lock_cnt.store(1, std::memory_order_relaxed);
-    join_caller(m_holder, file, func);
+    copy_caller(m_holder, file, func);
     m_holder_thread.store(pthread_self(), std::memory_order_relaxed);
     m_lock_time.store(time(nullptr), std::memory_order_relaxed);
 }
@@ -207,9 +291,12 @@ VESK_ERR vesk_lock_realize::unlock(const char* file, const char* func)
         VESK_LOG_ERR(k_cls_lock, "'%s' init fail!\n", m_name);
         return VESK_ERR_LOCK_NOT_INIT;
     }
-    // Exchange, not load and store: of two threads releasing the same hold, the second
-    // finds 0 and is stopped instead of unlocking the mutex twice.
-    const int32_t cnt = m_lock_cnt.exchange(0, std::memory_order_relaxed);
+    // A load and a store, not an exchange: the locked instruction would cost more than the
+    // mutex itself. A second release after the first is stopped here; two releases of one
+    // hold racing each other on two threads may both pass, as with a bare mutex.
+    const int32_t cnt = m_lock_cnt.load(std::memory_order_relaxed);
+    if (cnt == 1)
+        m_lock_cnt.store(0, std::memory_order_relaxed);
     if (cnt != 1) {
         VESK_LOG_ERR(k_cls_lock, "'%s' lock_cnt = %d, '%s %s' illegal unlock?\n", m_name, cnt, file, func);
         vesk_assert_fail(__FILE__, __func__, __LINE__, "0");
@@ -291,19 +378,24 @@ vesk_rw_lock_realize::~vesk_rw_lock_realize()
 
 void vesk_rw_lock_realize::add_cnt()
 {
-    pthread_mutex_lock(&m_cnt_mutex);
-    if (m_cnt == 0)
-        m_lock_time = time(nullptr);
-    m_cnt++;
-    pthread_mutex_unlock(&m_cnt_mutex);
+    if (m_cnt.fetch_add(1, std::memory_order_relaxed) == 0)
+        m_lock_time.store(time(nullptr), std::memory_order_relaxed);
+}
+
+// REQUIRES: the write lock just taken. Every earlier holder's count update happened before
+// (through the rwlock) and no other holder is inside, so plain loads and stores suffice.
+void vesk_rw_lock_realize::add_writer(const char* file, const char* func)
+{
+    const int32_t cnt = m_cnt.load(std::memory_order_relaxed);
+    if (cnt == 0)
+        m_lock_time.store(time(nullptr), std::memory_order_relaxed);
+    m_cnt.store(cnt + 1, std::memory_order_relaxed);
+    copy_caller(m_writer, file, func);
 }
 
 int32_t vesk_rw_lock_realize::get_cnt()
 {
-    pthread_mutex_lock(&m_cnt_mutex);
-    const int32_t cnt = m_cnt;
-    pthread_mutex_unlock(&m_cnt_mutex);
-    return cnt;
+    return m_cnt.load(std::memory_order_relaxed);
 }
 
 VESK_ERR vesk_rw_lock_realize::rd_lock()
@@ -343,8 +435,7 @@ VESK_ERR vesk_rw_lock_realize::wr_lock(const char* file, const char* func)
         VESK_LOG_ERR(k_cls_rw, "'%s' is locked %d times, wr_lock usr is '%s'\n", m_name, get_cnt(), m_writer);
         exit(-1);
     }
-    add_cnt();
-    join_caller(m_writer, file, func);
+    add_writer(file, func);
     return VESK_OK;
 }
 
@@ -360,28 +451,33 @@ VESK_ERR vesk_rw_lock_realize::wr_trylock(const char* file, const char* func, un
     }
     if (rc != 0)
         return VESK_ERR_LOCK_BUSY;
-    add_cnt();
-    join_caller(m_writer, file, func);
+    add_writer(file, func);
     return VESK_OK;
 }
 
 VESK_ERR vesk_rw_lock_realize::unlock(const char* file, const char* func)
 {
     VESK_RW_REQUIRE_INIT();
-    pthread_mutex_lock(&m_cnt_mutex);
-    const int32_t cnt = m_cnt;
-    if (cnt < 1) {
-        pthread_mutex_unlock(&m_cnt_mutex);
-        VESK_LOG_ERR(
-            k_cls_rw, "'%s' is locked %d times, wr_lock usr is '%s' %s %s\n", m_name, cnt, m_writer, file, func);
-        exit(-1);
+    int32_t cnt = m_cnt.load(std::memory_order_relaxed);
+    for (;;) {
+        if (cnt < 1) {
+            VESK_LOG_ERR(
+                k_cls_rw, "'%s' is locked %d times, wr_lock usr is '%s' %s %s\n", m_name, cnt, m_writer, file, func);
+            exit(-1);
+        }
+        if (cnt == 1) {
+            const time_t since = m_lock_time.load(std::memory_order_relaxed);
+            m_lock_time.store(0, std::memory_order_relaxed);
+            if (m_cnt.compare_exchange_strong(cnt, 0, std::memory_order_relaxed)) {
+                set_no_usr(m_writer);
+                break;
+            }
+            // A reader came in meanwhile (its count did not start from 0): its hold keeps the time.
+            m_lock_time.store(since, std::memory_order_relaxed);
+        } else if (m_cnt.compare_exchange_weak(cnt, cnt - 1, std::memory_order_relaxed)) {
+            break;
+        }
     }
-    m_cnt = cnt - 1;
-    if (m_cnt == 0)
-        m_lock_time = 0;
-    if (cnt == 1)
-        set_no_usr(m_writer);
-    pthread_mutex_unlock(&m_cnt_mutex);
     pthread_rwlock_unlock(&m_rwlock);
     // Deliberately nonzero on success; callers ignore the result of unlock.
     return VESK_ERR_LOCK_BUSY;
@@ -389,10 +485,11 @@ VESK_ERR vesk_rw_lock_realize::unlock(const char* file, const char* func)
 
 int vesk_rw_lock_realize::get_state(char* buf, unsigned len)
 {
-    pthread_mutex_lock(&m_cnt_mutex);
-    const int32_t cnt = m_cnt;
-    const time_t since = m_lock_time;
-    pthread_mutex_unlock(&m_cnt_mutex);
+    const int32_t cnt = m_cnt.load(std::memory_order_relaxed);
+    time_t since = m_lock_time.load(std::memory_order_relaxed);
+    // A hold that has just begun or ended may show its count before its time.
+    if (since == 0)
+        since = time(nullptr);
     if (buf == nullptr || len == 0)
         return cnt;
     buf[0] = '\0';

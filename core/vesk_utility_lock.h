@@ -88,8 +88,12 @@ private:
     std::atomic<time_t> m_lock_time { 0 };
 };
 
-// Lock order: m_rwlock, then m_cnt_mutex (never the other way round). m_cnt_mutex guards
-// m_cnt and m_lock_time; m_writer is written by the writer inside the lock and by the last
+// m_cnt and m_lock_time are atomics, so that a lock and an unlock add one locked instruction
+// (a reader's) or none (a writer's, which is alone inside) to those of the rwlock itself:
+// m_lock_time is set by whoever takes the count from 0 to 1 and cleared by whoever takes it
+// from 1 to 0 (cleared before the count drops and restored if another holder came in
+// meanwhile, so it is never 0 for a hold that began earlier). m_cnt_mutex stays for the
+// layout and is not taken. m_writer is written by the writer inside the lock and by the last
 // unlocker, and read unlocked by the dumps.
 class vesk_rw_lock_realize final : public vesk_soft::vesk_rw_lock, public vesk_lock_heap<k_purpose_rw_lock>
 {
@@ -106,16 +110,17 @@ public:
     int get_locked_info(char* buf, unsigned len) override;
 
 private:
-    void add_cnt(); // the hold-count helpers, each under m_cnt_mutex
+    void add_cnt(); // a reader's hold; a writer counts itself in wr_lock/wr_trylock
+    void add_writer(const char* file, const char* func);
     int32_t get_cnt();
 
     pthread_rwlock_t m_rwlock;
     int32_t m_init_flag;
-    int32_t m_cnt = 0; // GUARDED_BY(m_cnt_mutex)
+    std::atomic<int32_t> m_cnt { 0 };
     char m_name[k_lock_name_size];
     pthread_mutex_t m_cnt_mutex;
     char m_writer[k_lock_holder_size];
-    time_t m_lock_time = 0; // GUARDED_BY(m_cnt_mutex)
+    std::atomic<time_t> m_lock_time { 0 };
 };
 
 // A condition variable on the monotonic clock with no predicate: a signal reaches only a

@@ -4,7 +4,10 @@
 #ifndef VESK_UTILITY_LOG_H
 #define VESK_UTILITY_LOG_H
 
+#include <pthread.h>
+
 #include <cstdarg>
+#include <cstdint>
 
 namespace vesk_utility {
 
@@ -22,6 +25,29 @@ int vesk_print_stdout(const char* fmt, ...) __attribute__((format(printf, 1, 2))
 // Prints the red assertion block and calls exit(-1).
 [[noreturn]] void vesk_assert_fail(const char* file, const char* func, int line, const char* cond);
 
+// One call site's memory of the message it printed last, for messages that can repeat without
+// end (a periodic task that meets the same fault on every pass). Lives in a static at the site.
+struct vesk_log_site {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    bool used = false;
+    uint64_t hash = 0; // of the formatted text
+    uint32_t count = 0; // repeats counted, not printed, since the last line of the site
+    int64_t last_ms = 0; // monotonic time of the last occurrence
+    int64_t run_ms = 0; // when the run was last printed or summarised
+};
+constexpr int64_t k_log_repeat_window_ms = 10000;
+constexpr int64_t k_log_repeat_summary_ms = 60000;
+
+// vesk_log for a repeating site: a message identical to the site's last one within
+// k_log_repeat_window_ms of it is counted instead of printed; "last message repeated %u times"
+// (with the site's prefix) closes the run when the text changes, a gap ends it, or every
+// k_log_repeat_summary_ms while it lasts.
+void vesk_log_repeat(vesk_log_site& site, vesk_log_level level, const char* cls, const char* func, int line,
+    const char* fmt, ...) __attribute__((format(printf, 6, 7)));
+// The same at a given monotonic time (tests drive the clock).
+void vesk_log_repeat_at(int64_t now_ms, vesk_log_site& site, vesk_log_level level, const char* cls, const char* func,
+    int line, const char* fmt, ...) __attribute__((format(printf, 7, 8)));
+
 }  // namespace vesk_utility
 
 #define VESK_LOG_ERR(cls, ...) \
@@ -32,6 +58,15 @@ int vesk_print_stdout(const char* fmt, ...) __attribute__((format(printf, 1, 2))
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::debug, cls, __func__, __LINE__, __VA_ARGS__)
 #define VESK_LOG_PLAIN(cls, ...) \
     ::vesk_utility::vesk_log(::vesk_utility::vesk_log_level::plain, cls, __func__, __LINE__, __VA_ARGS__)
+// Repeating forms: one vesk_log_site per call site.
+#define VESK_LOG_REPEAT(level, cls, ...)                                                                   \
+    do {                                                                                                 \
+        static ::vesk_utility::vesk_log_site s_log_site_;                                                \
+        ::vesk_utility::vesk_log_repeat(s_log_site_, ::vesk_utility::vesk_log_level::level, cls, __func__, \
+            __LINE__, __VA_ARGS__);                                                                      \
+    } while (0)
+#define VESK_LOG_ERR_REPEAT(cls, ...) VESK_LOG_REPEAT(error, cls, __VA_ARGS__)
+#define VESK_LOG_WARN_REPEAT(cls, ...) VESK_LOG_REPEAT(warning, cls, __VA_ARGS__)
 // Free-function forms: "[UTL] ERROR! <func>[<line>]:".
 #define VESK_ERR_FN(...) VESK_LOG_ERR(nullptr, __VA_ARGS__)
 #define VESK_WARN_FN(...) VESK_LOG_WARN(nullptr, __VA_ARGS__)

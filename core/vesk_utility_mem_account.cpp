@@ -187,6 +187,18 @@ uint32_t vesk_mem_account::total_size()
     return m_total;
 }
 
+uint32_t vesk_mem_account::total_of(vesk_user_id usr_id, vesk_memmory_purpose purpose)
+{
+    mutex_guard guard(m_lock);
+    uint32_t total = 0;
+    for (uintptr_t a = m_head; a != 0; a = head_at(a)->next) {
+        const vesk_mem_head* h = head_at(a);
+        if (h->caller_id == usr_id && h->purpose == purpose)
+            total += h->malloc_size2;
+    }
+    return total;
+}
+
 uint32_t vesk_mem_account::live_blocks()
 {
     mutex_guard guard(m_lock);
@@ -411,11 +423,10 @@ VESK_ERR block_size(const char* file, const char* func, const void* p, unsigned&
 void* vesk_realloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, void* p, unsigned size, const char* file,
                    const char* func, unsigned align)
 {
-    if (p == nullptr) {
-        // realloc(NULL, 0) allocates nothing, like the C library's.
-        return size != 0 ? vesk_malloc(usr_id, purpose, size, align) : nullptr;
-    }
-    if (size == 0) {
+    if (p == nullptr && size != 0)
+        return vesk_malloc(usr_id, purpose, size, align);
+    // (NULL, 0) falls through to the size lookup, which reports the NULL block.
+    if (size == 0 && p != nullptr) {
         VESK_DBG_FN("caller_id = 0x%x, purpose = 0x%x, free old1\n", usr_id, purpose);
         vesk_free(file, func, p);
         return nullptr;

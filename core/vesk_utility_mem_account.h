@@ -42,6 +42,8 @@ public:
     // Sum of the caller sizes of all live blocks, and their number.
     uint32_t total_size();
     uint32_t live_blocks();
+    // Sum of the caller sizes of the live blocks of one caller and purpose; O(live blocks).
+    uint32_t total_of(vesk_user_id usr_id, vesk_memmory_purpose purpose);
 
     // "NVR2.0 model_layer total malloc size = ..." from the total.
     void dump_total(print_fn print);

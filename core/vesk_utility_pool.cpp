@@ -3,12 +3,14 @@
 // and the diagnosis of every bad free before the process is stopped.
 #include "core/vesk_utility_pool.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "core/vesk_utility_guard.h"
 #include "core/vesk_utility_fault.h"
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_pool_index.h"
 
 namespace vesk_utility
 {
@@ -84,25 +86,79 @@ uint32_t utility_pool_base::chunk_count()
     return n;
 }
 
+bool utility_pool_base::index_room()
+{
+    if (m_index_count < m_index_cap)
+        return true;
+    const uint32_t cap = m_index_cap == 0 ? 4 : m_index_cap * 2;
+    pool_fit_index** grown = static_cast<pool_fit_index**>(vesk_sys_malloc(sizeof(pool_fit_index*) * cap));
+    if (grown == nullptr)
+        return false;
+    if (m_index_count != 0)
+        memcpy(grown, m_index, sizeof(pool_fit_index*) * m_index_count);
+    free(m_index);
+    m_index = grown;
+    m_index_cap = cap;
+    return true;
+}
+
+bool utility_pool_base::may_own(const void* ptr) const
+{
+    const uintptr_t p = reinterpret_cast<uintptr_t>(ptr);
+    return m_lo.load(std::memory_order_relaxed) <= p && p <= m_hi.load(std::memory_order_relaxed);
+}
+
+void utility_pool_base::update_bounds()
+{
+    uintptr_t lo = UINTPTR_MAX;
+    uintptr_t hi = 0;
+    for (uint32_t i = 0; i < m_index_count; i++) {
+        const utility_pool_chunk* c = m_index[i]->chunk();
+        const uintptr_t begin = reinterpret_cast<uintptr_t>(c->chunk_addr);
+        lo = begin < lo ? begin : lo;
+        hi = begin + c->area_size > hi ? begin + c->area_size : hi;
+    }
+    m_lo.store(lo, std::memory_order_relaxed);
+    m_hi.store(hi, std::memory_order_relaxed);
+}
+
 utility_pool_chunk* utility_pool_base::creat_chunk(bool must_succeed)
 {
-    VESK_CHAR* buf = static_cast<VESK_CHAR*>(heap().proc_vesk_malloc(VESK_USER_UTILITY, m_purpose, m_chunk_size, 4));
+    VESK_CHAR* buf = nullptr;
+    // Without room for its search structures a chunk is as unobtainable as without memory.
+    if (index_room())
+        buf = static_cast<VESK_CHAR*>(heap().proc_vesk_malloc(VESK_USER_UTILITY, m_purpose, m_chunk_size, 4));
+    pool_fit_index* index = nullptr;
+    if (buf != nullptr) {
+        utility_pool_chunk* chunk = reinterpret_cast<utility_pool_chunk*>(buf);
+        memset(buf, 0, k_pool_chunk_head_size + k_pool_node_head_size);
+        chunk->chunk_addr = buf + k_pool_chunk_head_size;
+        chunk->area_size = m_chunk_size - k_pool_chunk_head_size;
+        index = pool_fit_index::create(chunk);
+        if (index == nullptr) {
+            heap().proc_vesk_free(__FILE__, __func__, buf);
+            buf = nullptr;
+        }
+    }
     if (must_succeed)
         VESK_ASSERT(buf != NULL);
     if (buf == nullptr)
         return nullptr;
     utility_pool_chunk* chunk = reinterpret_cast<utility_pool_chunk*>(buf);
-    memset(buf, 0, k_pool_chunk_head_size + k_pool_node_head_size);
-    chunk->chunk_addr = buf + k_pool_chunk_head_size;
-    chunk->area_size = m_chunk_size - k_pool_chunk_head_size;
     pool_node* node = reinterpret_cast<pool_node*>(chunk->chunk_addr);
     node->mem_ofset = k_pool_node_head_size;
     node->mem_size = chunk->area_size - k_pool_node_head_size;
     chunk->empty_head = node;
+    index->add_to_bins(node);
+    index->add_to_directory(node);
     chunk->next = m_chunk_head;
     if (m_chunk_head != nullptr)
         m_chunk_head->prev = chunk;
     m_chunk_head = chunk;
+    memmove(m_index + 1, m_index, sizeof(pool_fit_index*) * m_index_count);
+    m_index[0] = index;
+    m_index_count++;
+    update_bounds();
     m_total_mem_size += m_chunk_size;
     return chunk;
 }
@@ -110,27 +166,22 @@ utility_pool_chunk* utility_pool_base::creat_chunk(bool must_succeed)
 VESK_CHAR* utility_pool_base::take_node(
     vesk_user_id usr_id, vesk_memmory_purpose purpose, uint32_t need, uint32_t usr_size)
 {
-    // First chunk with room wins; within it best fit, first among equals. O(chunks + empty
-    // nodes of the chunks visited).
-    utility_pool_chunk* chunk;
+    // First chunk with room wins; within it best fit, first in address order among equals.
+    // The chunks' indexes find that node without walking the empty lists.
+    pool_fit_index* index = nullptr;
     pool_node* best = nullptr;
-    for (chunk = m_chunk_head; chunk != nullptr; chunk = chunk->next) {
-        for (pool_node* n = chunk->empty_head; n != nullptr; n = n->next) {
-            if (n->mem_size == need) {
-                best = n;
-                break;
-            }
-            if (n->mem_size > need && (best == nullptr || n->mem_size < best->mem_size))
-                best = n;
-        }
-        if (best != nullptr)
-            break;
+    for (uint32_t i = 0; i < m_index_count && best == nullptr; i++) {
+        index = m_index[i];
+        best = index->best_fit(need);
     }
     if (best == nullptr)
         return nullptr;
+    utility_pool_chunk* chunk = index->chunk();
 
     pool_node* node;
     if (best->mem_size <= need + k_pool_node_head_size + m_whole_slack) {
+        index->drop_from_bins(best);
+        index->drop_from_directory(best);
         if (best->prev != nullptr)
             best->prev->next = best->next;
         else
@@ -141,7 +192,7 @@ VESK_CHAR* utility_pool_base::take_node(
     } else {
         // Carve from the tail: the empty node keeps its header and its place in the list.
         const uint32_t rest = best->mem_size - need - k_pool_node_head_size;
-        best->mem_size = rest;
+        index->resize_in_bins(best, rest);
         node = reinterpret_cast<pool_node*>(data_of(chunk, best) + rest);
         node->mem_ofset = best->mem_ofset + rest + k_pool_node_head_size;
         node->mem_size = need;
@@ -163,12 +214,11 @@ VESK_CHAR* utility_pool_base::take_node(
     return data;
 }
 
-utility_pool_chunk* utility_pool_base::find_chunk(const void* ptr)
+pool_fit_index* utility_pool_base::find_chunk(const void* ptr)
 {
-    const VESK_CHAR* p = static_cast<const VESK_CHAR*>(ptr);
-    for (utility_pool_chunk* c = m_chunk_head; c != nullptr; c = c->next) {
-        if (c->chunk_addr <= p && p <= c->chunk_addr + c->area_size)
-            return c;
+    for (uint32_t i = 0; i < m_index_count; i++) {
+        if (m_index[i]->contains(ptr))
+            return m_index[i];
     }
     return nullptr;
 }
@@ -229,8 +279,9 @@ pool_node* utility_pool_base::proc_find_used_node(
     return node;
 }
 
-void utility_pool_base::release_node(utility_pool_chunk* chunk, pool_node* node)
+void utility_pool_base::release_node(pool_fit_index* index, pool_node* node)
 {
+    utility_pool_chunk* chunk = index->chunk();
     if (node->prev != nullptr)
         node->prev->next = node->next;
     else
@@ -239,19 +290,17 @@ void utility_pool_base::release_node(utility_pool_chunk* chunk, pool_node* node)
         node->next->prev = node->prev;
     node->magic_0 = 0;
 
-    // Address order keeps neighbours adjacent in the list. O(empty nodes of the chunk).
-    pool_node* before = nullptr;
-    pool_node* after = chunk->empty_head;
-    while (after != nullptr && after < node) {
-        before = after;
-        after = after->next;
-    }
+    // Address order keeps neighbours adjacent in the list.
+    pool_node* before = index->empty_before(node);
+    pool_node* after = before != nullptr ? before->next : chunk->empty_head;
     if (after != nullptr && end_of(node) == reinterpret_cast<VESK_CHAR*>(after)) {
+        index->drop_from_bins(after);
+        index->drop_from_directory(after);
         node->mem_size += k_pool_node_head_size + after->mem_size;
         after = after->next;
     }
     if (before != nullptr && end_of(before) == reinterpret_cast<VESK_CHAR*>(node)) {
-        before->mem_size += k_pool_node_head_size + node->mem_size;
+        index->resize_in_bins(before, before->mem_size + k_pool_node_head_size + node->mem_size);
         before->next = after;
         if (after != nullptr)
             after->prev = before;
@@ -264,6 +313,8 @@ void utility_pool_base::release_node(utility_pool_chunk* chunk, pool_node* node)
             chunk->empty_head = node;
         if (after != nullptr)
             after->prev = node;
+        index->add_to_bins(node);
+        index->add_to_directory(node);
     }
 
     if (chunk->used_head == nullptr) {
@@ -273,6 +324,13 @@ void utility_pool_base::release_node(utility_pool_chunk* chunk, pool_node* node)
             m_chunk_head = chunk->next;
         if (chunk->next != nullptr)
             chunk->next->prev = chunk->prev;
+        uint32_t i = 0;
+        while (m_index[i] != index)
+            i++;
+        memmove(m_index + i, m_index + i + 1, sizeof(pool_fit_index*) * (m_index_count - i - 1));
+        m_index_count--;
+        pool_fit_index::destroy(index);
+        update_bounds();
         m_total_mem_size -= k_pool_chunk_head_size + chunk->area_size;
         heap().proc_vesk_free(__FILE__, "try_free", chunk);
     }
@@ -280,21 +338,25 @@ void utility_pool_base::release_node(utility_pool_chunk* chunk, pool_node* node)
 
 VESK_ERR utility_pool_base::try_free(const char* file, const char* func, const void* ptr)
 {
-    mutex_guard guard(m_lock);
-    utility_pool_chunk* chunk = find_chunk(ptr);
-    if (chunk == nullptr)
+    if (!may_own(ptr))
         return VESK_ERR_INVALID_PARAM;
-    release_node(chunk, proc_find_used_node(file, func, chunk, ptr));
+    mutex_guard guard(m_lock);
+    pool_fit_index* index = find_chunk(ptr);
+    if (index == nullptr)
+        return VESK_ERR_INVALID_PARAM;
+    release_node(index, proc_find_used_node(file, func, index->chunk(), ptr));
     return VESK_OK;
 }
 
 VESK_ERR utility_pool_base::get_mem_size(const char* file, const char* func, const void* ptr, unsigned& size)
 {
-    mutex_guard guard(m_lock);
-    utility_pool_chunk* chunk = find_chunk(ptr);
-    if (chunk == nullptr)
+    if (!may_own(ptr))
         return VESK_ERR_INVALID_PARAM;
-    size = proc_find_used_node(file, func, chunk, ptr)->usr_mem_size;
+    mutex_guard guard(m_lock);
+    pool_fit_index* index = find_chunk(ptr);
+    if (index == nullptr)
+        return VESK_ERR_INVALID_PARAM;
+    size = proc_find_used_node(file, func, index->chunk(), ptr)->usr_mem_size;
     return VESK_OK;
 }
 

@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -13,6 +14,8 @@
 
 namespace vesk_utility
 {
+
+class pool_fit_index;
 
 using vesk_soft::print_fn;
 using vesk_soft::VESK_CHAR;
@@ -168,11 +171,28 @@ private:
     const char* const m_cls;
     const uint32_t m_whole_slack;
     const bool m_little;
+    // The search structures of every chunk, in the order of the chunk list (C heap memory).
+    pool_fit_index** m_index = nullptr; // GUARDED_BY(m_lock)
+    uint32_t m_index_count = 0; // GUARDED_BY(m_lock)
+    uint32_t m_index_cap = 0; // GUARDED_BY(m_lock)
+    // The lowest and highest address of any chunk's node area (written under m_lock), so that
+    // a free of a block that is not the pool's skips the lock. A live node keeps its chunk,
+    // so every value stored from its allocation until its free covers it: a reader may mix
+    // values of different updates and still never misses a node of the pool.
+    std::atomic<uintptr_t> m_lo {UINTPTR_MAX};
+    std::atomic<uintptr_t> m_hi {0};
 
-    utility_pool_chunk* find_chunk(const void* ptr);
+    // The index of the chunk whose node area holds ptr, or NULL.
+    pool_fit_index* find_chunk(const void* ptr);
+    // Keeps m_index in the order of the chunk list; false when the C heap refuses.
+    bool index_room();
+    // False only when no chunk can hold ptr; read without m_lock (see m_lo).
+    bool may_own(const void* ptr) const;
+    // REQUIRES: m_lock held.
+    void update_bounds();
     utility_string_pool_mem_node* proc_find_used_node(
         const char* file, const char* func, utility_pool_chunk* chunk, const void* ptr);
-    void release_node(utility_pool_chunk* chunk, utility_string_pool_mem_node* node);
+    void release_node(pool_fit_index* index, utility_string_pool_mem_node* node);
     void dump_nodes(print_fn print);
     void dump_summary(print_fn print);
     void dump_total(print_fn print);

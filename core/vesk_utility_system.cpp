@@ -22,6 +22,7 @@
 #include "core/vesk_utility_handle.h"
 #include "core/vesk_utility_lock.h"
 #include "core/vesk_utility_log.h"
+#include "core/vesk_utility_mem_account.h"
 #include "core/vesk_utility_pool.h"
 #include "core/vesk_utility_purposes.h"
 #include "core/vesk_utility_ground.h"
@@ -217,7 +218,7 @@ void vesk_utility_system_client::rec_answer_msg()
 {
     named_guard guard(m_send_lock, __FILE__, "rec_answer_msg");
     if (m_connect_fd < 0) {
-        VESK_LOG_ERR(k_cls, "m_connect_fd fail!");
+        VESK_LOG_ERR_REPEAT(k_cls, "m_connect_fd fail!\n");
         return;
     }
     fd_set set;
@@ -419,7 +420,8 @@ FILE* vesk_popen(vesk_utility_system_client* client, const char* cmd, const char
         VESK_ERR_FN("create %s failed, %s\n", path, strerror(errno));
         return nullptr;
     }
-    popen_file* node = static_cast<popen_file*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cmd_path, sizeof(popen_file), 4));
+    popen_file* node = static_cast<popen_file*>(
+        vesk_malloc(VESK_USER_UTILITY, k_purpose_cmd_path, sizeof(popen_file), vesk_obj_align<popen_file>()));
     const size_t size = strlen(cmd) + strlen(path) + 4;
     char* full = static_cast<char*>(vesk_malloc(VESK_USER_UTILITY, k_purpose_cmd_path, static_cast<unsigned>(size), 1));
     if (full == nullptr || node == nullptr) {

@@ -569,12 +569,18 @@ VESK_ERR vesk_utility_event_manage::set_filter_node(
     event_filter_node* found = nullptr;
     for (event_filter_node* f = list.head; f != nullptr; f = f->next) {
         VESK_ASSERT(f->magic == VESK_EVENT_DEBUG_MAGIC);
-        if (f->id_filter == id_filter && f->id.main_type == key.main_type && f->id.sub_type == key.sub_type
-            && (!id_filter || f->id.index == key.index)) {
+        const bool same_type = f->id.main_type == key.main_type && f->id.sub_type == key.sub_type;
+        if (id_filter ? f->id_filter && same_type && f->id.index == key.index : same_type) {
             found = f;
             break;
         }
     }
+    // A type filter stands alone in its list: it is added only to an empty list, and no id
+    // filter shares its type. Breaking either is the caller's programming error.
+    if (!id_filter && found != nullptr && found->id_filter)
+        vesk_assert_fail(__FILE__, __func__, __LINE__, "!filter_node->id_filter");
+    if (!id_filter && found == nullptr && enable && list.head != nullptr)
+        vesk_assert_fail(__FILE__, __func__, __LINE__, "vesk_list_empty(filter_head)");
     if (!enable) {
         if (found != nullptr) {
             list_remove(list, found);
@@ -604,14 +610,9 @@ VESK_ERR vesk_utility_event_manage::set_event_filter(vesk_event_user_id user, co
     const vesk_event_id* event_type = &id;
     if (user >= k_event_filter_lists)
         return VESK_ERR_INVALID_PARAM;
-    if (!((event_type->main_type == VESK_EVENT_DISK_EVENT) || (event_type->main_type == VESK_EVENT_NET_EVENT))) {
-        VESK_LOG_ERR(k_cls, "main type %u: only disk and network events take id filters\n", id.main_type);
-        return VESK_ERR_INVALID_PARAM;
-    }
-    if (!((event_type->sub_type != VESK_EVENT_SUB_TYPE_UNKNOW) && (event_type->sub_type != VESK_EVENT_SUB_TYPE_ANY))) {
-        VESK_LOG_ERR(k_cls, "an id filter needs a concrete sub type\n");
-        return VESK_ERR_INVALID_PARAM;
-    }
+    // Only disk and network events take id filters, and only for a concrete sub type.
+    VESK_ASSERT((event_type->main_type == VESK_EVENT_DISK_EVENT) || (event_type->main_type == VESK_EVENT_NET_EVENT));
+    VESK_ASSERT((event_type->sub_type != VESK_EVENT_SUB_TYPE_UNKNOW) && (event_type->sub_type != VESK_EVENT_SUB_TYPE_ANY));
     vesk_event_id key = id;
     key.wildcard = VESK_EVENT_ID_EXACT;
     if (!is_valid_id(key))

@@ -20,7 +20,11 @@
 #include "vesk_utility_system.h"
 #include "vesk_utility_watch_dog.h"
 #include "vesk_utility_xml.h"
+#include "vesk_utility_picture.h"
 #include "vesk_utility_codec.h"
+#include "vesk_utility_url.h"
+#include "vesk_utility_audio.h"
+#include "vesk_utility_xls.h"
 #include "vesk_utility_time.h"
 
 #endif  // VESK_UTILITY_H

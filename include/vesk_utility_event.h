@@ -192,11 +192,14 @@ VESK_API VESK_ERR vesk_utility_get_event_state(
 // Whether any event of the type is active.
 VESK_API VESK_ERR vesk_utility_get_event_state(const vesk_event_type* type, VESK_BOOL* active);
 
-// Hides (enable 1) or shows again (enable 0) one disk or network event from a user's listing;
-// other main types and the UNKNOW or ANY sub type are VESK_ERR_INVALID_PARAM.
+// Hides (enable 1) or shows again (enable 0) one disk or network event from a user's listing.
+// REQUIRES: a disk or network main type and a concrete sub type (not UNKNOW or ANY); anything
+// else is a programming error and ends the process through the assertion block.
 VESK_API VESK_ERR vesk_utility_set_event_filter(vesk_event_user_id user, const vesk_event_id* id, VESK_BOOL enable);
 // Hides or shows again every event of a type; the type is matched as given (ANY fields match
 // any value), so a type filter is removed by the same type it was set with.
+// REQUIRES (fatal otherwise): a new type filter goes into a user's empty filter list, and no
+// id filter of that list has the same type.
 VESK_API VESK_ERR vesk_utility_set_event_filter(vesk_event_user_id user, const vesk_event_type* type, VESK_BOOL enable);
 
 // Lists for user 1 or 2 the active events that are armed and not filtered, up to capacity of

@@ -113,6 +113,77 @@ VESK_API VESK_ERR vesk_utility_real_to_abs_rect(
 // y + h (fraction sums, unsigned 32-bit, may wrap) stay within 1; else 0.
 VESK_API VESK_BOOL vesk_utility_is_valid_abs(const vesk_abstract_rect* abs);
 
+// ---- Rule tests on the analytics grid ------------------------------------------------------
+// Rules are tested on a grid of VESK_RULE_GRID x VESK_RULE_GRID points over the picture (y
+// grows downwards); callers convert with vesk_utility_abs_to_real_point(VESK_RULE_GRID,
+// VESK_RULE_GRID, ...). All arithmetic is exact integer arithmetic in 64 bits, so every answer
+// is the same on the board and on a host. The tests accept coordinates strictly within
+// +-VESK_RULE_COORD_LIMIT (a wider range could overflow the products); outside it they answer 0.
+constexpr int32_t VESK_RULE_GRID = 1000;
+constexpr int32_t VESK_RULE_COORD_LIMIT = 1 << 30;
+// Smallest side, in grid units, that vesk_utility_roi_reduce leaves.
+constexpr uint32_t VESK_ROI_MIN_SIZE = 8;
+
+// Sides of a directed wire A -> B as seen on the screen: "right" is where the wire turns to
+// when walking from A to B (for A = (0,0), B = (1,0) the right side is y > 0, below the wire).
+enum vesk_cross_dir : int32_t {
+    VESK_CROSS_ANY = 0,           // either way
+    VESK_CROSS_LEFT_TO_RIGHT = 1, // from the left side to the right side
+    VESK_CROSS_RIGHT_TO_LEFT = 2,
+};
+
+// 1 when the track from `from` to `to` crosses the wire, the polyline of `count` >= 2 points,
+// in direction `dir` (for a polyline, the side of the segment crossed); else 0.
+// Boundary rule: only a proper crossing counts. The two ends of the track lie strictly on
+// opposite sides of the wire segment's line and the segment's ends strictly on opposite sides
+// of the track. A track that merely touches the wire (an end on the wire, sliding along a
+// segment, passing through an end of the wire, or touching a vertex where the wire turns back)
+// does not cross. A track through an inner vertex crosses when the vertex's neighbours lie
+// strictly on opposite sides of the track; its direction is judged against the chord between
+// those neighbours. 0 for NULL, count < 2, or a point outside +-VESK_RULE_COORD_LIMIT.
+VESK_API VESK_BOOL vesk_utility_is_cross_line(const vesk_real_point* from, const vesk_real_point* to,
+    const vesk_real_point* wire, unsigned count, vesk_cross_dir dir);
+// 1 when pt lies in the region, the closed polygon of `count` >= 3 points (the last joins the
+// first), by the even-odd rule: a point inside a self-overlap twice counts as outside.
+// Boundary rule: a point on an edge or a vertex is inside. 0 for NULL, count < 3, or a point
+// outside +-VESK_RULE_COORD_LIMIT.
+VESK_API VESK_BOOL vesk_utility_is_point_in_region(
+    const vesk_real_point* pt, const vesk_real_point* region, unsigned count);
+
+// Regions of interest. Each takes a rectangle valid for vesk_utility_is_valid_abs (else
+// VESK_ERR_INVALID_PARAM and *roi untouched) and rewrites it on the grid, every full scale
+// VESK_RULE_GRID (each edge rounded down to the grid), clamped so that it stays valid.
+// Every side moves outwards by `step` grid units, stopping at the picture's edges.
+VESK_API VESK_ERR vesk_utility_roi_enlarge(vesk_abstract_rect* roi, uint32_t step);
+// Every side moves inwards by `step` grid units; a side shorter than 2 * step + VESK_ROI_MIN_SIZE
+// shrinks to VESK_ROI_MIN_SIZE around its centre instead (a side already at most that size stays).
+VESK_API VESK_ERR vesk_utility_roi_reduce(vesk_abstract_rect* roi, uint32_t step);
+// Moves by (dx, dy) grid units, size kept; a move past an edge stops at that edge.
+VESK_API VESK_ERR vesk_utility_roi_move(vesk_abstract_rect* roi, int32_t dx, int32_t dy);
+
+// The rule rectangle `abs` drawn in one pane of a split screen: `window` is the pane's pixel
+// rectangle on the display, the result is in display pixels (x = window.x + x * window.w /
+// x_full, truncating; likewise y, w and h). VESK_ERR_INVALID_PARAM for NULL, a rectangle not
+// valid for vesk_utility_is_valid_abs, or a pane with a negative origin or a side <= 0.
+VESK_API VESK_ERR vesk_utility_abs_to_window_rect(
+    const vesk_abstract_rect* abs, const vesk_real_rect* window, vesk_real_rect* out);
+
+// The arrow drawn on a trip wire: a shaft from the wire's midpoint, perpendicular to it,
+// `length` units long, pointing to the side a crossing in `dir` ends on, and a head of two
+// wings, each a third of the length, at 45 degrees back from the tip (wing_a on b's side,
+// wing_b on a's). Rounded to the nearest unit.
+struct vesk_line_arrow {
+    vesk_real_point tail; // the wire's midpoint
+    vesk_real_point tip;
+    vesk_real_point wing_a;
+    vesk_real_point wing_b;
+};
+// VESK_ERR_INVALID_PARAM for NULL, a wire whose ends coincide or lie outside
+// +-VESK_RULE_COORD_LIMIT, length 0 or above VESK_RULE_COORD_LIMIT, or dir VESK_CROSS_ANY
+// (a two-way wire gets one arrow per direction).
+VESK_API VESK_ERR vesk_utility_get_line_arrow(const vesk_real_point* a, const vesk_real_point* b,
+    vesk_cross_dir dir, uint32_t length, vesk_line_arrow* arrow);
+
 } // namespace vesk_soft
 
 #endif // VESK_UTILITY_MEDIA_H

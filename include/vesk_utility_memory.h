@@ -21,7 +21,8 @@ namespace vesk_soft {
 VESK_API void* vesk_utility_malloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned size, unsigned align);
 // count * size bytes, zero-filled; NULL (logged) when the product does not fit 32 bits.
 VESK_API void* vesk_utility_calloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, unsigned count, unsigned size);
-// NULL p allocates; size 0 frees p and returns NULL; the same size returns p unchanged.
+// NULL p allocates; size 0 frees p and returns NULL (both NULL and 0: the size lookup's
+// error messages, then NULL); the same size returns p unchanged.
 // When the new block cannot be had, NULL is returned and p stays valid.
 VESK_API void* vesk_utility_realloc(vesk_user_id usr_id, vesk_memmory_purpose purpose, void* p, unsigned size,
                                     const char* file, const char* func, unsigned align);

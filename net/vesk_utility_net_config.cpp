@@ -155,9 +155,10 @@ void numeric_host(const sockaddr* sa, char* out, size_t size)
     copy_text(out, size, host, strlen(host));
 }
 
-bool is_match(const ifaddrs* ifa, const char* if_name, int family)
+bool is_match(const ifaddrs* ifa, const char* if_name, int family, bool exact)
 {
-    return ifa->ifa_addr != nullptr && ifa->ifa_name != nullptr && has_prefix(ifa->ifa_name, if_name)
+    return ifa->ifa_addr != nullptr && ifa->ifa_name != nullptr
+        && (exact ? strcmp(ifa->ifa_name, if_name) == 0 : has_prefix(ifa->ifa_name, if_name))
         && ifa->ifa_addr->sa_family == family;
 }
 
@@ -170,14 +171,21 @@ FILE* open_proc(const char* path)
 
 // Every address of `family` on if_name, one entry each in getifaddrs order, filled by
 // fill(entry, ifa); NULL when there is none. An allocation failure ends the list early.
-template <class List, class Entry, class Fill> List* address_list(const char* if_name, int family, Fill fill)
+// exact: the name as getifaddrs gives it (an IPv4 alias by its label), up or down, without
+// the checks and messages of the exported queries.
+template <class List, class Entry, class Fill>
+List* address_list(const char* if_name, int family, Fill fill, bool exact = false)
 {
-    ifaddrs* all = interface_addresses(if_name);
+    ifaddrs* all = nullptr;
+    if (!exact)
+        all = interface_addresses(if_name);
+    else if (getifaddrs(&all) != 0)
+        all = nullptr;
     if (all == nullptr)
         return nullptr;
     List* list = nullptr;
     for (const ifaddrs* ifa = all; ifa != nullptr; ifa = ifa->ifa_next) {
-        if (!is_match(ifa, if_name, family))
+        if (!is_match(ifa, if_name, family, exact))
             continue;
         Entry* e = append_entry<Entry>(list);
         if (e == nullptr)
@@ -304,6 +312,54 @@ template <class Parse> auto read_list(FILE* fp, Parse parse) -> decltype(parse(f
     return list;
 }
 
+vesk_inet_ipv4_ip_info_list* ipv4_addresses(const char* if_name, bool exact)
+{
+    return address_list<vesk_inet_ipv4_ip_info_list, vesk_inet_ipv4_ip_info>(
+        if_name, AF_INET,
+        [](vesk_inet_ipv4_ip_info& e, const ifaddrs& ifa) {
+            copy_text(e.if_name, sizeof(e.if_name), ifa.ifa_name, strlen(ifa.ifa_name));
+            numeric_host(ifa.ifa_addr, e.ip, sizeof(e.ip));
+            if (ifa.ifa_netmask != nullptr)
+                numeric_host(ifa.ifa_netmask, e.netmask, sizeof(e.netmask));
+        },
+        exact);
+}
+
+vesk_inet_ipv6_ip_info_list* ipv6_addresses(const char* if_name, bool exact)
+{
+    return address_list<vesk_inet_ipv6_ip_info_list, vesk_inet_ipv6_ip_info>(
+        if_name, AF_INET6,
+        [](vesk_inet_ipv6_ip_info& e, const ifaddrs& ifa) {
+            numeric_host(ifa.ifa_addr, e.ip, sizeof(e.ip));
+            if (ifa.ifa_netmask != nullptr) {
+                char mask[40];
+                numeric_host(ifa.ifa_netmask, mask, sizeof(mask));
+                e.prefix_len = vesk_utility_get_ipv6_prefixlen(mask);
+            }
+        },
+        exact);
+}
+
+bool ipv4_default_route_listed(FILE* fp, const char* if_name, uint32_t gateway, int metric)
+{
+    char line[k_route_line_max];
+    if (fgets(line, sizeof(line), fp) == nullptr) // column titles
+        return false;
+    while (fgets(line, sizeof(line), fp) != nullptr) {
+        char iface[64];
+        unsigned long dst = 0, gw = 0, mask = 0;
+        unsigned flags = 0;
+        int refcnt = 0, use = 0, m = 0, mtu = 0, window = 0, irtt = 0;
+        if (sscanf(line, "%63s%lx%lx%X%d%d%d%lx%d%d%d\n", iface, &dst, &gw, &flags, &refcnt, &use, &m, &mask, &mtu,
+                &window, &irtt)
+            != 11)
+            return false;
+        if (strcmp(iface, if_name) == 0 && dst == 0 && mask == 0 && gw == gateway && m == metric)
+            return true;
+    }
+    return false;
+}
+
 char* resolver_path(char* out, size_t size, const char* fmt, const char* if_name)
 {
     // The firmware has always opened these names with a trailing line feed, and the files on
@@ -388,27 +444,13 @@ int vesk_utility_get_local_mac(const char* if_name, unsigned char* mac, unsigned
 vesk_inet_ipv4_ip_info_list* vesk_utility_get_ipv4_ipconfig(const char* if_name)
 {
     VESK_NET_REQUIRE(if_name);
-    return address_list<vesk_inet_ipv4_ip_info_list, vesk_inet_ipv4_ip_info>(
-        if_name, AF_INET, [](vesk_inet_ipv4_ip_info& e, const ifaddrs& ifa) {
-            copy_text(e.if_name, sizeof(e.if_name), ifa.ifa_name, strlen(ifa.ifa_name));
-            numeric_host(ifa.ifa_addr, e.ip, sizeof(e.ip));
-            if (ifa.ifa_netmask != nullptr)
-                numeric_host(ifa.ifa_netmask, e.netmask, sizeof(e.netmask));
-        });
+    return ipv4_addresses(if_name, false);
 }
 
 vesk_inet_ipv6_ip_info_list* vesk_utility_get_ipv6_ipconfig(const char* if_name)
 {
     VESK_NET_REQUIRE(if_name);
-    return address_list<vesk_inet_ipv6_ip_info_list, vesk_inet_ipv6_ip_info>(
-        if_name, AF_INET6, [](vesk_inet_ipv6_ip_info& e, const ifaddrs& ifa) {
-            numeric_host(ifa.ifa_addr, e.ip, sizeof(e.ip));
-            if (ifa.ifa_netmask != nullptr) {
-                char mask[40];
-                numeric_host(ifa.ifa_netmask, mask, sizeof(mask));
-                e.prefix_len = vesk_utility_get_ipv6_prefixlen(mask);
-            }
-        });
+    return ipv6_addresses(if_name, false);
 }
 
 vesk_inet_ipv4_route_info_list* vesk_utility_get_ipv4_route_config(const char* if_name)

@@ -5,6 +5,7 @@
 #define VESK_UTILITY_NET_CONFIG_H
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 
 #include "vesk_utility_net.h"
@@ -23,6 +24,13 @@ vesk_soft::vesk_inet_ipv6_route_info_list* parse_ipv6_routes(FILE* fp, const cha
 // ':' (IPv6).
 vesk_soft::vesk_inet_ipv4_dns_info_list* parse_ipv4_dns(FILE* fp);
 vesk_soft::vesk_inet_ipv6_dns_info_list* parse_ipv6_dns(FILE* fp);
+// The addresses of if_name as the address queries build them, but for exactly that name (an
+// IPv4 alias by its label) and whether or not the interface is up; no message. NULL when none.
+vesk_soft::vesk_inet_ipv4_ip_info_list* ipv4_addresses(const char* if_name, bool exact);
+vesk_soft::vesk_inet_ipv6_ip_info_list* ipv6_addresses(const char* if_name, bool exact);
+// A /proc/net/route stream: whether it holds a default route of exactly if_name through
+// gateway (network order, as the table holds it) with that metric.
+bool ipv4_default_route_listed(FILE* fp, const char* if_name, uint32_t gateway, int metric);
 // The rooted resolver file name for if_name from one of the resolver formats, with the line
 // feed that ends the real file names.
 char* resolver_path(char* out, size_t size, const char* fmt, const char* if_name);

@@ -711,7 +711,7 @@ void* vesk_utility_timer::timer_task_thread(void* param)
         const uint32_t suspended = ret == VESK_TIMER_RET_SUSPEND ? 1 : node->suspended;
         self->stamp(thr, node, end.sec, end.nsec, interval, suspended);
         if (interval == 0 && !suspended) {
-            VESK_WARN_FN("user_id = 0x%x, purpose_id = 0x%x no sleep!\n", node->usr_id, node->purpose);
+            VESK_LOG_WARN_REPEAT(nullptr, "user_id = 0x%x, purpose_id = 0x%x no sleep!\n", node->usr_id, node->purpose);
             // Run again at once; an unregistration meanwhile still ends it.
             if (self->has_del_mark(node->func, node->param)) {
                 self->finish_deleted(thr, node);
@@ -924,7 +924,7 @@ uint32_t vesk_utility_timer::check()
         }
     } else if (delayed == idle) {
         if (idle != 0)
-            VESK_LOG_WARN(k_cls, "******** task_delay_num = %d, offcial_idel_num = %d *******\n", delayed, idle);
+            VESK_LOG_WARN_REPEAT(k_cls, "******** task_delay_num = %d, offcial_idel_num = %d *******\n", delayed, idle);
         m_shrink_start_ms = 0;
     } else {
         const uint32_t surplus = idle - delayed;

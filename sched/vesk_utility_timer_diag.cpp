@@ -8,7 +8,9 @@
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_mem_account.h"
 #include "core/vesk_utility_purposes.h"
+#include "core/vesk_utility_service.h"
 #include "sched/vesk_utility_timer.h"
+#include "sched/vesk_utility_toolnet_diag.h"
 
 namespace vesk_utility
 {
@@ -82,8 +84,11 @@ VESK_ERR vesk_utility_timer::diagnose(int para, print_fn print)
     case 6:
     case 7:
     case 8:
-        // These belong to the UDP/TCP network tool (as its para - 2), which this build lacks.
-        print("para = %d: network tool diagnose %d not available, the network tool is not built in\n", para, para - 2);
+        // The UDP/TCP network tool's lists and debug switches, as its para - 2.
+        if (vesk_toolnet_diag* net = vesk_service<vesk_toolnet_diag>::find())
+            net->toolnet_diagnose(para - 2, print);
+        else
+            print("para = %d: the network tool does not exist in this process\n", para);
         break;
     default:
         print("para = %d not support!\n", para);

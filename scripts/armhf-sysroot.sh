@@ -30,6 +30,10 @@ cross_lib=/usr/$triplet/lib
 roots=(libsqlite3-dev libcurl4-openssl-dev libtinyxml-dev libgtest-dev libgmock-dev libbenchmark-dev)
 # Byte codecs: MD5 and triple DES.
 roots+=(nettle-dev)
+# Spreadsheets: FreeXL reads .xls workbooks.
+roots+=(libfreexl-dev)
+# Pictures: TurboJPEG, libyuv and libqrcodegen in the library; GEOS for the geometry tests only.
+roots+=(libturbojpeg0-dev libyuv-dev libqrcodegen-dev libgeos-dev)
 
 die() {
     echo "armhf-sysroot: error: $*" >&2

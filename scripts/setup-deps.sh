@@ -7,12 +7,16 @@ packages=(
   build-essential cmake pkg-config
   libsqlite3-dev libcurl4-openssl-dev libtinyxml-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libturbojpeg0-dev libyuv-dev libqrcodegen-dev libgeos-dev zbar-tools zxing-cpp-tools python3-pil
   ffmpeg iproute2 e2fsprogs xfsprogs xfslibs-dev libcjson-dev rapidjson-dev
   clang libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
+  python3 python3-pyftpdlib openssl  # the URL tests' HTTP(S) and FTP peers, their certificate
 )
 # Byte codecs: nettle (MD5, triple DES); the codec tests' oracles.
 packages+=(nettle-dev openssl coreutils)
+# Spreadsheets and audio: FreeXL reads .xls; the oracles of the WAV, G.711 and .xls tests.
+packages+=(libfreexl-dev python3-xlrd python3-xlwt catdoc sox)
 
 missing=()
 for p in "${packages[@]}"; do

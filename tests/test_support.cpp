@@ -103,8 +103,11 @@ std::string without_log_messages(const std::string& text)
 
 std::string without_background_messages(const std::string& text)
 {
-    return filter_log_messages(
-        text, [](const std::string& message) { return message.find(k_unconnected_client) != std::string::npos; });
+    return filter_log_messages(text, [](const std::string& message) {
+        return message.find(k_unconnected_client) != std::string::npos
+            || (message.find("::rec_answer_msg[") != std::string::npos
+                && message.find("last message repeated") != std::string::npos);
+    });
 }
 
 int count_of(const std::string& text, const std::string& needle)

@@ -20,8 +20,9 @@ std::string private_root();
 // messages below.
 std::string capture_stdout(const std::function<void()>& fn);
 
-// The receive task of the process's own command client logs this every 100 ms while no
-// proxy server runs beside the test, whatever the test is doing: a capture may catch it.
+// The receive task of the process's own command client meets this every 100 ms while no
+// proxy server runs beside the test, whatever the test is doing: a capture may catch it, or
+// the count of its repeats that closes a run.
 constexpr const char* k_unconnected_client = "m_connect_fd fail!";
 // text without those messages.
 std::string without_background_messages(const std::string& text);

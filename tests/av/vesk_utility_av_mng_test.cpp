@@ -321,6 +321,15 @@ TEST(AvMngDeathTest, MisuseIsFatalWithTheExactCondition)
             vesk_utility_delete_av_reader(r, "rec.cpp", "stop");
         },
         "rec.cpp stop AV Reader Reference Resouce Not Empty, Can't Delete");
+    // A second delete finds the reader unregistered and reports it without reading it.
+    VESK_EXPECT_FATAL(
+        {
+            vesk_av_reader* r = vesk_utility_new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
+            vesk_utility_delete_av_reader(r, "rec.cpp", "stop");
+            vesk_utility_delete_av_reader(r, "rec.cpp", "again");
+        },
+        "ERROR! vesk_utility_av_mng::delete_av_reader\\[[0-9]+\\]:rec.cpp, again delete invalid!\n[^\n]*ASSERT!.*"
+        "Condition: 0\n");
 }
 
 TEST(AvMngTest, RotationTaskRunsAndDiagnoseDumpsTheLists)

@@ -113,7 +113,20 @@ TEST(AvReaderTest, GapsAndBrokenContinuationsResyncOnTheNextKeyFrameAndLogTheDro
     EXPECT_EQ(13u, got);
     EXPECT_NE(std::string::npos, out.find("Block drop")) << out;
     EXPECT_NE(std::string::npos, out.find("ch_3 jump [9528_3] to [9530_0]")) << out;
-    mng.delete_av_reader(r, __FILE__, __func__);
+
+    // A new reader whose newest key frame is broken drops it once, not on every call.
+    in.put(14, VESK_FRAME_TYPE_I, 2000);
+    mng.chn_blocks(k_ipc).lists[0].tail->block->lead_tag ^= 0x5A;
+    in.put(15, 2);
+    vesk_av_reader* fresh = new_reader(mng);
+    out = vesk_test::capture_stdout([&] {
+        for (int call = 0; call < 3; call++)
+            EXPECT_EQ(~0u, read_one(fresh)) << call;
+    });
+    EXPECT_EQ(1, vesk_test::count_of(out, "Block drop")) << out;
+    EXPECT_EQ(1, vesk_test::count_of(out, "jump [")) << out;
+    for (vesk_av_reader* x : {r, fresh})
+        mng.delete_av_reader(x, __FILE__, __func__);
 }
 
 TEST(AvReaderTest, HeldBlocksStayAndGoOnceReleased)

@@ -106,6 +106,16 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     vesk_mem_set_av_limits(0x2800000, 0x3000000);
     EXPECT_EQ(VESK_OK, av_writer_put(&mng, &w, &p4, big.data()));
     EXPECT_EQ(0u, blocks_of(mng, 3, 0).back()->lead_tag);
+    // A length whose frame (36 + length) does not fit in 32 bits is refused; nothing is written.
+    const uint32_t frames = blocks_of(mng, 3, 0).back()->node_num;
+    for (uint32_t len : {0xFFFFFFDCu, 0xFFFFFFFFu}) {
+        const _tagVeskFrameHeader huge = frame_head(5, 2, len);
+        const std::string out = vesk_test::capture_stdout(
+            [&] { EXPECT_EQ(VESK_ERR_INVALID_PARAM, av_writer_put(&mng, &w, &huge, big.data())); });
+        EXPECT_NE(out.find("frame too long!"), std::string::npos) << out;
+    }
+    EXPECT_EQ(frames, blocks_of(mng, 3, 0).back()->node_num);
+    EXPECT_EQ(4u, blocks_of(mng, 3, 0).size());
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_av_writer_init(&w, 3, VESK_AV_STREAM_MAIN, 0x91110, 512, 8));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_av_writer_init(&w, 32, VESK_AV_STREAM_MAIN, 0x9110C, 512, 8));
 }
@@ -114,7 +124,6 @@ TEST(AvStatTest, RatesAfterAFullPeriodThenDisconnectedWithZeroedStatistics)
 {
     vesk_utility_av_mng mng;
     const vesk_av_time t0 = av_now();
-    mng.rotate_pass(t0);
     vesk_av_block_writer w;
     ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w, 0, VESK_AV_STREAM_SUB, 0x91111, 64 * 1024, 64));
     std::vector<uint8_t> payload(1000, 0x5A);
@@ -123,17 +132,23 @@ TEST(AvStatTest, RatesAfterAFullPeriodThenDisconnectedWithZeroedStatistics)
         ASSERT_EQ(VESK_OK, av_writer_put(&mng, &w, &h, payload.data()));
     }
     mng.switch_ivr_ch(0, 4); // the statistics follow the recorder channel
-    mng.rotate_pass(at(t0, 5000));
+    // The first period starts at the first push, not at the clock's origin.
+    const vesk_av_time p0 = mng.chn_blocks(0).lists[1].stat.period_start;
+    EXPECT_TRUE(av_diff_ms(p0, t0) >= 0 && av_diff_ms(av_now(), p0) >= 0);
     vesk_stream_stat_info info;
-    ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(4, 1, &info));
-    EXPECT_EQ(0u, info.disconnected);
-    EXPECT_EQ(0.0f, info.kbps) << "no complete period yet";
+    for (int64_t ms : {1000, 5000}) {
+        mng.rotate_pass(at(t0, ms));
+        ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(4, 1, &info));
+        EXPECT_EQ(0u, info.disconnected);
+        EXPECT_EQ(0.0f, info.kbps) << "no complete period yet at " << ms;
+        EXPECT_EQ(0.0f, info.fps) << "no complete period yet at " << ms;
+    }
     EXPECT_EQ(99u, info.last_frame.uiFrameNo);
     EXPECT_EQ(704u, info.width);
-    mng.rotate_pass(at(t0, 10001));
+    mng.rotate_pass(at(p0, 10000));
     ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(4, 1, &info));
-    EXPECT_FLOAT_EQ(100 * 1000.0f / 10001, info.fps);
-    EXPECT_FLOAT_EQ(100 * 1000 * 8.0f / 10001, info.kbps);
+    EXPECT_FLOAT_EQ(100 * 1000.0f / 10000, info.fps);
+    EXPECT_FLOAT_EQ(100 * 1000 * 8.0f / 10000, info.kbps);
     _tagVeskFrameHeader last;
     ASSERT_EQ(VESK_OK, mng.get_last_frame_info(4, 1, last));
     EXPECT_EQ(VESK_FRAME_STARTCODE, last.uiStartId);

@@ -379,3 +379,102 @@ TEST_F(DiagnoseTest, ConsoleFailsClearlyWithoutASocketAndGivesUpOnAnAgentThatNev
     EXPECT_EQ(r.first, 1);
     EXPECT_THAT(r.second, HasSubstr("no answer from " + m_path + " within 1 s"));
 }
+
+namespace
+{
+
+// Polls cond every 5 ms for up to a minute (generous: sanitizers and the emulator).
+template <class F> bool wait_until(F cond)
+{
+    for (int i = 0; i < 12000; i++) {
+        if (cond())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return cond();
+}
+
+// A dump far larger than every buffer on the way; it holds still in the middle until told to
+// go on, so that a registration can be attempted while it prints.
+class dump_client final : public vesk_diagnose_client
+{
+public:
+    VESK_ERR diagnose(int, print_fn print) override
+    {
+        for (int i = 0; i < 20000; i++) {
+            if (i == 100) {
+                in_middle = true;
+                for (int w = 0; w < 30000 && !go_on; w++)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            if (print("line %05d %s\n", i, std::string(100, 'd').c_str()) != 0) {
+                failed_at = i;
+                return VESK_OK;
+            }
+        }
+        return VESK_OK;
+    }
+    std::atomic<bool> in_middle {false}, go_on {false};
+    std::atomic<int> failed_at {-1};
+};
+
+} // namespace
+
+TEST_F(DiagnoseTest, StalledConsoleIsDroppedWhileRegistrationsGoOn)
+{
+    dump_client dump;
+    m_agent->regist_diag(&dump, "dump", nullptr);
+    start_pump();
+    connect_console();
+    send_request(51, k_diag_cmd_run, {0, 1}); // and never read
+    ASSERT_TRUE(wait_until([&] { return dump.in_middle.load(); }));
+    // The dump is printing: a registration must not wait for it (it would wait for ever,
+    // since the dump goes on only once the registration is back).
+    echo_client late;
+    EXPECT_EQ(m_agent->regist_diag(&late, "late", nullptr), VESK_OK);
+    dump.go_on = true;
+    ASSERT_TRUE(wait_until([&] { return dump.failed_at.load() >= 0; }));
+    EXPECT_LT(dump.failed_at.load(), 20000);
+    EXPECT_TRUE(wait_until([&] { return !m_agent->has_console(); }));
+    // The slot is free again: the next console is served, and sees the late client.
+    close(m_fd);
+    connect_console();
+    send_request(52, k_diag_cmd_list);
+    vesk_diag_msg_head h;
+    std::string all;
+    while (read_exact(&h, 16) && h.cmd == k_diag_ans_text) {
+        std::string text(h.len, '\0');
+        ASSERT_TRUE(read_exact(text.data(), h.len));
+        all += text.c_str();
+    }
+    EXPECT_EQ(h.cmd, k_diag_ans_finish);
+    EXPECT_EQ(h.seq, 52u);
+    EXPECT_THAT(all, HasSubstr("client idx = 0  purpose = 'late'\n"));
+}
+
+TEST_F(DiagnoseTest, HalfRequestIsDroppedAtCloseOrAfterItsTimeOut)
+{
+    connect_console();
+    m_agent->work(); // accepts
+    const vesk_diag_msg_head h = {k_diag_magic, 61, k_diag_cmd_list, 0};
+    send_raw(&h, 8);
+    close(m_fd);
+    m_fd = -1;
+    std::string out = vesk_test::capture_stdout([&] { m_agent->work(); });
+    EXPECT_FALSE(m_agent->has_console());
+    EXPECT_THAT(out, HasSubstr("socket_data_len = 8, request cut by the console's close, dropped\n"));
+
+    // Still connected, but the rest never comes.
+    connect_console();
+    m_agent->work();
+    send_raw(&h, 12);
+    out = vesk_test::capture_stdout([&] {
+        EXPECT_TRUE(wait_until([&] {
+            m_agent->work();
+            return !m_agent->has_console();
+        }));
+    });
+    EXPECT_THAT(out, HasSubstr("socket_data_len = 12 need more!\n"));
+    EXPECT_THAT(out, HasSubstr("socket_data_len = 12, request incomplete for too long, dropped\n"));
+    EXPECT_TRUE(closed_by_agent());
+}

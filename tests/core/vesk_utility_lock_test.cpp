@@ -179,6 +179,37 @@ TEST(LockTest, StateTextsFollowTheHolderAndTheObjectIsAccounted)
     EXPECT_EQ(reg.is_valid(VESK_LIST_COMMON_LOCK, key(lk)), 0);
 }
 
+namespace
+{
+char s_func_text[32]; // a caller's writable text, at one address for every call
+}
+
+// Holder texts are copies of what each acquisition passed, also when the caller reuses one
+// writable buffer (global or on the stack) with new contents at the same address.
+TEST(LockTest, HolderTextFollowsAReusedWritableBuffer)
+{
+    vesk_lock* lk = new_lock("reuse");
+    vesk_rw_lock* rw = new_rw("reuse rw");
+    char file_text[32];
+    for (int i = 0; i < 3; i++) {
+        snprintf(s_func_text, sizeof(s_func_text), "channel_%d", 10 + i);
+        snprintf(file_text, sizeof(file_text), "file_%d.cpp", i);
+        const std::string by = std::string(file_text) + " " + s_func_text;
+        ASSERT_EQ(lk->lock(file_text, s_func_text), VESK_OK);
+        EXPECT_TRUE(matches_exactly(state_of(lk), locked_by("reuse", by))) << state_of(lk);
+        EXPECT_EQ(lk->unlock("a.cpp", "b"), VESK_OK);
+        ASSERT_EQ(rw->wr_lock(file_text, s_func_text), VESK_OK);
+        EXPECT_TRUE(matches_exactly(state_of(rw), rw_locked("reuse rw", 1, by))) << state_of(rw);
+        rw->unlock("a.cpp", "b");
+        // Literals, joined once and copied from then on, still alternate correctly.
+        ASSERT_EQ(lk->lock("lit.cpp", i % 2 ? "odd" : "even"), VESK_OK);
+        EXPECT_TRUE(matches_exactly(state_of(lk), locked_by("reuse", i % 2 ? "lit.cpp odd" : "lit.cpp even")));
+        EXPECT_EQ(lk->unlock("a.cpp", "b"), VESK_OK);
+    }
+    EXPECT_EQ(vesk_utility_delete_lock(lk, __FILE__, __func__), VESK_OK);
+    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
+}
+
 TEST(LockTest, AnyThreadMayUnlockAndTrylockNeverWaitsWhateverItsTimeout)
 {
     vesk_lock* lk = new_lock("handover");

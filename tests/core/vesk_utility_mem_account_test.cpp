@@ -135,6 +135,13 @@ TEST(MemAccountTest, ReallocCallocAndStrdup)
         [&] { EXPECT_EQ(vesk_utility_realloc(0x43, 0x4304, p, 0, __FILE__, __func__, 1), nullptr); });
     EXPECT_THAT(out, HasSubstr("caller_id = 0x43, purpose = 0x4304, free old1\n"));
     EXPECT_EQ(account().total_size(), base_total);
+    // Neither a block nor a size: the size lookup refuses the NULL block, and nothing is made.
+    const std::string none = vesk_test::capture_stdout(
+        [&] { EXPECT_EQ(vesk_utility_realloc(0x43, 0x4307, nullptr, 0, "app.cpp", "shrink", 1), nullptr); });
+    EXPECT_THAT(none, HasSubstr("vesk_get_mem_size["));
+    EXPECT_THAT(none, HasSubstr("'app.cpp shrink' mem (nil) is invalid\n"));
+    EXPECT_THAT(none, HasSubstr("caller_id = 0x43, purpose = 0x4307, memory = (nil), fetch size fail!\n"));
+    EXPECT_EQ(account().total_size(), base_total);
 
     unsigned char* z = static_cast<unsigned char*>(vesk_utility_calloc(0x43, 0x4305, 100, 50));
     ASSERT_NE(z, nullptr);

@@ -94,6 +94,11 @@ int print_nothing(const char*, ...)
     return 0;
 }
 
+const char* end_of_node(const utility_string_pool_mem_node* n)
+{
+    return reinterpret_cast<const char*>(n) + NH + n->mem_size;
+}
+
 bool holds(const void* p, size_t n, unsigned char v)
 {
     const unsigned char* b = static_cast<const unsigned char*>(p);
@@ -364,6 +369,127 @@ TEST(PoolConcurrencyTest, BlocksNeverOverlapAndEveryChunkIsReturned)
     dumper.join();
     EXPECT_EQ(broken.load(), 0);
     EXPECT_TRUE(totals() == base);
+}
+
+namespace
+{
+
+// The best-fit rule as a plain walk over the chunk list and the empty lists: the first chunk
+// with room; in it an exact size at once, else the smallest larger node, first in address
+// order among equals. Returns where the new block's data must start (the whole node, or the
+// tail of a split one), or NULL when no chunk has room. `any` is a live block of the pool.
+const char* plain_walk_choice(const void* any, uint32_t need, uint32_t whole_slack)
+{
+    const auto* chunk = reinterpret_cast<const utility_pool_chunk*>(chunk_addr_of(any) - CH);
+    while (chunk->prev != nullptr)
+        chunk = chunk->prev;
+    for (; chunk != nullptr; chunk = chunk->next) {
+        const utility_string_pool_mem_node* best = nullptr;
+        for (const auto* n = chunk->empty_head; n != nullptr; n = n->next) {
+            if (n->mem_size == need) {
+                best = n;
+                break;
+            }
+            if (n->mem_size > need && (best == nullptr || n->mem_size < best->mem_size))
+                best = n;
+        }
+        if (best == nullptr)
+            continue;
+        const char* data = chunk->chunk_addr + best->mem_ofset;
+        return best->mem_size <= need + NH + whole_slack ? data : data + best->mem_size - need;
+    }
+    return nullptr;
+}
+
+// Every chunk's nodes tile its area, and its empty list holds exactly the empty nodes, in
+// address order, no two of them touching.
+void expect_chunks_sound(const void* any)
+{
+    const auto* chunk = reinterpret_cast<const utility_pool_chunk*>(chunk_addr_of(any) - CH);
+    while (chunk->prev != nullptr)
+        chunk = chunk->prev;
+    for (; chunk != nullptr; chunk = chunk->next) {
+        std::vector<const char*> empties;
+        for (uint32_t ofset = NH; ofset <= chunk->area_size;) {
+            const auto* n = reinterpret_cast<const utility_string_pool_mem_node*>(chunk->chunk_addr + ofset - NH);
+            const uint32_t n_ofset = n->mem_ofset; // string headers are unaligned: read by value
+            ASSERT_EQ(n_ofset, ofset);
+            if (n->magic_0 != k_pool_magic_0)
+                empties.push_back(chunk->chunk_addr + ofset);
+            ofset += n->mem_size + NH;
+            if (ofset - NH == chunk->area_size)
+                break;
+        }
+        std::vector<const char*> listed;
+        const utility_string_pool_mem_node* prev = nullptr;
+        for (const auto* n = chunk->empty_head; n != nullptr; prev = n, n = n->next) {
+            const utility_string_pool_mem_node* n_prev = n->prev;
+            ASSERT_EQ(n_prev, prev);
+            if (prev != nullptr) {
+                EXPECT_LT(end_of_node(prev), reinterpret_cast<const char*>(n));
+            }
+            listed.push_back(chunk->chunk_addr + n->mem_ofset);
+        }
+        EXPECT_EQ(listed, empties);
+    }
+}
+
+} // namespace
+
+// Long random sequences of allocations and frees, with sizes down to the smallest nodes and
+// through the growth and release of chunks: every allocation lands exactly where a plain walk
+// of the empty lists says the best-fit rule puts it.
+TEST(PoolIndexTest, FastSearchChoosesTheNodeOfAPlainWalk)
+{
+    utility_little_mem_pool* little = private_little_pool(8192);
+    utility_string_pool* strings = vesk_test::never_destroyed(new utility_string_pool());
+    const std::string text(1000, 't');
+    struct pool_case {
+        utility_pool_base* pool;
+        uint32_t whole_slack;
+        bool is_string;
+    };
+    for (const pool_case& pc : {pool_case {little, 32, false}, pool_case {strings, 8, true}}) {
+        std::mt19937 rng(pc.is_string ? 7 : 3);
+        std::vector<char*> live;
+        unsigned checked = 0;
+        unsigned chunks_opened = 0;
+        for (int step = 0; step < 30000; step++) {
+            // Phases that grow the set to a few chunks and shrink it to nothing.
+            const size_t target = (step / 3000) % 2 == 0 ? 400 : 0;
+            if (live.empty() || (live.size() < target && rng() % 4 != 0) || (target != 0 && rng() % 3 == 0)) {
+                const uint32_t size = rng() % 4 == 0 ? rng() % 8 : rng() % 600;
+                const uint32_t need = pc.is_string ? size + 1 + 4 : ((size + 3) & ~3u) + 4;
+                const char* expected = live.empty() ? nullptr : plain_walk_choice(live.front(), need, pc.whole_slack);
+                const uint32_t chunks = pc.pool->chunk_count();
+                char* p = pc.is_string
+                    ? strings->strdup(0x71, 0x7101, text.c_str(), size, nullptr)
+                    : static_cast<char*>(little->malloc(0x71, 0x7101, size));
+                ASSERT_NE(p, nullptr);
+                if (expected != nullptr) {
+                    ASSERT_EQ(p, expected) << "step " << step << " need " << need;
+                    checked++;
+                } else {
+                    ASSERT_EQ(pc.pool->chunk_count(), chunks + 1) << "step " << step;
+                    chunks_opened++;
+                }
+                live.push_back(p);
+            } else {
+                const size_t k = rng() % live.size();
+                ASSERT_EQ(pc.pool->try_free(__FILE__, __func__, live[k]), VESK_OK);
+                live[k] = live.back();
+                live.pop_back();
+            }
+            if (step % 500 == 0 && !live.empty())
+                expect_chunks_sound(live.front());
+        }
+        for (char* p : live)
+            ASSERT_EQ(pc.pool->try_free(__FILE__, __func__, p), VESK_OK);
+        EXPECT_EQ(pc.pool->chunk_count(), 0u);
+        EXPECT_EQ(pc.pool->total_mem_size(), 0u);
+        EXPECT_GT(checked, 5000u);
+        EXPECT_GT(chunks_opened, 4u);
+    }
 }
 
 namespace

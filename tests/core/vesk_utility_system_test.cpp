@@ -153,15 +153,19 @@ TEST(SystemClientTest, WithoutServerTheCommandRunsHere)
     EXPECT_EQ("local\n", read_file(out));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_system(nullptr));
 
-    // A receive step without a connection says so and nothing more (a raw capture: the
+    // A receive step without a connection says so and nothing more, once per run of steps:
+    // the process's own receive task may have started the run already (a raw capture: the
     // helper drops this very message as background noise).
     auto* lonely = never_destroyed(new vesk_utility::vesk_utility_system_client((private_root() + "/none").c_str()));
     fflush(stdout);
     testing::internal::CaptureStdout();
-    lonely->rec_answer_msg();
+    for (int i = 0; i < 3; i++)
+        lonely->rec_answer_msg();
     fflush(stdout);
     const std::string step = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(step, HasSubstr(k_unconnected_client));
+    EXPECT_LE(vesk_test::count_of(step, k_unconnected_client), 1) << step;
+    EXPECT_EQ(vesk_test::count_of(step, k_unconnected_client),
+        vesk_test::count_of(step, std::string(k_unconnected_client) + "\n\e[m")) << step;
     EXPECT_EQ("", without_background_messages(step));
 }
 
@@ -395,34 +399,35 @@ bool served(const std::string& path, uint32_t magic)
 
 TEST(ProxyServerTest, FloodingClientThatNeverReadsIsDroppedAndTheServerGoesOn)
 {
-    const std::string path = private_root() + "/flood.sock";
-    proxy_server_process server(path);
-    ASSERT_TRUE(server.ready());
-    const int fd = connect_unix(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "tr", 2, 1));
-    ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "ue", 2, 0));
-    // Requests until the server gives up on this client (it never reads an answer).
-    uint32_t magic = 2;
-    const bool dropped = wait_for([&] {
-        for (int i = 0; i < 64; i++) {
-            if (peer_closed(fd))
-                return true;
-            vesk_cmd_request r {};
-            r.token = vesk_utility::k_cmd_token;
-            r.magic = magic;
-            memcpy(r.text, "true", 4);
-            if (send(fd, &r, sizeof(r), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof(r)))
-                magic++;
-        }
-        return peer_closed(fd);
-    });
-    close(fd);
-    EXPECT_TRUE(dropped);
-    EXPECT_GE(magic, 100u) << "dropped before its answers could have filled the socket";
-    EXPECT_TRUE(server.alive());
-    EXPECT_TRUE(served(path, 77));
-    EXPECT_EQ(0, server.stop());
+    // Recording answers from inside the request handler, running answers from the reaper.
+    for (const std::string& extra : {"--record-only " + private_root() + "/flood.txt", std::string()}) {
+        const std::string path = private_root() + "/flood.sock";
+        proxy_server_process server(path, extra);
+        ASSERT_TRUE(server.ready());
+        const int fd = connect_unix(path);
+        ASSERT_GE(fd, 0);
+        ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "tr", 2, 1));
+        ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "ue", 2, 0));
+        // Requests until the server gives up on this client (it never reads an answer).
+        uint32_t magic = 2;
+        const bool dropped = wait_for([&] {
+            for (int i = 0; i < 64 && !peer_closed(fd); i++) {
+                vesk_cmd_request r {};
+                r.token = vesk_utility::k_cmd_token;
+                r.magic = magic;
+                memcpy(r.text, "true", 4);
+                if (send(fd, &r, sizeof(r), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof(r)))
+                    magic++;
+            }
+            return peer_closed(fd);
+        });
+        close(fd);
+        EXPECT_TRUE(dropped) << extra;
+        EXPECT_GE(magic, 100u) << "dropped before its answers could have filled the socket";
+        EXPECT_TRUE(server.alive()) << extra;
+        EXPECT_TRUE(served(path, 77)) << extra;
+        EXPECT_EQ(0, server.stop());
+    }
 }
 
 TEST(ProxyServerTest, OutOfDescriptorsShedsClientsWithoutSpinningAndRecovers)

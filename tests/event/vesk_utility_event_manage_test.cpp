@@ -429,11 +429,7 @@ TEST_F(EventTest, SchedulesAndFiltersChangeWhatIsListed)
     ASSERT_EQ(vesk_utility_set_event_filter(VESK_EVENT_USER_ALL, &nets, 0), VESK_OK);
     ASSERT_EQ(vesk_utility_set_event_filter(VESK_EVENT_USER_LOCAL, &disk_id, 0), VESK_OK);
     EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), all);
-    // Id filters need a disk or network event with a concrete sub type; users are 0-2 for
-    // filters and 1-2 for listing.
-    EXPECT_EQ(vesk_utility_set_event_filter(VESK_EVENT_USER_LOCAL, &motion_id, 1), VESK_ERR_INVALID_PARAM);
-    disk_id.sub_type = VESK_EVENT_SUB_TYPE_ANY;
-    EXPECT_EQ(vesk_utility_set_event_filter(VESK_EVENT_USER_LOCAL, &disk_id, 1), VESK_ERR_INVALID_PARAM);
+    // Users are 0-2 for filters and 1-2 for listing.
     EXPECT_EQ(vesk_utility_set_event_filter(3, &nets, 1), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_get_event_info(VESK_EVENT_USER_ALL, one, 1, &count), VESK_ERR_INVALID_PARAM);
 
@@ -541,6 +537,24 @@ TEST(EventDeathTest, MisuseIsFatal)
                 vesk_utility_register_event_oberver(0x47, &r);
         },
         "Condition: free_slot >= 0");
+    // Filter rules: id filters only for disk and network events of a concrete sub type; a type
+    // filter only into an empty list and never over an id filter of its type.
+    const vesk_event_id motion = id_of(event(VESK_EVENT_CHANNEL_EVENT, VESK_EVENT_SUB_MOTION, 1));
+    const vesk_event_id disk = id_of(event(VESK_EVENT_DISK_EVENT, VESK_EVENT_SUB_DISK_FULL, 2));
+    vesk_event_id any_disk = disk;
+    any_disk.sub_type = VESK_EVENT_SUB_TYPE_ANY;
+    const vesk_event_type nets {VESK_EVENT_NET_EVENT, VESK_EVENT_SUB_TYPE_ANY}, full {disk.main_type, disk.sub_type};
+    const auto user = VESK_EVENT_USER_LOCAL;
+    VESK_EXPECT_FATAL(vesk_utility_set_event_filter(user, &motion, 1),
+        "Condition: \\(event_type->main_type == VESK_EVENT_DISK_EVENT\\) \\|\\| "
+        "\\(event_type->main_type == VESK_EVENT_NET_EVENT\\)\n");
+    VESK_EXPECT_FATAL(vesk_utility_set_event_filter(user, &any_disk, 1),
+        "Condition: \\(event_type->sub_type != VESK_EVENT_SUB_TYPE_UNKNOW\\) && "
+        "\\(event_type->sub_type != VESK_EVENT_SUB_TYPE_ANY\\)\n");
+    VESK_EXPECT_FATAL(vesk_utility_set_event_filter(user, &disk, 1); vesk_utility_set_event_filter(user, &nets, 1),
+        "Condition: vesk_list_empty\\(filter_head\\)\n");
+    VESK_EXPECT_FATAL(vesk_utility_set_event_filter(user, &disk, 1); vesk_utility_set_event_filter(user, &full, 0),
+        "Condition: !filter_node->id_filter\n");
 }
 
 } // namespace

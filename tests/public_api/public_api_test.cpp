@@ -391,7 +391,7 @@ int main()
         char out[16];
         CHECK(vesk_utility_exe_cmd("echo api", 30000, out, sizeof(out)) == VESK_OK && strcmp(out, "api\n") == 0);
         int fd = -1, pid = -1;
-        CHECK(vesk_utility_popen("true", "x", &fd, &pid) == VESK_ERR_INVALID_PARAM && fd == -1);
+        CHECK(vesk_utility_popen("true", "x", &fd, &pid) == VESK_ERR_OPERATE_FAIL && fd == -1);
         CHECK(vesk_utility_system(nullptr) == VESK_ERR_INVALID_PARAM && vesk_utility_pclose(nullptr) == -1);
         unsigned long dog = 99;
         CHECK(vesk_utility_regist_dog(0x4242, 3600, &dog) == VESK_OK && vesk_utility_fetch_dog(dog) == VESK_OK
@@ -402,6 +402,16 @@ int main()
         int n = 0;
         CHECK(xml != nullptr && xml->get_attr_int("", "n", &n) == VESK_OK && n == 7);
         CHECK(xml != nullptr && vesk_utility_delete_xml_operate(xml, __FILE__, __func__) == VESK_OK);
+    }
+
+    // URL transfers are exported (nothing listens on port 1: a refused connection).
+    {
+        char buf[8];
+        unsigned len = 1;
+        vesk_url_operate* url = vesk_utility_new_url_operate(0x40, "api url");
+        CHECK(url != nullptr && url->download_buf("http://127.0.0.1:1/", buf, sizeof(buf), &len) == VESK_ERR_FAIL
+            && len == 0 && url->get_http_code() == 0 && vesk_utility_delete_url_operate(url, __FILE__, __func__) == VESK_OK);
+        CHECK(vesk_utility_http_get("http://127.0.0.1:1/", buf, sizeof(buf), nullptr, nullptr, 1000) == VESK_ERR_FAIL);
     }
 
     VESK_BOOL b = 1;

@@ -23,6 +23,7 @@
 #include "test_support.h"
 #include "vesk_utility.h"
 #include "api/vesk_utility_resource.h"
+#include "core/vesk_utility_mem_layout.h"
 #include "sched/vesk_utility_thread_pool.h"
 
 using namespace vesk_soft;
@@ -58,6 +59,14 @@ public:
         ASSERT_EQ(p.save_thr_hand(h, ctl, name), VESK_OK);
     }
     static void add_head(utility_thread_pool& p, vesk_thread_record* r) { p.add_node_head(r); }
+    // The accounted owner (user id, purpose) of a thread's record.
+    static std::pair<uint32_t, uint32_t> owner(utility_thread_pool& p, unsigned long h)
+    {
+        held g(p);
+        const vesk_thread_record* n = p.find_node(h);
+        return n != nullptr ? std::make_pair(mem_head_of(n)->caller_id, mem_head_of(n)->purpose)
+                            : std::make_pair(0u, 0u);
+    }
     static void set_pause(utility_thread_pool& p, unsigned ms) { p.m_pause_ms = ms; }
     static pthread_mutex_t& lock(utility_thread_pool& p) { return p.m_lock; }
     static bool init_tables(utility_thread_pool& p) { return p.proc_init_node(); }
@@ -322,6 +331,7 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
     EXPECT_EQ(record_of(live_pool(), h),
         fmt("pid %d, 'recorder_io' 'vesk_worker_function_name', stack 4096, type 1, prio 0, auto 0, state %u",
             w.tid.load(), VESK_THREAD_RUNNING));
+    EXPECT_EQ(thread_pool_probe::owner(live_pool(), h), std::make_pair(0x13u, 0x3000u));
     // The registered list shows the record, stack as asked in K, and finds the thread alive.
     const std::string listed = diagnosed(live_pool(), 2);
     EXPECT_TRUE(has(listed,

@@ -336,7 +336,7 @@ TEST(TimerTest, TasksBeyondThePoolTakeOverflowNodesAndStillRun)
     EXPECT_TRUE(wait_for([&] { return timer_probe::free_nodes() == timer_probe::node_total() - k_service_tasks; }));
 }
 
-TEST(TimerTest, NoSleepTaskRunsBackToBackWithAWarningEachTime)
+TEST(TimerTest, NoSleepTaskRunsBackToBackWithOneWarningPerRun)
 {
     struct counter {
         std::atomic<int> runs {0};
@@ -351,8 +351,9 @@ TEST(TimerTest, NoSleepTaskRunsBackToBackWithAWarningEachTime)
         ASSERT_TRUE(wait_for([&] { return c.runs == 4; }));
         ASSERT_TRUE(wait_for([&] { return timer_probe::running(cb, &c) == 0; }));
     });
-    EXPECT_EQ(vesk_test::count_of(out, "[UTL] WARNING! timer_task_thread["), 3) << out;
-    EXPECT_EQ(vesk_test::count_of(out, "user_id = 0x71, purpose_id = 0x72 no sleep!\n"), 3) << out;
+    // The three identical warnings come within 10 s: the first is printed, the others counted.
+    EXPECT_EQ(vesk_test::count_of(out, "[UTL] WARNING! timer_task_thread["), 1) << out;
+    EXPECT_EQ(vesk_test::count_of(out, "user_id = 0x71, purpose_id = 0x72 no sleep!\n"), 1) << out;
 }
 
 TEST(TimerTest, LimitedPurposeRunsAtMostTwoAtOnceByDefault)
@@ -631,7 +632,7 @@ TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
         t->diagnose(3, vesk_print_stdout);
         t->diagnose(9, vesk_print_stdout);
     });
-    EXPECT_NE(others.find("para = 3: network tool diagnose 1 not available"), std::string::npos) << others;
+    EXPECT_NE(others.find("Toolnet UDP监听任务"), std::string::npos) << others; // the network tool's list 1
     EXPECT_NE(others.find("para = 9 not support!\n"), std::string::npos) << others;
     running.release = true;
     EXPECT_TRUE(wait_for([&] { return running.finished == 1; }));

@@ -1,0 +1,358 @@
+// URL transfers against real peers on 127.0.0.1: a Python HTTP(S) server (url_test_server.py,
+// a certificate made by openssl) and a pyftpdlib FTP server, both started by the suite.
+// Contents are compared with sha256sum.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_pool.h"
+#include "test_support.h"
+#include "vesk_utility.h"
+
+using namespace vesk_soft;
+
+namespace
+{
+
+constexpr unsigned k_big = 50u << 20;
+
+struct peer {
+    pid_t pid = -1;
+    int port = 0;
+};
+
+// Starts a server script that prints its port on its first line.
+peer start_peer(std::vector<std::string> args)
+{
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    peer p;
+    args.insert(args.begin(), "/usr/bin/python3");
+    std::vector<char*> argv;
+    for (std::string& a : args)
+        argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    if ((p.pid = fork()) == 0) {
+        dup2(fds[1], 1);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    FILE* f = fdopen(fds[0], "r");
+    EXPECT_EQ(fscanf(f, "%d", &p.port), 1) << args[1];
+    fclose(f);
+    return p;
+}
+
+// What a shell command prints.
+std::string shell(const std::string& cmd)
+{
+    std::string out;
+    FILE* f = popen(cmd.c_str(), "r");
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;)
+        out.append(buf, n);
+    pclose(f);
+    return out;
+}
+
+std::string sha256_of(const std::string& path)
+{
+    return shell("sha256sum " + path).substr(0, 64);
+}
+
+int run(const std::string& cmd) { return system(cmd.c_str()); }
+
+// Bytes that libcurl (the only user of id 0x83 here) holds, in the heap and in the little-memory
+// pool (where its small blocks go on the board).
+uint64_t curl_bytes()
+{
+    vesk_utility::vesk_ground* g = vesk_utility::vesk_ground::instance();
+    const std::string dump = vesk_test::capture_stdout([g] { g->get_little_mem_pool()->diagnose(2, printf); });
+    const size_t at = dump.find("usr_id = 0x83, used_size = ");
+    const uint64_t pooled = at == std::string::npos ? 0 : strtoull(dump.c_str() + at + 27, nullptr, 10);
+    return pooled + g->mem_account().total_of(VESK_USER_PROTOCOL_LIBS, 0x130400);
+}
+
+class url_test : public testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_dir = vesk_test::private_root() + "/url";
+        s_srv = s_dir + "/srv";
+        ASSERT_EQ(run("mkdir -p " + s_srv + " && cd " + s_dir + " && head -c " + std::to_string(k_big)
+                      + " /dev/urandom >srv/big.bin && head -c 100000 /dev/urandom >srv/small.bin && openssl req -x509"
+                      " -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1"
+                      " -keyout key.pem -out cert.pem 2>/dev/null"), 0);
+        const std::string dir = VESK_NET_TEST_DATA;
+        s_http = start_peer({dir + "/url_test_server.py", s_srv});
+        s_https = start_peer({dir + "/url_test_server.py", s_srv, s_dir + "/cert.pem", s_dir + "/key.pem"});
+        s_ftp = start_peer({dir + "/ftp_test_server.py", s_srv});
+    }
+    static void TearDownTestSuite()
+    {
+        for (const peer& p : {s_http, s_https, s_ftp})
+            waitpid(kill(p.pid, SIGTERM) == 0 ? p.pid : -1, nullptr, 0);
+    }
+    void SetUp() override { m_op = vesk_utility_new_url_operate(0x55, "url test"); ASSERT_NE(m_op, nullptr); }
+    void TearDown() override { EXPECT_EQ(vesk_utility_delete_url_operate(m_op, __FILE__, __func__), VESK_OK); }
+
+    static std::string http(const std::string& path) { return "http://127.0.0.1:" + std::to_string(s_http.port) + path; }
+    static std::string ftp(const std::string& path) { return "ftp://127.0.0.1:" + std::to_string(s_ftp.port) + path; }
+
+    static std::string s_dir, s_srv;
+    static peer s_http, s_https, s_ftp;
+    vesk_url_operate* m_op = nullptr;
+};
+std::string url_test::s_dir, url_test::s_srv;
+peer url_test::s_http, url_test::s_https, url_test::s_ftp;
+
+} // namespace
+
+TEST_F(url_test, LargeFilesRoundTripByteExactOverHttpAndFtp)
+{
+    const std::string big = s_srv + "/big.bin", back = s_dir + "/back.bin";
+    const std::string want = sha256_of(big);
+    ASSERT_EQ(want.size(), 64u);
+    const struct {
+        std::string url, stored;
+        vesk_url_method method;
+    } uploads[] = {{http("/files/put.bin"), "put.bin", VESK_URL_PUT}, {http("/files/post.bin"), "post.bin", VESK_URL_POST},
+                   {ftp("/new/dir/ftp.bin"), "new/dir/ftp.bin", VESK_URL_PUT}};  // FTP directories created
+    m_op->set_user("test", "secret");
+    for (const auto& u : uploads) {
+        ASSERT_EQ(m_op->upload_file(u.url.c_str(), big.c_str(), u.method), VESK_OK) << u.url << m_op->get_last_error();
+        EXPECT_EQ(sha256_of(s_srv + "/" + u.stored), want) << u.url;
+    }
+    EXPECT_EQ(shell("cat " + s_srv + "/post.bin.type"), "application/octet-stream");
+    EXPECT_EQ(m_op->get_http_code(), 226);  // FTP: transfer complete
+    // Back again: plain, chunked, through redirects, over FTP.
+    for (const std::string& url : {http("/files/big.bin"), http("/chunked/big.bin"),
+                                   http("/redirect/3/files/big.bin"), ftp("/new/dir/ftp.bin")}) {
+        unlink(back.c_str());
+        ASSERT_EQ(m_op->download_file(url.c_str(), back.c_str(), nullptr), VESK_OK) << url << m_op->get_last_error();
+        EXPECT_EQ(sha256_of(back), want) << url;
+    }
+    EXPECT_EQ(run("! ls " + s_dir + " | grep -q back.bin."), 0) << "a temporary file was left";
+}
+
+TEST_F(url_test, BuffersJsonAndOneShotCalls)
+{
+    std::vector<char> data(300000);
+    for (size_t i = 0; i < data.size(); i++)
+        data[i] = static_cast<char>(i * 7 + i / 251);
+    std::vector<char> got(data.size() + 64);
+    for (unsigned len : {0u, 1u, 300000u}) {
+        ASSERT_EQ(m_op->upload_buf(http("/files/buf.bin").c_str(), data.data(), len, VESK_URL_PUT), VESK_OK);
+        EXPECT_EQ(m_op->get_http_code(), 201);
+        unsigned n = 12345;
+        ASSERT_EQ(m_op->download_buf(http("/chunked/buf.bin").c_str(), got.data(), len, &n), VESK_OK) << len;
+        ASSERT_EQ(n, len);
+        EXPECT_EQ(memcmp(got.data(), data.data(), len), 0) << len;
+    }
+    // A buffer one byte short: refused, whether the length is announced or not, and the
+    // guard bytes behind the buffer stay untouched.
+    for (const std::string& url : {http("/files/buf.bin"), http("/chunked/buf.bin")}) {
+        memset(got.data(), 0x5A, got.size());
+        unsigned n = 0;
+        EXPECT_EQ(m_op->download_buf(url.c_str(), got.data(), 299999, &n), VESK_ERR_OPERATE_FAIL) << url;
+        EXPECT_LE(n, 299999u);
+        for (size_t i = 299999; i < got.size(); i++)
+            ASSERT_EQ(got[i], 0x5A) << url << " wrote past the buffer at " << i;
+    }
+    char answer[256];
+    unsigned len = 0;
+    ASSERT_EQ(m_op->post_json(http("/json").c_str(), "{\"chn\": [1, 2], \"on\": true}", answer, sizeof(answer), &len),
+              VESK_OK);
+    EXPECT_STREQ(answer, "{\"type\": \"application/json\", \"echo\": {\"chn\": [1, 2], \"on\": true}}");
+    // A refusal keeps its explanation.
+    EXPECT_EQ(m_op->post_json(http("/json").c_str(), "{oops", answer, sizeof(answer), &len), VESK_ERR_FAIL);
+    EXPECT_EQ(m_op->get_http_code(), 400);
+    EXPECT_STREQ(answer, "{\"error\": \"not JSON\"}");
+    // The one-shot calls.
+    int code = 0;
+    EXPECT_EQ(vesk_utility_http_get(http("/status/203").c_str(), answer, sizeof(answer), &len, &code, 0), VESK_OK);
+    EXPECT_EQ(code, 203);
+    EXPECT_STREQ(answer, "status 203");
+    EXPECT_EQ(vesk_utility_http_get(http("/status/404").c_str(), answer, sizeof(answer), &len, &code, 5000), VESK_ERR_FAIL);
+    EXPECT_EQ(code, 404);
+    EXPECT_STREQ(answer, "status 404");
+    EXPECT_EQ(vesk_utility_http_post(http("/echo").c_str(), "text/x-log", "line 1\n", 7, answer, sizeof(answer), &len,
+                                     &code, 0),
+              VESK_OK);
+    EXPECT_STREQ(answer, "line 1\n");
+    EXPECT_EQ(vesk_utility_http_get(http("/files/small.bin").c_str(), answer, sizeof(answer), &len, &code, 0),
+              VESK_ERR_OPERATE_FAIL);
+}
+
+TEST_F(url_test, FailuresCarryTheirCodeAndText)
+{
+    const struct {
+        std::string url;
+        const char* user;
+        const char* password;
+        VESK_ERR err;
+        int code;
+    } cases[] = {
+        {http("/status/404"), nullptr, nullptr, VESK_ERR_FAIL, 404},
+        {http("/status/503"), nullptr, nullptr, VESK_ERR_FAIL, 503},
+        {http("/auth/files/small.bin"), nullptr, nullptr, VESK_ERR_FAIL, 401},
+        {http("/auth/files/small.bin"), "test", "wrong", VESK_ERR_FAIL, 401},
+        {http("/auth/files/small.bin"), "test", "secret", VESK_OK, 200},
+        {http("/redirect/9/files/small.bin"), nullptr, nullptr, VESK_ERR_FAIL, 302},  // more than 5 hops
+        {http("/reset"), nullptr, nullptr, VESK_ERR_FAIL, 0},
+        {"http://127.0.0.1:1/", nullptr, nullptr, VESK_ERR_FAIL, 0},  // refused
+        {ftp("/no/such.bin"), "test", "secret", VESK_ERR_FAIL, 550},
+        {"file:///etc/passwd", nullptr, nullptr, VESK_ERR_FAIL, 0},  // not a transfer protocol of ours
+    };
+    static char buf[200000];
+    for (const auto& c : cases) {
+        m_op->set_user(c.user, c.password);
+        unsigned n = 0;
+        EXPECT_EQ(m_op->download_buf(c.url.c_str(), buf, sizeof(buf), &n), c.err) << c.url;
+        EXPECT_EQ(m_op->get_http_code(), c.code) << c.url;
+        EXPECT_EQ(m_op->get_last_error()[0] != '\0', c.err != VESK_OK) << c.url << ": " << m_op->get_last_error();
+    }
+    EXPECT_EQ(m_op->upload_file(http("/files/x").c_str(), "/no/such/file", VESK_URL_PUT), VESK_ERR_OPERATE_FAIL);
+}
+
+TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
+{
+    const std::string dir = s_dir + "/keep", path = dir + "/image.bin";
+    ASSERT_EQ(run("mkdir -p " + dir + " && echo old >" + path), 0);
+    uint8_t md5[16], bad[16];  // md5sum's digest, and one with a bit flipped
+    const std::string hex = shell("md5sum " + s_srv + "/small.bin");
+    for (int i = 0; i < 16; i++)
+        bad[i] = md5[i] = static_cast<uint8_t>(std::stoi(hex.substr(2 * i, 2), nullptr, 16));
+    bad[15] ^= 1;
+    m_op->set_low_speed(100, 2);
+    const struct {
+        std::string url;
+        const uint8_t* md5;
+        VESK_ERR err;
+    } cases[] = {{http("/short/big.bin"), nullptr, VESK_ERR_FAIL}, {http("/reset"), nullptr, VESK_ERR_FAIL},
+                 {http("/status/404"), nullptr, VESK_ERR_FAIL}, {http("/stall"), nullptr, VESK_ERR_FAIL},
+                 {http("/files/small.bin"), bad, VESK_ERR_OPERATE_FAIL}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(m_op->download_file(c.url.c_str(), path.c_str(), c.md5), c.err) << c.url;
+        EXPECT_EQ(shell("cat " + path), "old\n") << c.url;
+        EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << c.url << ": a temporary file was left";
+    }
+    EXPECT_EQ(m_op->download_file(http("/chunked/small.bin").c_str(), path.c_str(), md5), VESK_OK)
+        << m_op->get_last_error();
+    EXPECT_EQ(sha256_of(path), sha256_of(s_srv + "/small.bin"));
+}
+
+TEST_F(url_test, StallCancelAndProgressAbortEndTransfers)
+{
+    static char buf[4096];
+    unsigned n = 0;
+    // A peer that stops sending trips the low-speed limit, long before the total time-out.
+    m_op->set_timeout(10000, 300000);
+    m_op->set_low_speed(100, 2);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(m_op->download_buf(http("/stall").c_str(), buf, sizeof(buf), &n), VESK_ERR_FAIL);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(120));
+    // A cancel ends what only the 300 s limits would end.
+    EXPECT_EQ(m_op->cancel(), VESK_ERR_OPERATE_FAIL) << "nothing to cancel";
+    m_op->set_low_speed(1, 300);
+    VESK_ERR err = VESK_OK;
+    std::thread t([&] { err = m_op->download_buf(http("/stall").c_str(), buf, sizeof(buf), &n); });
+    while (m_op->cancel() != VESK_OK)
+        usleep(1000);
+    t.join();
+    EXPECT_EQ(err, VESK_ERR_FAIL);
+    EXPECT_STREQ(m_op->get_last_error(), "cancelled");
+    // The progress callback sees the transfer move and may stop it.
+    uint64_t seen[2] = {0, 0};  // total, now
+    m_op->set_progress([](void* arg, uint64_t total, uint64_t now, uint64_t, uint64_t) {
+        static_cast<uint64_t*>(arg)[0] = total;
+        return (static_cast<uint64_t*>(arg)[1] = now) > 0 ? 1 : 0;
+    }, seen);
+    static char big[1 << 20];
+    EXPECT_EQ(m_op->download_buf(http("/files/small.bin").c_str(), big, sizeof(big), &n), VESK_ERR_FAIL);
+    EXPECT_STREQ(m_op->get_last_error(), "aborted by the progress callback");
+    EXPECT_EQ(seen[0], 100000u);
+    EXPECT_GT(seen[1], 0u);
+}
+
+// The certificate names 127.0.0.1 only; the environment's proxy points where nothing listens.
+TEST_F(url_test, TlsVerifiesAgainstTheCaFileAndProxyIsUsedOnlyWhenSet)
+{
+    const std::string port = std::to_string(s_https.port), ca = s_dir + "/cert.pem";
+    const std::string by_ip = "https://127.0.0.1:" + port + "/files/small.bin";
+    const std::string by_name = "https://localhost:" + port + "/files/small.bin";
+    static char buf[200000];
+    unsigned n = 0;
+    const struct {
+        const char* ca;
+        VESK_BOOL verify;
+        const std::string& url;
+        VESK_ERR err;
+    } cases[] = {{ca.c_str(), 1, by_ip, VESK_OK}, {nullptr, 1, by_ip, VESK_ERR_FAIL},
+                 {ca.c_str(), 1, by_name, VESK_ERR_FAIL}, {nullptr, 0, by_name, VESK_OK}};
+    for (const auto& c : cases) {
+        ASSERT_EQ(m_op->set_tls(c.ca, c.verify), VESK_OK);
+        EXPECT_EQ(m_op->download_buf(c.url.c_str(), buf, sizeof(buf), &n), c.err) << c.url << " " << c.verify;
+        EXPECT_EQ(n, c.err == VESK_OK ? 100000u : 0u);
+    }
+    const char* vars[] = {"http_proxy", "HTTP_PROXY", "ALL_PROXY", "all_proxy"};
+    for (const char* v : vars)
+        setenv(v, "http://127.0.0.1:1", 1);
+    for (const char* proxy : {"", "http://127.0.0.1:1", ""}) {
+        ASSERT_EQ(m_op->set_proxy(proxy), VESK_OK);
+        EXPECT_EQ(m_op->download_buf(http("/files/small.bin").c_str(), buf, sizeof(buf), &n),
+                  *proxy == '\0' ? VESK_OK : VESK_ERR_FAIL) << proxy;
+    }
+    for (const char* v : vars)
+        unsetenv(v);
+}
+
+// Invariant: operators share nothing but libcurl's global state and the allocator, so eight
+// threads each moving their own data see exactly their own bytes, and once every operator is
+// deleted libcurl holds what it held before.
+TEST_F(url_test, EightOperatorsInParallelThenCurlMemoryIsBack)
+{
+    const uint64_t baseline = curl_bytes();
+    std::atomic<int> ready{0}, bad{0};
+    std::atomic<uint64_t> alive_bytes{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; i++) {
+        threads.emplace_back([&, i] {
+            vesk_url_operate* op = vesk_utility_new_url_operate(0x55, ("worker " + std::to_string(i)).c_str());
+            std::vector<char> data(200000 + i * 1000), back(data.size());
+            const std::string url = http("/files/w" + std::to_string(i) + ".bin");
+            for (int round = 0; round < 5; round++) {
+                for (size_t k = 0; k < data.size(); k++)
+                    data[k] = static_cast<char>(k * (i + 3) + round);
+                unsigned n = 0;
+                if (op->upload_buf(url.c_str(), data.data(), static_cast<unsigned>(data.size()), VESK_URL_PUT) != VESK_OK
+                    || op->download_buf(url.c_str(), back.data(), static_cast<unsigned>(back.size()), &n) != VESK_OK
+                    || n != data.size() || back != data)
+                    bad++;
+            }
+            if (++ready == 8)
+                alive_bytes = curl_bytes();
+            while (ready < 8)
+                usleep(1000);
+            vesk_utility_delete_url_operate(op, __FILE__, __func__);
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(bad, 0);
+    EXPECT_GT(alive_bytes, baseline) << "libcurl's blocks are not accounted";
+    EXPECT_EQ(curl_bytes(), baseline);
+}
