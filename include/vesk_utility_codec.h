@@ -6,7 +6,8 @@
 //   meaningless size is VESK_ERR_INVALID_PARAM, logged, and nothing is written.
 // - Output goes into the caller's buffer `out` of `out_size` bytes; nothing is ever written at
 //   or past out + out_size. A result that does not fit is VESK_ERR_NO_RESOURCE.
-// - `out_len`, when not NULL, receives the bytes written (0 on failure).
+// - `out_len`, when not NULL, receives the bytes written (0 on failure; what a failed call
+//   left in `out` is not to be used).
 // - They keep no state of the layer and work before vesk_utility_init, like the generic
 //   helpers; the MD5 counter handle alone needs the layer initialised.
 // - Thread safety: every function may be called from any thread at any time. A vesk_md5_cnt
@@ -63,7 +64,8 @@ VESK_API VESK_ERR vesk_utility_utf8_truncate(char* str, uint32_t field_size, uin
 constexpr uint32_t VESK_BASE64_URL = 0x1;
 constexpr uint32_t VESK_BASE64_NO_PAD = 0x2;
 
-// The out_size an encoding of in_len bytes needs, with its NUL.
+// The out_size an encoding of in_len bytes needs, with its NUL (UINT32_MAX when no buffer
+// could hold it).
 VESK_API uint32_t vesk_utility_base64_encode_size(uint32_t in_len, uint32_t flags);
 // Encodes in_len bytes as text, NUL-terminated (the NUL not counted in *out_len).
 VESK_API VESK_ERR vesk_utility_base64_encode(const void* in, uint32_t in_len, char* out, uint32_t out_size,

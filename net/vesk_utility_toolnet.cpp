@@ -792,12 +792,11 @@ struct dump_row {
     uint64_t rx_bytes, tx_bytes;
 };
 
-// The console's texts are GB2312.
-// GB2312: -----------------------Toolnet UDP监听任务--------------------------
-constexpr const char* k_udp_title = "-----------------------Toolnet UDP\xBC\xE0\xCC\xFD\xC8\xCE\xCE\xF1--------------------------\n";
-// GB2312: -----------------------Toolnet TCP监听任务--------------------------
-constexpr const char* k_listen_title = "-----------------------Toolnet TCP\xBC\xE0\xCC\xFD\xC8\xCE\xCE\xF1--------------------------\n";
-// GB2312: -----------------------Toolnet TCP连接--------------------------
+// Table titles in GB2312, the console's character set: Toolnet UDP监听任务, TCP监听任务, TCP连接.
+constexpr const char* k_udp_title
+    = "-----------------------Toolnet UDP\xBC\xE0\xCC\xFD\xC8\xCE\xCE\xF1--------------------------\n";
+constexpr const char* k_listen_title
+    = "-----------------------Toolnet TCP\xBC\xE0\xCC\xFD\xC8\xCE\xCE\xF1--------------------------\n";
 constexpr const char* k_conn_title = "-----------------------Toolnet TCP\xC1\xAC\xBD\xD3--------------------------\n";
 
 } // namespace
@@ -873,11 +872,11 @@ void print_rows(const char* title, const dump_row* rows, int n, bool tcp_conn, p
         print("have no task\n");
         return;
     }
-    // GB2312: 编号 | 句柄 | fd | 用户ID | 名称 | 本地地址 | 对端地址 | 收次数 | 收字节 | 发次数 | 发字节
+    // Column titles in GB2312: 编号 句柄 fd 用户ID 名称 本地地址 对端地址 收次数 收字节 发次数 发字节
     print("%-6s%-10s%-6s%-12s%-16s%-26s%-26s%-10s%-14s%-10s%-14s\n", "\xB1\xE0\xBA\xC5", "\xBE\xE4\xB1\xFA", "fd",
         "\xD3\xC3\xBB\xA7ID", "\xC3\xFB\xB3\xC6", "\xB1\xBE\xB5\xD8\xB5\xD8\xD6\xB7",
-        tcp_conn ? "\xB6\xD4\xB6\xCB\xB5\xD8\xD6\xB7" : "-", "\xCA\xD5\xB4\xCE\xCA\xFD", "\xCA\xD5\xD7\xD6\xBD\xDA",
-        "\xB7\xA2\xB4\xCE\xCA\xFD", "\xB7\xA2\xD7\xD6\xBD\xDA");
+        tcp_conn ? "\xB6\xD4\xB6\xCB\xB5\xD8\xD6\xB7" : "-", "\xCA\xD5\xB4\xCE\xCA\xFD",
+        "\xCA\xD5\xD7\xD6\xBD\xDA", "\xB7\xA2\xB4\xCE\xCA\xFD", "\xB7\xA2\xD7\xD6\xBD\xDA");
     for (int i = 0; i < n; i++) {
         const dump_row& r = rows[i];
         print("%-6d0x%-8x%-6d0x%-10x%-16s%-26s%-26s%-10u%-14llu%-10u%-14llu\n", i + 1, r.handle, r.fd, r.usr_id,

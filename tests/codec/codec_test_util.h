@@ -41,14 +41,6 @@ inline std::string to_hex(const void* data, size_t len)
     return s;
 }
 
-inline std::vector<unsigned char> from_hex(const std::string& hex)
-{
-    std::vector<unsigned char> out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
 // Deterministic bytes (xorshift), so that a failing case can be reproduced.
 inline std::vector<unsigned char> random_bytes(uint32_t& state, size_t len)
 {

@@ -40,7 +40,6 @@ for a in leads:
 
 struct codes_case {
     const char* python_name;
-    const char* iconv_name;
     VESK_ERR (*to_utf8)(const char*, uint32_t, char*, uint32_t, uint32_t*);
     VESK_ERR (*from_utf8)(const char*, uint32_t, char*, uint32_t, uint32_t*);
 };
@@ -52,34 +51,32 @@ TEST(CharsetTest, EveryTwoByteCodeDecodesAndEncodesAsPythonCodecs)
     const std::string script = vesk_test::private_root() + "/charset_table.py";
     write_file(script, k_python_table, strlen(k_python_table));
     const codes_case cases[] = {
-        {"gb2312", "GB2312", vesk_utility_gb2312_to_utf8, vesk_utility_utf8_to_gb2312},
-        {"gbk", "GBK", vesk_utility_gbk_to_utf8, vesk_utility_utf8_to_gbk},
+        {"gb2312", vesk_utility_gb2312_to_utf8, vesk_utility_utf8_to_gb2312},
+        {"gbk", vesk_utility_gbk_to_utf8, vesk_utility_utf8_to_gbk},
     };
     for (const codes_case& c : cases) {
         std::istringstream table(run("/usr/bin/python3 " + script + " " + c.python_name));
         std::string code_hex, utf8_hex, back_hex;
-        int codes = 0, valid = 0;
+        int codes = 0;
         while (table >> code_hex >> utf8_hex >> back_hex) {
             codes++;
-            const std::vector<unsigned char> code = from_hex(code_hex);
+            const unsigned long v = std::stoul(code_hex, nullptr, 16);
+            const char code[2] = {static_cast<char>(v >> 8), static_cast<char>(v)};
             char utf8[16], back[16];
             uint32_t n = 99;
-            VESK_ERR ret = c.to_utf8(reinterpret_cast<const char*>(code.data()), 2, utf8, sizeof(utf8), &n);
+            VESK_ERR ret = c.to_utf8(code, 2, utf8, sizeof(utf8), &n);
             if (utf8_hex == "-") {
                 EXPECT_EQ(ret, VESK_ERR_OPERATE_FAIL) << c.python_name << " " << code_hex;
                 EXPECT_EQ(n, 0u);
                 continue;
             }
-            valid++;
             ASSERT_EQ(ret, VESK_OK) << c.python_name << " " << code_hex;
             EXPECT_EQ(to_hex(utf8, n), utf8_hex) << c.python_name << " " << code_hex;
             EXPECT_EQ(utf8[n], '\0');
             ASSERT_EQ(c.from_utf8(utf8, n, back, sizeof(back), &n), VESK_OK) << c.python_name << " " << code_hex;
             EXPECT_EQ(to_hex(back, n), back_hex) << c.python_name << " " << code_hex;
         }
-        // 87 x 94 and 126 x 190 codes; Python says how many of them are characters.
         EXPECT_EQ(codes, c.python_name[2] == '2' ? 87 * 94 : 126 * 190) << c.python_name;
-        EXPECT_GT(valid, 7000) << c.python_name;
     }
 }
 
@@ -198,9 +195,9 @@ TEST(CharsetTest, ThreadsConvertConcurrentlyWithTheirOwnConverters)
     const char utf8[] = "\xE4\xB8\xAD\xE6\x96\x87"; // 中文
     std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
-    for (int t = 0; t < 4; t++) {
+    const char* sets[] = {"GB2312", "GBK", "GB18030", "UTF-16LE", "UTF-8"};
+    for (int t = 0; t < 4; t++)
         threads.emplace_back([&, t] {
-            const char* sets[] = {"GB2312", "GBK", "GB18030", "UTF-16LE", "UTF-8"};
             for (int i = 0; i < 2000; i++) {
                 char out[32], back[32];
                 uint32_t n, m;
@@ -213,7 +210,6 @@ TEST(CharsetTest, ThreadsConvertConcurrentlyWithTheirOwnConverters)
             if (vesk_utility::vesk_charset_cached_converters() > 4)
                 wrong += 1000;
         });
-    }
     for (auto& th : threads)
         th.join();
     EXPECT_EQ(wrong.load(), 0);

@@ -628,11 +628,11 @@ TEST(TimerDiagTest, TaskAndThreadTablesHaveTheirTitlesHeadersAndRows)
     EXPECT_EQ(rows, 7) << threads;
     EXPECT_EQ(lines_with(threads, "当前任务: ID(0x43、0x5678),执行时间(").size(), 1u) << threads;
 
-    const std::string others = vesk_test::capture_stdout([&] {
+    const std::string others = convert("GB2312", "UTF-8", vesk_test::capture_stdout([&] {
         t->diagnose(3, vesk_print_stdout);
         t->diagnose(9, vesk_print_stdout);
-    });
-    EXPECT_NE(convert("GB2312", "UTF-8", others).find("Toolnet UDP监听任务"), std::string::npos) << others; // its list 1
+    }));
+    EXPECT_NE(others.find("Toolnet UDP监听任务"), std::string::npos) << others; // the network tool's list 1
     EXPECT_NE(others.find("para = 9 not support!\n"), std::string::npos) << others;
     running.release = true;
     EXPECT_TRUE(wait_for([&] { return running.finished == 1; }));
