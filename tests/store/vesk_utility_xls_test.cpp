@@ -333,6 +333,8 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
         {"huge used area", patched(dims + 8, {0x00, 0x00, 0x01, 0x00, 0, 0, 0x00, 0x01}), VESK_ERR_NO_RESOURCE},
         {"rows beyond the format", patched(dims + 8, {0x01, 0x00, 0x01, 0x00}), VESK_ERR_OPERATE_FAIL},
         {"string count beyond the bytes", patched(sst + 8, {0xFF, 0xFF, 0xFF, 0x0F}), VESK_ERR_NO_RESOURCE},
+        {"one string fewer declared", patched(sst + 8, {0x01}), VESK_ERR_OPERATE_FAIL},
+        {"string past the table", patched(sst + 12, {0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"record longer than allowed", patched(dims + 2, {0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"sheet entry beside its sheet", patched(sheet + 4, {0x10}), VESK_ERR_OPERATE_FAIL},
         {"globals never closed", patched(globals_end, {0x99}), VESK_ERR_OPERATE_FAIL},
