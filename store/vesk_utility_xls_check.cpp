@@ -23,6 +23,9 @@ constexpr uint16_t k_continue = 0x003C;
 constexpr uint16_t k_dimensions = 0x0200;
 constexpr uint16_t k_boundsheet = 0x0085;
 constexpr uint16_t k_labelsst = 0x00FD;
+constexpr uint16_t k_format = 0x041E;
+constexpr uint16_t k_font = 0x0031;
+constexpr uint16_t k_label = 0x0204;
 constexpr uint16_t k_rk = 0x027E;
 constexpr uint16_t k_number = 0x0203;
 constexpr uint16_t k_blank = 0x0201;
@@ -141,6 +144,20 @@ VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, uin
         if (!skip(4ull * runs + ext))
             return past_end();
     }
+}
+
+// Whether the string whose character count starts at body[at] fits the record: BIFF8 counts
+// (1 or 2 bytes, `wide_count`) are followed by a flags byte that says 1 or 2 bytes a character;
+// BIFF5 strings are bytes. The reading library copies by the count alone.
+bool string_fits(const uint8_t* body, uint32_t len, uint32_t at, bool wide_count, bool biff8)
+{
+    const uint32_t count_bytes = wide_count ? 2 : 1;
+    const uint32_t head = count_bytes + (biff8 ? 1 : 0);
+    if (at + head > len)
+        return false;
+    const uint32_t chars = wide_count ? u16_at(body + at) : body[at];
+    const uint32_t per = biff8 && (body[at + count_bytes] & 0x01) != 0 ? 2 : 1;
+    return static_cast<uint64_t>(at) + head + static_cast<uint64_t>(chars) * per <= len;
 }
 
 }  // namespace
@@ -279,6 +296,20 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             break;
         default:
             break;
+        }
+        // Records with one string: its count must stay inside the record.
+        bool fits = true;
+        if (type == k_format)
+            fits = string_fits(body, len, 2, biff8, biff8);
+        else if (type == k_boundsheet)
+            fits = string_fits(body, len, 6, false, biff8);
+        else if (type == k_font)
+            fits = string_fits(body, len, 14, false, biff8);
+        else if (type == k_label)
+            fits = string_fits(body, len, 6, true, biff8);
+        if (!fits) {
+            result->why = "a string longer than its record";
+            return VESK_ERR_OPERATE_FAIL;
         }
         // Single-cell records have one size; the reading library leaks on any other.
         if (fixed != 0 && len != fixed) {

@@ -335,6 +335,7 @@ TEST(XlsTest, HostileAndOversizeFilesAreRefusedBeforeParsing)
         {"string count beyond the bytes", patched(sst + 8, {0xFF, 0xFF, 0xFF, 0x0F}), VESK_ERR_NO_RESOURCE},
         {"one string fewer declared", patched(sst + 8, {0x01}), VESK_ERR_OPERATE_FAIL},
         {"string past the table", patched(sst + 12, {0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
+        {"sheet name past its record", patched(sheet + 4 + 6, {0xF0}), VESK_ERR_OPERATE_FAIL},
         {"record longer than allowed", patched(dims + 2, {0xFF, 0x7F}), VESK_ERR_OPERATE_FAIL},
         {"sheet entry beside its sheet", patched(sheet + 4, {0x10}), VESK_ERR_OPERATE_FAIL},
         {"globals never closed", patched(globals_end, {0x99}), VESK_ERR_OPERATE_FAIL},
