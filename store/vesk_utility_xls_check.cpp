@@ -23,6 +23,9 @@ constexpr uint16_t k_continue = 0x003C;
 constexpr uint16_t k_dimensions = 0x0200;
 constexpr uint16_t k_boundsheet = 0x0085;
 constexpr uint16_t k_labelsst = 0x00FD;
+constexpr uint16_t k_format = 0x041E;
+constexpr uint16_t k_font = 0x0031;
+constexpr uint16_t k_label = 0x0204;
 constexpr uint16_t k_rk = 0x027E;
 constexpr uint16_t k_number = 0x0203;
 constexpr uint16_t k_blank = 0x0201;
@@ -50,8 +53,14 @@ struct sst_segment {
 // Walks the strings of the table. The reading library misreads a string whose characters run
 // through more than one CONTINUE (it loses its place after the first), so such a table is
 // refused rather than read wrong. O(strings + segments).
-VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, const char** why)
+VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, uint64_t declared, const char** why)
 {
+    uint64_t strings = 0;
+    // The reading library copies a string by its own counts, past the record when they lie.
+    auto past_end = [&]() {
+        *why = "a shared string runs past the string table";
+        return VESK_ERR_OPERATE_FAIL;
+    };
     uint32_t k = 0, at = 0;  // segment, offset inside it
     // Reads n bytes (a field may straddle segments in files that break the rules).
     auto take = [&](uint8_t* out, uint32_t n) {
@@ -86,28 +95,34 @@ VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, con
             k++;
             at = 0;
         }
-        if (k >= segs.size())
+        if (k >= segs.size()) {
+            if (strings != declared) {
+                *why = "the string table holds another number of strings than it declares";
+                return VESK_ERR_OPERATE_FAIL;
+            }
             return VESK_OK;
+        }
+        strings++;
         uint8_t h[7];
         if (!take(h, 3))
-            return VESK_OK;  // a cut-off table: the counts check above bounds it
+            return past_end();
         uint32_t chars = u16_at(h);
         uint8_t flags = h[2];
         uint32_t runs = 0, ext = 0;
         if ((flags & 0x08) != 0) {
             if (!take(h + 3, 2))
-                return VESK_OK;
+                return past_end();
             runs = u16_at(h + 3);
         }
         if ((flags & 0x04) != 0) {
             if (!take(h + 3, 4))
-                return VESK_OK;
+                return past_end();
             ext = u32_at(h + 3);
         }
         uint32_t continued = 0;
         while (chars > 0) {
             if (k >= segs.size())
-                return VESK_OK;
+                return past_end();
             const uint32_t per = (flags & 0x01) != 0 ? 2 : 1;
             const uint32_t fit = (segs[k].len - at) / per;
             if (fit == 0) {
@@ -119,7 +134,7 @@ VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, con
                     return VESK_ERR_NOT_SUPPORT;
                 }
                 if (!take(&flags, 1))
-                    return VESK_OK;
+                    return past_end();
                 continue;
             }
             const uint32_t n = fit < chars ? fit : chars;
@@ -127,8 +142,22 @@ VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, con
             chars -= n;
         }
         if (!skip(4ull * runs + ext))
-            return VESK_OK;
+            return past_end();
     }
+}
+
+// Whether the string whose character count starts at body[at] fits the record: BIFF8 counts
+// (1 or 2 bytes, `wide_count`) are followed by a flags byte that says 1 or 2 bytes a character;
+// BIFF5 strings are bytes. The reading library copies by the count alone.
+bool string_fits(const uint8_t* body, uint32_t len, uint32_t at, bool wide_count, bool biff8)
+{
+    const uint32_t count_bytes = wide_count ? 2 : 1;
+    const uint32_t head = count_bytes + (biff8 ? 1 : 0);
+    if (at + head > len)
+        return false;
+    const uint32_t chars = wide_count ? u16_at(body + at) : body[at];
+    const uint32_t per = biff8 && (body[at + count_bytes] & 0x01) != 0 ? 2 : 1;
+    return static_cast<uint64_t>(at) + head + static_cast<uint64_t>(chars) * per <= len;
 }
 
 }  // namespace
@@ -268,6 +297,20 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
         default:
             break;
         }
+        // Records with one string: its count must stay inside the record.
+        bool fits = true;
+        if (type == k_format)
+            fits = string_fits(body, len, 2, biff8, biff8);
+        else if (type == k_boundsheet)
+            fits = string_fits(body, len, 6, false, biff8);
+        else if (type == k_font)
+            fits = string_fits(body, len, 14, false, biff8);
+        else if (type == k_label)
+            fits = string_fits(body, len, 6, true, biff8);
+        if (!fits) {
+            result->why = "a string longer than its record";
+            return VESK_ERR_OPERATE_FAIL;
+        }
         // Single-cell records have one size; the reading library leaks on any other.
         if (fixed != 0 && len != fixed) {
             result->why = "cell record of the wrong size";
@@ -279,7 +322,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
         result->why = "the string table claims more strings than its bytes hold";
         return VESK_ERR_NO_RESOURCE;
     }
-    err = walk_sst(cfb, segs, &result->why);
+    err = segs.size() > 0 ? walk_sst(cfb, segs, sst_unique, &result->why) : VESK_OK;
     if (err != VESK_OK)
         return err;
     if (result->sheets == 0) {
