@@ -440,15 +440,9 @@ TEST_F(DiagnoseTest, StalledConsoleIsDroppedWhileRegistrationsGoOn)
     close(m_fd);
     connect_console();
     send_request(52, k_diag_cmd_list);
-    vesk_diag_msg_head h;
-    std::string all;
-    while (read_exact(&h, 16) && h.cmd == k_diag_ans_text) {
-        std::string text(h.len, '\0');
-        ASSERT_TRUE(read_exact(text.data(), h.len));
-        all += text.c_str();
-    }
-    EXPECT_EQ(h.cmd, k_diag_ans_finish);
-    EXPECT_EQ(h.seq, 52u);
+    const answer a = read_answer();
+    EXPECT_EQ(a.finish_seq, 52u);
+    const std::string all = a.joined();
     EXPECT_THAT(all, HasSubstr("client idx = 0  purpose = 'late'\n"));
 }
 

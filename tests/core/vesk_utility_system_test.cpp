@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -357,23 +356,29 @@ TEST(ProxyServerTest, RefusesAnotherUserAndSurvivesMalformedOrVanishingClients)
 namespace
 {
 
-// utime + stime of a process, in clock ticks.
+// utime + stime of a process, in clock ticks (fields 14 and 15 of its stat line).
 long cpu_ticks(pid_t pid)
 {
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    unsigned long ut = 0, st = 0;
     const size_t paren = stat.rfind(')');
-    if (paren == std::string::npos)
+    if (paren == std::string::npos
+        || sscanf(stat.c_str() + paren + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &ut, &st) != 2)
         return -1;
-    std::istringstream in(stat.substr(paren + 2));
-    std::string field;
-    long utime = 0, stime = 0;
-    for (int i = 3; i <= 15 && in >> field; i++) {
-        if (i == 14)
-            utime = std::stol(field);
-        if (i == 15)
-            stime = std::stol(field);
-    }
-    return utime + stime;
+    return static_cast<long>(ut + st);
+}
+
+// connect() on a fresh socket (SOCK_STREAM | flags) that gives up after 30 s; *rc its result.
+int connect_bounded(const std::string& path, int flags, int* rc)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | flags, 0);
+    const timeval bound {30, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
+    sockaddr_un addr {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    *rc = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    return fd;
 }
 
 bool peer_closed(int fd)
@@ -437,15 +442,9 @@ TEST(ProxyServerTest, OutOfDescriptorsShedsClientsWithoutSpinningAndRecovers)
     ASSERT_TRUE(server.ready());
     std::vector<int> clients;
     for (int i = 0; i < 60; i++) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        ASSERT_GE(fd, 0);
-        const timeval bound {30, 0}; // a connect that waits for ever fails the test instead
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
-        sockaddr_un addr {};
-        addr.sun_family = AF_UNIX;
-        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << i << " " << strerror(errno);
-        clients.push_back(fd);
+        int rc = -1;
+        clients.push_back(connect_bounded(path, 0, &rc)); // a connect left waiting fails here
+        ASSERT_EQ(0, rc) << i << " " << strerror(errno);
     }
     // Every client is either kept or closed unserved; none stays pending in the backlog.
     int shed = 0;
@@ -475,16 +474,8 @@ TEST(SystemClientTest, ProxyWithAFullBacklogCountsAsAbsent)
     ASSERT_GE(listener, 0);
     ASSERT_EQ(0, listen(listener, 0));
     std::vector<int> fillers;
-    for (int i = 0; i < 16; i++) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        sockaddr_un addr {};
-        addr.sun_family = AF_UNIX;
-        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        const int r = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        fillers.push_back(fd);
-        if (r != 0)
-            break;
-    }
+    for (int rc = 0; rc == 0 && fillers.size() < 16;)
+        fillers.push_back(connect_bounded(path, SOCK_NONBLOCK, &rc));
     const std::string out = private_root() + "/full_fallback.txt";
     const std::string log = capture_stdout([&] {
         auto* client = never_destroyed(new vesk_utility::vesk_utility_system_client(path.c_str()));
