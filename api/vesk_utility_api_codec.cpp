@@ -66,7 +66,9 @@ VESK_ERR vesk_utility_utf8_truncate(char* str, uint32_t field_size, uint32_t* ou
         VESK_ERR_FN("invalid param: str = %p, field_size = %u\n", static_cast<void*>(str), field_size);
         return VESK_ERR_INVALID_PARAM;
     }
-    const uint32_t len = static_cast<uint32_t>(strnlen(str, field_size));
+    // Up to three bytes past the field: a character that crosses its end must be seen whole to
+    // be recognised (and dropped) as one.
+    const uint32_t len = static_cast<uint32_t>(strnlen(str, static_cast<size_t>(field_size) + 3));
     const uint32_t keep = vesk_utf8_fit(str, len, field_size - 1);
     str[keep] = '\0';
     if (out_len != nullptr)

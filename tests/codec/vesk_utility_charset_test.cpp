@@ -170,7 +170,7 @@ TEST(CharsetTest, Utf8CheckAndTruncationRespectCharacters)
     const struct {
         uint32_t field;
         const char* kept;
-    } cuts[] = {{1, ""}, {2, "a"}, {4, "a"}, {5, "a\xE4\xB8\xAD"}, {7, "a\xE4\xB8\xAD"},
+    } cuts[] = {{1, ""}, {2, "a"}, {3, "a"}, {4, "a"}, {5, "a\xE4\xB8\xAD"}, {7, "a\xE4\xB8\xAD"},
                 {8, "a\xE4\xB8\xAD\xE6\x96\x87"}, {64, "a\xE4\xB8\xAD\xE6\x96\x87"}};
     for (const auto& c : cuts) {
         char field[64] = "a\xE4\xB8\xAD\xE6\x96\x87";
