@@ -520,22 +520,21 @@ VESK_ERR vesk_utility_av_mng::delete_av_reader(vesk_av_reader* reader, const cha
         VESK_LOG_WARN(k_cls, "Invalid Param");
         return VESK_OK;
     }
-    vesk_av_reader_v1* r = static_cast<vesk_av_reader_v1*>(reader);
-    bool registered = false;
+    // The caller's pointer is only compared, never cast down or read, until a slot vouches for
+    // it: not ours (never made here, or deleted already), the object may be gone.
+    vesk_av_reader_v1* r = nullptr;
     {
         std::lock_guard<std::mutex> guard(s_av_lock);
         for (vesk_av_reader_v1*& slot : m_readers) { // O(320)
-            if (slot == r) {
+            if (slot != nullptr && static_cast<vesk_av_reader*>(slot) == reader) {
+                r = slot;
                 slot = nullptr;
                 m_reader_cnt--;
-                registered = true;
                 break;
             }
         }
     }
-    // Not ours (never made here, or deleted already): the object may be gone, so it is not
-    // even looked at.
-    if (!registered) {
+    if (r == nullptr) {
         VESK_LOG_ERR(k_cls, "%s, %s delete invalid!\n", file != nullptr ? file : "", func != nullptr ? func : "");
         VESK_ASSERT(0);
     }
