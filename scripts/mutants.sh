@@ -90,11 +90,12 @@ run_fault() {
         return 0
     fi
     # shellcheck disable=SC2046
-    if ! cmake --build "$build" -j "$jobs" --target $(targets_of "$labels") >"$work/fault.log" 2>&1; then
+    # Builds and tests read no input: the fault list is on this loop's standard input.
+    if ! cmake --build "$build" -j "$jobs" --target $(targets_of "$labels") >"$work/fault.log" 2>&1 </dev/null; then
         stale+=("$id (does not build)")
     else
         ctest --test-dir "$build" -L "^($labels)\$" -j "$jobs" --timeout 120 --stop-on-failure \
-            >>"$work/fault.log" 2>&1 || rc=$?
+            >>"$work/fault.log" 2>&1 </dev/null || rc=$?
         if [ $rc -ne 0 ]; then
             caught=$((caught + 1))
             printf 'caught  %s\n' "$id"
