@@ -140,7 +140,7 @@ TEST(WavTest, RoundTripsThroughSoxAndFfmpegInEveryFormat)
             SCOPED_TRACE(std::string(c.name) + " x" + std::to_string(ch));
             const bytes samples = sample_bytes(frames * ch * c.bits / 8, 7u * ch + c.tag);
             const std::string ours = tmp("ours.wav"), raw = tmp("raw.bin"), back = tmp("back.bin");
-            const std::string spec = " -r 8000 -c " + std::to_string(ch) + " " + c.sox_enc + " ";
+            const std::string raw_args = " -r 8000 -c " + std::to_string(ch) + " " + c.sox_enc + " ";
             const std::string ff_in = " -f " + std::string(c.ff_fmt) + " -ar 8000 -ac " + std::to_string(ch);
 
             // Ours, read by both tools back to the same raw bytes.
@@ -157,7 +157,7 @@ TEST(WavTest, RoundTripsThroughSoxAndFfmpegInEveryFormat)
             bytes via_sox = samples;
             for (uint8_t& b : via_sox)
                 b = (c.tag == VESK_WAV_FORMAT_MULAW && b == 0x7F) ? 0xFF : b;
-            ASSERT_TRUE(tool("sox -V1 " + ours + " -t raw" + spec + back));
+            ASSERT_TRUE(tool("sox -V1 " + ours + " -t raw" + raw_args + back));
             EXPECT_TRUE(read_file(back) == via_sox) << "sox read";
             ASSERT_TRUE(tool("ffmpeg -v error -y -i " + ours + " -c:a copy -f " + c.ff_fmt + " " + back));
             EXPECT_TRUE(read_file(back) == samples) << "ffmpeg read";
@@ -165,7 +165,7 @@ TEST(WavTest, RoundTripsThroughSoxAndFfmpegInEveryFormat)
             // The tools' files (ffmpeg adds a LIST chunk before the data), read by us.
             write_file(raw, samples);
             const std::string sox_wav = tmp("sox.wav"), ff_wav = tmp("ff.wav");
-            ASSERT_TRUE(tool("sox -V1 -t raw" + spec + raw + " -t wav" + spec + sox_wav));
+            ASSERT_TRUE(tool("sox -V1 -t raw" + raw_args + raw + " -t wav" + raw_args + sox_wav));
             ASSERT_TRUE(tool("ffmpeg -v error -y" + ff_in + " -i " + raw + " -c:a copy " + ff_wav));
             for (const std::string& path : {sox_wav, ff_wav}) {
                 vesk_wav_format got = {};
