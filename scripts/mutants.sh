@@ -17,6 +17,8 @@ if [ "$only" = --check ]; then
 fi
 work=${VESK_MUTANTS_DIR:-/tmp/vesk_mutants}
 src=$work/src build=$work/build
+# Relative paths let copies in other work directories share the compiler cache.
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$work}
 jobs=$(nproc 2>/dev/null || echo 2)
 
 # The suites (CTest labels) that judge a fault in a folder, unless its line names others.
