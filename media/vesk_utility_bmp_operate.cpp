@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/vesk_utility_bytes.h"
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_mem_account.h"
 #include "core/vesk_utility_purposes.h"
@@ -42,28 +43,6 @@ constexpr uint32_t k_v4_header = 108;
 constexpr uint32_t k_bi_rgb = 0, k_bi_rle8 = 1, k_bi_rle4 = 2, k_bi_bitfields = 3, k_bi_alphabitfields = 6;
 // A loaded file may be at most this large: the biggest bitmap at 32 bits and its headers.
 constexpr uint64_t k_max_file = uint64_t(VESK_BMP_MAX_SIDE) * VESK_BMP_MAX_SIDE * 4 + 4096;
-
-inline uint32_t u16(const uint8_t* p)
-{
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8;
-}
-
-inline uint32_t u32(const uint8_t* p)
-{
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-
-inline void put16(uint8_t* p, uint32_t v)
-{
-    p[0] = uint8_t(v);
-    p[1] = uint8_t(v >> 8);
-}
-
-inline void put32(uint8_t* p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i)
-        p[i] = uint8_t(v >> (8 * i));
-}
 
 inline uint64_t row_stride(uint64_t width, uint32_t bits)
 {
@@ -146,8 +125,8 @@ VESK_ERR vesk_bmp_realize::load_memory(const void* data, uint32_t size)
         VESK_LOG_ERR(k_cls, "not a BMP (%u bytes)\n", size);
         return VESK_ERR_OPERATE_FAIL;
     }
-    const uint32_t offset = u32(f + 10);
-    const uint32_t info = u32(f + 14);
+    const uint32_t offset = le32(f + 10);
+    const uint32_t info = le32(f + 14);
     if (info != k_core_header && (info < k_info_header || info > 124)) {
         VESK_LOG_ERR(k_cls, "info header of %u bytes\n", info);
         return VESK_ERR_OPERATE_FAIL;
@@ -158,15 +137,15 @@ VESK_ERR vesk_bmp_realize::load_memory(const void* data, uint32_t size)
     int64_t width, height;
     uint32_t bits, compression = k_bi_rgb, colours = 0;
     if (info == k_core_header) {
-        width = u16(h + 4);
-        height = u16(h + 6);
-        bits = u16(h + 10);
+        width = le16(h + 4);
+        height = le16(h + 6);
+        bits = le16(h + 10);
     } else {
-        width = int32_t(u32(h + 4));
-        height = int32_t(u32(h + 8));
-        bits = u16(h + 14);
-        compression = u32(h + 16);
-        colours = u32(h + 32);
+        width = int32_t(le32(h + 4));
+        height = int32_t(le32(h + 8));
+        bits = le16(h + 14);
+        compression = le32(h + 16);
+        colours = le32(h + 32);
     }
     if (compression == k_bi_rle8 || compression == k_bi_rle4) {
         VESK_LOG_ERR(k_cls, "RLE compression is not supported\n");
@@ -213,9 +192,9 @@ VESK_ERR vesk_bmp_realize::load_memory(const void* data, uint32_t size)
                 return VESK_ERR_OPERATE_FAIL;
             }
             for (uint32_t i = 0; i < count; ++i)
-                masks[i] = u32(m + 4 * i);
+                masks[i] = le32(m + 4 * i);
             if (count == 3 && info >= 56)
-                masks[3] = u32(h + 52);
+                masks[3] = le32(h + 52);
         }
         for (int i = 0; i < 4; ++i) {
             s.ch[i].mask = masks[i];
@@ -385,9 +364,9 @@ VESK_ERR vesk_bmp_realize::set_pixel(uint32_t x, uint32_t y, uint32_t value)
         word |= (v << c.shift) & c.mask;
     }
     if (m_bits == 16)
-        put16(r + 2 * x, word);
+        put_le16(r + 2 * x, word);
     else
-        put32(r + 4 * x, word);
+        put_le32(r + 4 * x, word);
     return VESK_OK;
 }
 
@@ -405,7 +384,7 @@ uint32_t vesk_bmp_realize::to_argb(uint32_t x, uint32_t y) const
     case 24:
         return 0xFF000000u | uint32_t(r[3 * x + 2]) << 16 | uint32_t(r[3 * x + 1]) << 8 | r[3 * x];
     default: {
-        const uint32_t word = m_bits == 16 ? u16(r + 2 * x) : u32(r + 4 * x);
+        const uint32_t word = m_bits == 16 ? le16(r + 2 * x) : le32(r + 4 * x);
         uint32_t v[4];
         for (int i = 0; i < 4; ++i)
             v[i] = widen((word & m_ch[i].mask) >> m_ch[i].shift, m_ch[i].bits);
@@ -457,7 +436,7 @@ VESK_ERR vesk_bmp_realize::read_pixels(vesk_image* dst)
         for (uint32_t y = 0; y < rows; ++y) {
             uint8_t* out = argb.plane[0] + size_t(y) * argb.stride[0];
             for (uint32_t x = 0; x < m_width; ++x)
-                put32(out + 4 * x, to_argb(x, y0 + y));
+                put_le32(out + 4 * x, to_argb(x, y0 + y));
         }
         if (!direct) {
             const VESK_ERR err = image_convert(argb, nullptr, image_rows(*dst, y0, rows), VESK_MATRIX_BT601);
@@ -487,23 +466,23 @@ VESK_ERR vesk_bmp_realize::save(const char* path)
     uint8_t head[k_file_header + k_v4_header] = {};
     head[0] = 'B';
     head[1] = 'M';
-    put32(head + 2, offset + image);
-    put32(head + 10, offset);
+    put_le32(head + 2, offset + image);
+    put_le32(head + 10, offset);
     uint8_t* h = head + k_file_header;
-    put32(h, info);
-    put32(h + 4, m_width);
-    put32(h + 8, m_height); // positive: bottom row first
-    put16(h + 12, 1);
-    put16(h + 14, m_bits);
-    put32(h + 16, fields ? k_bi_bitfields : k_bi_rgb);
-    put32(h + 20, image);
-    put32(h + 24, 2835); // 72 dpi
-    put32(h + 28, 2835);
-    put32(h + 32, palette);
+    put_le32(h, info);
+    put_le32(h + 4, m_width);
+    put_le32(h + 8, m_height); // positive: bottom row first
+    put_le16(h + 12, 1);
+    put_le16(h + 14, m_bits);
+    put_le32(h + 16, fields ? k_bi_bitfields : k_bi_rgb);
+    put_le32(h + 20, image);
+    put_le32(h + 24, 2835); // 72 dpi
+    put_le32(h + 28, 2835);
+    put_le32(h + 32, palette);
     if (fields) {
         for (int i = 0; i < 4; ++i)
-            put32(h + 40 + 4 * i, m_ch[i].mask);
-        put32(h + 56, 0x73524742); // 'sRGB'
+            put_le32(h + 40 + 4 * i, m_ch[i].mask);
+        put_le32(h + 56, 0x73524742); // 'sRGB'
     }
 
     char tmp[512];
@@ -517,7 +496,7 @@ VESK_ERR vesk_bmp_realize::save(const char* path)
     bool ok = fwrite(head, 1, k_file_header + info, fp) == k_file_header + info;
     for (uint32_t i = 0; ok && i < palette; ++i) {
         uint8_t e[4];
-        put32(e, m_palette[i] & 0xFFFFFF); // B, G, R, 0
+        put_le32(e, m_palette[i] & 0xFFFFFF); // B, G, R, 0
         ok = fwrite(e, 1, 4, fp) == 4;
     }
     for (uint32_t y = m_height; ok && y-- > 0;)

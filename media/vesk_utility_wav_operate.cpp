@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "core/vesk_utility_bytes.h"
 #include "core/vesk_utility_log.h"
 
 namespace vesk_utility {
@@ -40,26 +41,6 @@ constexpr uint16_t k_tag_extensible = 0xFFFE;
 constexpr uint8_t k_guid_tail[14] = {0x00, 0x00, 0x00, 0x00, 0x10, 0x00, 0x80,
                                      0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
 
-inline uint16_t get_u16(const uint8_t* p)
-{
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-inline uint32_t get_u32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-           (static_cast<uint32_t>(p[3]) << 24);
-}
-inline void put_u16(uint8_t* p, uint16_t v)
-{
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-inline void put_u32(uint8_t* p, uint32_t v)
-{
-    for (int i = 0; i < 4; i++)
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
 bool read_exact(wav_read_fn read, void* ctx, uint64_t off, void* buf, uint32_t len)
 {
     return read(ctx, off, buf, len) == static_cast<int64_t>(len);
@@ -81,18 +62,18 @@ VESK_ERR check_format(const vesk_wav_format& f)
 VESK_ERR parse_fmt(const uint8_t* b, uint32_t len, wav_layout* out)
 {
     vesk_wav_format f;
-    f.format_tag = get_u16(b);
-    f.channels = get_u16(b + 2);
-    f.sample_rate = get_u32(b + 4);
-    const uint16_t align = get_u16(b + 12);
-    f.bits_per_sample = get_u16(b + 14);
+    f.format_tag = le16(b);
+    f.channels = le16(b + 2);
+    f.sample_rate = le32(b + 4);
+    const uint16_t align = le16(b + 12);
+    f.bits_per_sample = le16(b + 14);
     if (f.format_tag == k_tag_extensible) {
         // cbSize (2), valid bits (2), channel mask (4), sub-format GUID (16).
-        if (len < 40 || get_u16(b + 16) < 22)
+        if (len < 40 || le16(b + 16) < 22)
             return VESK_ERR_OPERATE_FAIL;
-        if (get_u16(b + 18) > f.bits_per_sample || memcmp(b + 26, k_guid_tail, sizeof(k_guid_tail)) != 0)
+        if (le16(b + 18) > f.bits_per_sample || memcmp(b + 26, k_guid_tail, sizeof(k_guid_tail)) != 0)
             return VESK_ERR_NOT_SUPPORT;
-        f.format_tag = get_u16(b + 24);
+        f.format_tag = le16(b + 24);
     }
     const VESK_ERR err = check_format(f);
     if (err != VESK_OK)
@@ -104,42 +85,10 @@ VESK_ERR parse_fmt(const uint8_t* b, uint32_t len, wav_layout* out)
     return VESK_OK;
 }
 
-int64_t fd_read_at(void* ctx, uint64_t off, void* buf, uint32_t len)
-{
-    const int fd = *static_cast<int*>(ctx);
-    uint32_t done = 0;
-    while (done < len) {
-        const ssize_t n = pread(fd, static_cast<uint8_t*>(buf) + done, len - done, static_cast<off_t>(off + done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        done += static_cast<uint32_t>(n);
-    }
-    return done;
-}
-
-bool write_all(int fd, const void* buf, size_t len)
-{
-    const uint8_t* p = static_cast<const uint8_t*>(buf);
-    while (len > 0) {
-        const ssize_t n = write(fd, p, len);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 bool pwrite_u32(int fd, uint32_t at, uint32_t v)
 {
     uint8_t b[4];
-    put_u32(b, v);
+    put_le32(b, v);
     return pwrite(fd, b, 4, at) == 4;
 }
 
@@ -151,7 +100,7 @@ VESK_ERR wav_parse(wav_read_fn read, void* ctx, uint64_t file_size, wav_layout* 
     if (!read_exact(read, ctx, 0, head, sizeof(head)) || memcmp(head, "RIFF", 4) != 0 ||
         memcmp(head + 8, "WAVE", 4) != 0)
         return VESK_ERR_OPERATE_FAIL;
-    const uint32_t riff_size = get_u32(head + 4);
+    const uint32_t riff_size = le32(head + 4);
     const bool riff_unknown = riff_size == 0 || riff_size == k_size_unknown;
     uint64_t end = 8 + static_cast<uint64_t>(riff_size);
     if (riff_unknown || end > file_size)
@@ -165,7 +114,7 @@ VESK_ERR wav_parse(wav_read_fn read, void* ctx, uint64_t file_size, wav_layout* 
         uint8_t ch[8];
         if (!read_exact(read, ctx, pos, ch, sizeof(ch)))
             return VESK_ERR_OPERATE_FAIL;
-        uint64_t size = get_u32(ch + 4);
+        uint64_t size = le32(ch + 4);
         const uint64_t body = pos + 8;
         if (memcmp(ch, "fmt ", 4) == 0) {
             if (size < 16 || body + size > file_size)
@@ -310,27 +259,27 @@ VESK_ERR vesk_wav_realize::open_write(const char* path, const vesk_wav_format* f
     const bool pcm = fmt->format_tag == VESK_WAV_FORMAT_PCM;
     uint8_t h[k_g711_header] = {};
     memcpy(h, "RIFF", 4);
-    put_u32(h + k_riff_size_at, k_size_unknown);
+    put_le32(h + k_riff_size_at, k_size_unknown);
     memcpy(h + 8, "WAVEfmt ", 8);
-    put_u32(h + 16, pcm ? 16 : 18);
-    put_u16(h + 20, fmt->format_tag);
-    put_u16(h + 22, fmt->channels);
-    put_u32(h + 24, fmt->sample_rate);
-    put_u32(h + 28, fmt->sample_rate * align);
-    put_u16(h + 32, align);
-    put_u16(h + 34, fmt->bits_per_sample);
+    put_le32(h + 16, pcm ? 16 : 18);
+    put_le16(h + 20, fmt->format_tag);
+    put_le16(h + 22, fmt->channels);
+    put_le32(h + 24, fmt->sample_rate);
+    put_le32(h + 28, fmt->sample_rate * align);
+    put_le16(h + 32, align);
+    put_le16(h + 34, fmt->bits_per_sample);
     uint32_t header;
     if (pcm) {
         memcpy(h + 36, "data", 4);
-        put_u32(h + k_pcm_data_size_at, k_size_unknown);
+        put_le32(h + k_pcm_data_size_at, k_size_unknown);
         header = k_pcm_header;
     } else {
         // Non-PCM formats carry a fact chunk with the frame count; cbSize (h[36..37]) is 0.
         memcpy(h + 38, "fact", 4);
-        put_u32(h + 42, 4);
-        put_u32(h + k_g711_fact_frames_at, 0);
+        put_le32(h + 42, 4);
+        put_le32(h + k_g711_fact_frames_at, 0);
         memcpy(h + 50, "data", 4);
-        put_u32(h + k_g711_data_size_at, k_size_unknown);
+        put_le32(h + k_g711_data_size_at, k_size_unknown);
         header = k_g711_header;
     }
     const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -338,7 +287,7 @@ VESK_ERR vesk_wav_realize::open_write(const char* path, const vesk_wav_format* f
         VESK_LOG_ERR(k_cls, "open %s fail, errno = %d\n", path, errno);
         return VESK_ERR_OPERATE_FAIL;
     }
-    if (!write_all(fd, h, header)) {
+    if (!fd_write_all(fd, h, header)) {
         VESK_LOG_ERR(k_cls, "write %s fail, errno = %d\n", path, errno);
         ::close(fd);
         return VESK_ERR_OPERATE_FAIL;
@@ -366,7 +315,7 @@ VESK_ERR vesk_wav_realize::write_samples(const void* buf, uint32_t frames)
         VESK_LOG_ERR(k_cls, "a WAV file holds at most 4 GiB\n");
         return VESK_ERR_OPERATE_FAIL;
     }
-    if (!write_all(m_fd, buf, static_cast<size_t>(bytes))) {
+    if (!fd_write_all(m_fd, buf, static_cast<size_t>(bytes))) {
         VESK_LOG_ERR(k_cls, "write fail, errno = %d\n", errno);
         return VESK_ERR_OPERATE_FAIL;
     }
@@ -378,7 +327,7 @@ VESK_ERR vesk_wav_realize::patch_sizes()
 {
     if ((m_written & 1) != 0) {
         const uint8_t pad = 0;
-        if (!write_all(m_fd, &pad, 1))
+        if (!fd_write_all(m_fd, &pad, 1))
             return VESK_ERR_OPERATE_FAIL;
     }
     const uint32_t data = static_cast<uint32_t>(m_written);

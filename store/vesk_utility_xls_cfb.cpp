@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "core/vesk_utility_bytes.h"
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_purposes.h"
 
@@ -37,35 +38,15 @@ constexpr uint32_t k_difat_sector = 0xFFFFFFFCu;
 constexpr uint32_t k_no_stream = 0xFFFFFFFFu;
 constexpr uint32_t k_dir_entry = 128;
 
-inline uint16_t u16_at(const uint8_t* p)
-{
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-inline uint32_t u32_at(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-           (static_cast<uint32_t>(p[3]) << 24);
-}
-inline void put_u16(uint8_t* p, uint16_t v)
-{
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-inline void put_u32(uint8_t* p, uint32_t v)
-{
-    for (int i = 0; i < 4; i++)
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
 // Whether a directory entry's UTF-16 name equals the ASCII name, without case.
 bool name_is(const uint8_t* entry, const char* name)
 {
-    const uint16_t bytes = u16_at(entry + 64);
+    const uint16_t bytes = le16(entry + 64);
     const size_t len = strlen(name);
     if (bytes != 2 * (len + 1) || bytes > 64)
         return false;
     for (size_t i = 0; i < len; i++) {
-        const uint16_t c = u16_at(entry + 2 * i);
+        const uint16_t c = le16(entry + 2 * i);
         auto lower = [](unsigned x) { return (x >= 'A' && x <= 'Z') ? x + 32 : x; };
         if (c > 0x7F || lower(c) != lower(static_cast<unsigned char>(name[i])))
             return false;
@@ -105,20 +86,20 @@ VESK_ERR cfb_reader::walk_chain(const xls_array<uint32_t>& fat, uint32_t start, 
 VESK_ERR cfb_reader::load_fat()
 {
     uint8_t h[512];
-    if (!read_file(0, h, sizeof(h)) || memcmp(h, k_signature, 8) != 0 || u16_at(h + 28) != 0xFFFE)
+    if (!read_file(0, h, sizeof(h)) || memcmp(h, k_signature, 8) != 0 || le16(h + 28) != 0xFFFE)
         return VESK_ERR_OPERATE_FAIL;
-    const uint16_t major = u16_at(h + 26);
-    m_sector_shift = u16_at(h + 30);
+    const uint16_t major = le16(h + 26);
+    m_sector_shift = le16(h + 30);
     if (!((major == 3 && m_sector_shift == 9) || (major == 4 && m_sector_shift == 12)) ||
-        u16_at(h + 32) != k_mini_shift || u32_at(h + 56) != k_mini_cutoff)
+        le16(h + 32) != k_mini_shift || le32(h + 56) != k_mini_cutoff)
         return VESK_ERR_OPERATE_FAIL;
     const uint32_t sector = 1u << m_sector_shift;
     // The header fills sector -1 (512 bytes of it in version 3, a whole sector in 4).
     if (m_file_size <= sector || (m_file_size >> m_sector_shift) > 0xFFFFFFF0u)
         return VESK_ERR_OPERATE_FAIL;
     m_file_sectors = static_cast<uint32_t>((m_file_size - sector + sector - 1) >> m_sector_shift);
-    const uint32_t fat_sectors = u32_at(h + 44);
-    const uint32_t difat_sectors = u32_at(h + 72);
+    const uint32_t fat_sectors = le32(h + 44);
+    const uint32_t difat_sectors = le32(h + 72);
     if (fat_sectors == 0 || fat_sectors > m_file_sectors || difat_sectors > m_file_sectors)
         return VESK_ERR_OPERATE_FAIL;
 
@@ -134,15 +115,15 @@ VESK_ERR cfb_reader::load_fat()
             !read_file(static_cast<uint64_t>(fat_sector + 1) << m_sector_shift, buf.data(), sector))
             return false;
         for (uint32_t i = 0; i < per_sector; i++)
-            m_fat[loaded * per_sector + i] = u32_at(buf.data() + 4 * i);
+            m_fat[loaded * per_sector + i] = le32(buf.data() + 4 * i);
         loaded++;
         return true;
     };
     for (uint32_t i = 0; i < k_header_fat_slots && loaded < fat_sectors; i++)
-        if (!load_one(u32_at(h + 76 + 4 * i)))
+        if (!load_one(le32(h + 76 + 4 * i)))
             return VESK_ERR_OPERATE_FAIL;
     // The DIFAT chain: each sector lists per_sector - 1 FAT sectors and then the next one.
-    uint32_t next = u32_at(h + 68);
+    uint32_t next = le32(h + 68);
     xls_array<uint8_t> difat(k_purpose_xls_read, nullptr);
     if (loaded < fat_sectors && !difat.resize_zero(sector))
         return VESK_ERR_NO_RESOURCE;
@@ -151,9 +132,9 @@ VESK_ERR cfb_reader::load_fat()
             !read_file(static_cast<uint64_t>(next + 1) << m_sector_shift, difat.data(), sector))
             return VESK_ERR_OPERATE_FAIL;
         for (uint32_t i = 0; i + 1 < per_sector && loaded < fat_sectors; i++)
-            if (!load_one(u32_at(difat.data() + 4 * i)))
+            if (!load_one(le32(difat.data() + 4 * i)))
                 return VESK_ERR_OPERATE_FAIL;
-        next = u32_at(difat.data() + 4 * (per_sector - 1));
+        next = le32(difat.data() + 4 * (per_sector - 1));
     }
     if (loaded < fat_sectors)
         return VESK_ERR_OPERATE_FAIL;
@@ -184,7 +165,7 @@ VESK_ERR cfb_reader::open_stream(cfb_read_fn read, void* ctx, uint64_t file_size
     uint8_t entry[k_dir_entry] = {};
     uint8_t root[k_dir_entry] = {};
     bool found = false, have_root = false;
-    uint32_t cur = u32_at(h + 48);
+    uint32_t cur = le32(h + 48);
     // Every entry is checked, not only up to the one sought: the reading library walks them
     // all and trusts each name's length.
     uint8_t sought[k_dir_entry] = {};
@@ -194,7 +175,7 @@ VESK_ERR cfb_reader::open_stream(cfb_read_fn read, void* ctx, uint64_t file_size
         for (uint32_t e = 0; e < sector / k_dir_entry; e++) {
             if (!read_file((static_cast<uint64_t>(cur + 1) << m_sector_shift) + e * k_dir_entry, entry, k_dir_entry))
                 return VESK_ERR_OPERATE_FAIL;
-            const uint16_t name_bytes = u16_at(entry + 64);
+            const uint16_t name_bytes = le16(entry + 64);
             if (name_bytes > 64 || (name_bytes & 1) != 0 || entry[66] > 5)
                 return VESK_ERR_OPERATE_FAIL;
             if (!have_root) {
@@ -215,9 +196,9 @@ VESK_ERR cfb_reader::open_stream(cfb_read_fn read, void* ctx, uint64_t file_size
     memcpy(entry, sought, k_dir_entry);
     if (!found)
         return VESK_ERR_OPERATE_FAIL;
-    const uint32_t start = u32_at(entry + 116);
-    const uint32_t size = u32_at(entry + 120);
-    if ((m_sector_shift == 12 && u32_at(entry + 124) != 0) || size > m_file_size)
+    const uint32_t start = le32(entry + 116);
+    const uint32_t size = le32(entry + 120);
+    if ((m_sector_shift == 12 && le32(entry + 124) != 0) || size > m_file_size)
         return VESK_ERR_OPERATE_FAIL;
     m_size = size;
     if (size == 0)
@@ -228,17 +209,17 @@ VESK_ERR cfb_reader::open_stream(cfb_read_fn read, void* ctx, uint64_t file_size
     // A small stream lives in 64-byte sectors of the mini stream, which is the root entry's
     // own stream; the mini FAT is an ordinary chain.
     m_mini = true;
-    const uint32_t host_size = u32_at(root + 120);
+    const uint32_t host_size = le32(root + 120);
     if (host_size > m_file_size || host_size < size)
         return VESK_ERR_OPERATE_FAIL;
-    err = walk_chain(m_fat, u32_at(root + 116), (host_size + sector - 1) >> m_sector_shift, m_mini_host);
+    err = walk_chain(m_fat, le32(root + 116), (host_size + sector - 1) >> m_sector_shift, m_mini_host);
     if (err != VESK_OK)
         return err;
-    const uint32_t minifat_sectors = u32_at(h + 64);
+    const uint32_t minifat_sectors = le32(h + 64);
     if (minifat_sectors == 0 || minifat_sectors > m_file_sectors)
         return VESK_ERR_OPERATE_FAIL;
     xls_array<uint32_t> chain(k_purpose_xls_read, nullptr);
-    err = walk_chain(m_fat, u32_at(h + 60), minifat_sectors, chain);
+    err = walk_chain(m_fat, le32(h + 60), minifat_sectors, chain);
     if (err != VESK_OK)
         return err;
     xls_array<uint32_t> minifat(k_purpose_xls_read, nullptr);
@@ -249,7 +230,7 @@ VESK_ERR cfb_reader::open_stream(cfb_read_fn read, void* ctx, uint64_t file_size
                        sector))
             return VESK_ERR_OPERATE_FAIL;
     for (uint32_t i = 0; i < minifat.size(); i++)
-        minifat[i] = u32_at(reinterpret_cast<const uint8_t*>(minifat.data() + i));
+        minifat[i] = le32(reinterpret_cast<const uint8_t*>(minifat.data() + i));
     // Mini sectors beyond the container are cut off, as for the FAT.
     if (minifat.size() > (host_size >> k_mini_shift))
         minifat.truncate(host_size >> k_mini_shift);
@@ -369,22 +350,22 @@ bool cfb_writer::finish()
     auto entry = [&](uint8_t* e, const char* name, uint8_t type, uint32_t child, uint32_t start, uint32_t size) {
         size_t n = strlen(name);
         for (size_t i = 0; i < n; i++)
-            put_u16(e + 2 * i, static_cast<uint8_t>(name[i]));
-        put_u16(e + 64, static_cast<uint16_t>(2 * (n + 1)));
+            put_le16(e + 2 * i, static_cast<uint8_t>(name[i]));
+        put_le16(e + 64, static_cast<uint16_t>(2 * (n + 1)));
         e[66] = type;
         e[67] = 1;  // black
-        put_u32(e + 68, k_no_stream);
-        put_u32(e + 72, k_no_stream);
-        put_u32(e + 76, child);
-        put_u32(e + 116, start);
-        put_u32(e + 120, size);
+        put_le32(e + 68, k_no_stream);
+        put_le32(e + 72, k_no_stream);
+        put_le32(e + 76, child);
+        put_le32(e + 116, start);
+        put_le32(e + 120, size);
     };
     entry(d, "Root Entry", 5, 1, k_end_of_chain, 0);
     entry(d + 128, "Workbook", 2, k_no_stream, 0, static_cast<uint32_t>(padded));
     for (int i = 2; i < 4; i++) {
-        put_u32(d + 128 * i + 68, k_no_stream);
-        put_u32(d + 128 * i + 72, k_no_stream);
-        put_u32(d + 128 * i + 76, k_no_stream);
+        put_le32(d + 128 * i + 68, k_no_stream);
+        put_le32(d + 128 * i + 72, k_no_stream);
+        put_le32(d + 128 * i + 76, k_no_stream);
     }
     write(d, 512);
 
@@ -401,7 +382,7 @@ bool cfb_writer::finish()
                 v = k_fat_sector;
             else if (n >= first_difat && n < first_difat + difat)
                 v = k_difat_sector;
-            put_u32(s + 4 * i, v);
+            put_le32(s + 4 * i, v);
         }
         write(s, 512);
     }
@@ -409,9 +390,9 @@ bool cfb_writer::finish()
     for (uint32_t k = 0; k < difat; k++) {
         for (uint32_t i = 0; i < 127; i++) {
             const uint32_t idx = k_header_fat_slots + k * 127 + i;
-            put_u32(s + 4 * i, idx < fat ? first_fat + idx : k_free);
+            put_le32(s + 4 * i, idx < fat ? first_fat + idx : k_free);
         }
-        put_u32(s + 508, k + 1 < difat ? first_difat + k + 1 : k_end_of_chain);
+        put_le32(s + 508, k + 1 < difat ? first_difat + k + 1 : k_end_of_chain);
         write(s, 512);
     }
     if (!flush())
@@ -420,19 +401,19 @@ bool cfb_writer::finish()
     uint8_t h[512];
     memset(h, 0, sizeof(h));
     memcpy(h, k_signature, 8);
-    put_u16(h + 24, 0x003E);
-    put_u16(h + 26, 3);
-    put_u16(h + 28, 0xFFFE);
-    put_u16(h + 30, 9);
-    put_u16(h + 32, k_mini_shift);
-    put_u32(h + 44, fat);
-    put_u32(h + 48, dir);
-    put_u32(h + 56, k_mini_cutoff);
-    put_u32(h + 60, k_end_of_chain);
-    put_u32(h + 68, difat > 0 ? first_difat : k_end_of_chain);
-    put_u32(h + 72, difat);
+    put_le16(h + 24, 0x003E);
+    put_le16(h + 26, 3);
+    put_le16(h + 28, 0xFFFE);
+    put_le16(h + 30, 9);
+    put_le16(h + 32, k_mini_shift);
+    put_le32(h + 44, fat);
+    put_le32(h + 48, dir);
+    put_le32(h + 56, k_mini_cutoff);
+    put_le32(h + 60, k_end_of_chain);
+    put_le32(h + 68, difat > 0 ? first_difat : k_end_of_chain);
+    put_le32(h + 72, difat);
     for (uint32_t i = 0; i < k_header_fat_slots; i++)
-        put_u32(h + 76 + 4 * i, i < fat ? first_fat + i : k_free);
+        put_le32(h + 76 + 4 * i, i < fat ? first_fat + i : k_free);
     return pwrite(m_fd, h, sizeof(h), 0) == static_cast<ssize_t>(sizeof(h));
 }
 

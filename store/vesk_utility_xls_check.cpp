@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "core/vesk_utility_bytes.h"
 #include "core/vesk_utility_purposes.h"
 
 namespace vesk_utility {
@@ -34,15 +35,6 @@ constexpr uint16_t k_biff8 = 0x0600;
 constexpr uint16_t k_biff5 = 0x0500;
 // The smallest string of the string table: character count u16 and flags u8.
 constexpr uint64_t k_min_sst_string = 3;
-
-inline uint16_t u16_at(const uint8_t* p)
-{
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-inline uint32_t u32_at(const uint8_t* p)
-{
-    return static_cast<uint32_t>(u16_at(p)) | (static_cast<uint32_t>(u16_at(p + 2)) << 16);
-}
 
 // The string table's payload: the SST record's after its two counts, then each CONTINUE's.
 struct sst_segment {
@@ -106,18 +98,18 @@ VESK_ERR walk_sst(const cfb_reader& cfb, const xls_array<sst_segment>& segs, uin
         uint8_t h[7];
         if (!take(h, 3))
             return past_end();
-        uint32_t chars = u16_at(h);
+        uint32_t chars = le16(h);
         uint8_t flags = h[2];
         uint32_t runs = 0, ext = 0;
         if ((flags & 0x08) != 0) {
             if (!take(h + 3, 2))
                 return past_end();
-            runs = u16_at(h + 3);
+            runs = le16(h + 3);
         }
         if ((flags & 0x04) != 0) {
             if (!take(h + 3, 4))
                 return past_end();
-            ext = u32_at(h + 3);
+            ext = le32(h + 3);
         }
         uint32_t continued = 0;
         while (chars > 0) {
@@ -155,7 +147,7 @@ bool string_fits(const uint8_t* body, uint32_t len, uint32_t at, bool wide_count
     const uint32_t head = count_bytes + (biff8 ? 1 : 0);
     if (at + head > len)
         return false;
-    const uint32_t chars = wide_count ? u16_at(body + at) : body[at];
+    const uint32_t chars = wide_count ? le16(body + at) : body[at];
     const uint32_t per = biff8 && (body[at + count_bytes] & 0x01) != 0 ? 2 : 1;
     return static_cast<uint64_t>(at) + head + static_cast<uint64_t>(chars) * per <= len;
 }
@@ -176,11 +168,11 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
     const uint32_t size = cfb.stream_size();
     uint8_t h[4];
     uint8_t body[16];
-    if (!cfb.read(0, h, 4) || u16_at(h) != k_bof || u16_at(h + 2) < 8 || !cfb.read(4, body, 2)) {
+    if (!cfb.read(0, h, 4) || le16(h) != k_bof || le16(h + 2) < 8 || !cfb.read(4, body, 2)) {
         result->why = "the workbook stream does not start with a BOF record";
         return VESK_ERR_OPERATE_FAIL;
     }
-    const uint16_t version = u16_at(body);
+    const uint16_t version = le16(body);
     if (version != k_biff8 && version != k_biff5) {
         result->why = "not a BIFF5 or BIFF8 workbook";
         return VESK_ERR_NOT_SUPPORT;
@@ -201,8 +193,8 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
             result->why = "unreadable record";
             return VESK_ERR_OPERATE_FAIL;
         }
-        const uint16_t type = u16_at(h);
-        const uint32_t len = u16_at(h + 2);
+        const uint16_t type = le16(h);
+        const uint32_t len = le16(h + 2);
         uint32_t fixed = 0;
         if (len > k_max_record || static_cast<uint64_t>(pos) + 4 + len > size) {
             result->why = "record longer than the format allows or than the stream";
@@ -224,7 +216,7 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
         case k_bof:
             // A sheet opens only at the top: one inside an unclosed substream makes the reading
             // library replace the open sheet without freeing it.
-            if (len < 4 || (depth > 0 && u16_at(body + 2) != 0x0020)) {
+            if (len < 4 || (depth > 0 && le16(body + 2) != 0x0020)) {
                 result->why = "a sheet begins inside another substream";
                 return VESK_ERR_OPERATE_FAIL;
             }
@@ -246,14 +238,14 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
                 return VESK_ERR_OPERATE_FAIL;
             }
             in_sst = true;
-            sst_unique += u32_at(body + 4);
+            sst_unique += le32(body + 4);
             sst_bytes += len - 8;
             segs.truncate(0);
             if (!segs.push(sst_segment{pos + 12, len - 8}))
                 return VESK_ERR_NO_RESOURCE;
             break;
         case k_boundsheet:
-            if (len < 6 || !sheet_at.push(u32_at(body)))
+            if (len < 6 || !sheet_at.push(le32(body)))
                 return len < 6 ? VESK_ERR_OPERATE_FAIL : VESK_ERR_NO_RESOURCE;
             result->sheets++;
             break;
@@ -268,8 +260,8 @@ VESK_ERR xls_check(cfb_read_fn read, void* ctx, uint64_t file_size, uint32_t max
                 return VESK_ERR_OPERATE_FAIL;
             }
             dims_here = true;
-            const uint32_t rows = biff8 ? u32_at(body + 4) : u16_at(body + 2);
-            const uint32_t cols = biff8 ? u16_at(body + 10) : u16_at(body + 6);
+            const uint32_t rows = biff8 ? le32(body + 4) : le16(body + 2);
+            const uint32_t cols = biff8 ? le16(body + 10) : le16(body + 6);
             if (rows > 65536 || cols > 256) {
                 result->why = "used area beyond 65536 rows or 256 columns";
                 return VESK_ERR_OPERATE_FAIL;

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "codec/vesk_utility_charset.h"
+#include "core/vesk_utility_bytes.h"
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_purposes.h"
 #include "store/vesk_utility_xls_check.h"
@@ -24,23 +25,6 @@ using namespace vesk_soft;
 namespace {
 
 constexpr const char* k_cls = "vesk_xls_realize";
-
-int64_t fd_read_at(void* ctx, uint64_t off, void* buf, uint32_t len)
-{
-    const int fd = *static_cast<int*>(ctx);
-    uint32_t done = 0;
-    while (done < len) {
-        const ssize_t n = pread(fd, static_cast<uint8_t*>(buf) + done, len - done, static_cast<off_t>(off + done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        done += static_cast<uint32_t>(n);
-    }
-    return done;
-}
 
 bool copy_out(const char* s, char* buf, uint32_t size)
 {
