@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -135,11 +136,7 @@ void check_locks()
     CHECK(lk != nullptr && lk->unlock(__FILE__, __func__) == VESK_OK && lk->get_state(text, sizeof(text)) == 0);
     CHECK(lk != nullptr && vesk_utility_delete_lock(lk, __FILE__, __func__) == VESK_OK);
     vesk_rw_lock* rw = vesk_utility_new_rw_lock(0x40, "api rw");
-    CHECK(rw != nullptr && rw->rd_lock() == VESK_OK && rw->rd_trylock(__FILE__, __func__, 0) == VESK_OK);
-    CHECK(rw != nullptr && rw->get_state(nullptr, 0) == 2 && rw->wr_trylock(__FILE__, __func__, 0) == VESK_ERR_LOCK_BUSY);
-    CHECK(rw != nullptr && rw->unlock(__FILE__, __func__) == VESK_ERR_LOCK_BUSY
-        && rw->unlock(__FILE__, __func__) == VESK_ERR_LOCK_BUSY);
-    CHECK(rw != nullptr && rw->wr_lock(__FILE__, __func__) == VESK_OK && rw->get_locked_info(nullptr, 0) == 1);
+    CHECK(rw != nullptr && rw->rd_lock() == VESK_OK && rw->wr_trylock(__FILE__, __func__, 0) == VESK_ERR_LOCK_BUSY);
     CHECK(rw != nullptr && rw->unlock(__FILE__, __func__) == VESK_ERR_LOCK_BUSY && rw->get_state(nullptr, 0) == 0);
     CHECK(rw != nullptr && vesk_utility_delete_rw_lock(rw, __FILE__, __func__) == VESK_OK);
     vesk_interuptable_sleep* nap = vesk_utility_new_interuptable_sleep(0x40, "api sleep");
@@ -274,8 +271,7 @@ void check_media_and_net()
         && vesk_utility_get_ipv6_dns_config("vesk_none") == nullptr);
     vesk_inet_ipv4_ip_info_list* v4 = vesk_utility_get_ipv4_ipconfig("lo");
     CHECK(v4 != nullptr && v4->num >= 1 && strcmp(v4->first->ip, "127.0.0.1") == 0);
-    if (v4 != nullptr)
-        vesk_utility_relase_ipv4_ipconfig(v4);
+    vesk_utility_relase_ipv4_ipconfig(v4);
     if (vesk_inet_ipv6_ip_info_list* v6 = vesk_utility_get_ipv6_ipconfig("lo"))
         vesk_utility_relase_ipv6_ipconfig(v6);
     if (vesk_inet_ipv4_route_info_list* r4 = vesk_utility_get_ipv4_route_config("lo"))
@@ -284,13 +280,7 @@ void check_media_and_net()
         vesk_utility_relase_ipv6_route_config(r6);
     vesk_if_config_struct* cfg = vesk_utility_get_if_config("lo");
     CHECK(cfg != nullptr && cfg->up == 1 && cfg->ipv4_ip != nullptr);
-    if (cfg != nullptr)
-        vesk_utility_relase_if_config(cfg);
-}
-
-uint8_t pattern(uint32_t fno, uint32_t j)
-{
-    return static_cast<uint8_t>(fno * 131 + j * 7);
+    vesk_utility_relase_if_config(cfg);
 }
 
 // The process's cache fed by the block writer (7 frames a block, a key frame every 25): a
@@ -313,10 +303,9 @@ void check_av()
         uint32_t next = 0;
         if (r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next) != VESK_OK)
             return -1;
-        bool intact = f->uiStartId == VESK_FRAME_STARTCODE;
-        for (uint32_t j = 0; j < f->uiLength; j++)
-            intact = intact && reinterpret_cast<const uint8_t*>(f + 1)[j] == pattern(f->uiFrameNo, j);
-        CHECK(intact && r->put_frame(VESK_AV_STREAM_MAIN, f) == VESK_OK);
+        const uint8_t* p = reinterpret_cast<const uint8_t*>(f + 1);
+        CHECK(f->uiStartId == VESK_FRAME_STARTCODE && std::count(p, p + f->uiLength, f->uiFrameNo) == f->uiLength);
+        CHECK(r->put_frame(VESK_AV_STREAM_MAIN, f) == VESK_OK);
         return static_cast<int>(f->uiFrameNo);
     };
     vesk_av_reader* anchor = new_reader(); // keeps every block of the camera pending
@@ -329,9 +318,7 @@ void check_av()
         h.uiFrameType = fno % 25 == 0 ? VESK_FRAME_TYPE_I : 2;
         h.uiFrameNo = fno;
         h.uiTimeStamp = fno * 3600;
-        std::vector<uint8_t> payload(h.uiLength);
-        for (uint32_t j = 0; j < h.uiLength; j++)
-            payload[j] = pattern(fno, j);
+        const std::vector<uint8_t> payload(h.uiLength, static_cast<uint8_t>(fno));
         CHECK(vesk_utility_av_writer_put(&w, &h, payload.data()) == VESK_OK);
     }
     CHECK(vesk_utility_av_writer_close(&w) == VESK_OK);
