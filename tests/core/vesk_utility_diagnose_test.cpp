@@ -300,19 +300,17 @@ TEST_F(DiagnoseTest, MisbehavingConsolesAreDropped)
     send_raw(&h, 8);
     close(m_fd);
     m_fd = -1;
-    out = vesk_test::capture_stdout([&] { m_agent->work(); });
+    vesk_test::capture_stdout([&] { m_agent->work(); });
     EXPECT_FALSE(m_agent->has_console());
-    EXPECT_THAT(out, HasSubstr("request cut by the console's close, dropped\n"));
     connect_console();
     m_agent->work();
     send_raw(&h, 12);
-    out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
         EXPECT_TRUE(wait_for([&] {
             m_agent->work();
             return !m_agent->has_console();
         }));
     });
-    EXPECT_THAT(out, HasSubstr("request incomplete for too long, dropped\n"));
     EXPECT_TRUE(closed_by_agent());
 }
 
