@@ -351,7 +351,7 @@ TEST_F(DiagnoseTest, LongDumpStopsWhenTheConsoleLeavesOrStallsWhileRegistrations
     EXPECT_THAT(a.text, HasSubstr("client idx = 0  purpose = 'late'\n"));
 }
 
-TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirst)
+TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirstAndTheConsoleFailsClearly)
 {
     echo_client mine;
     ASSERT_EQ(vesk_utility_regist_diag(&mine, "my module", "1 show state"), VESK_OK);
@@ -382,20 +382,19 @@ TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirst)
     out += ask("run " + std::to_string(res_idx) + " 6"); // default path under the root
     run = false;
     pump.join();
+
+    // No socket, or an agent nothing polls (its connection queued but never served).
+    auto r = console("--socket /nonexistent/x.sock list");
+    EXPECT_EQ(r.first, 1);
+    EXPECT_THAT(r.second, HasSubstr("cannot connect to /nonexistent/x.sock: No such file or directory"));
+    const std::string idle_path = vesk_test::private_root() + "/idle.sock";
+    vesk_diagnose_agent idle(idle_path.c_str());
+    r = console("--timeout 1 --socket " + idle_path + " list");
+    EXPECT_EQ(r.first, 1);
+    EXPECT_THAT(r.second, HasSubstr("no answer from " + idle_path + " within 1 s"));
     EXPECT_THAT(out, HasSubstr("client idx = 0  purpose = 'my module'\n"));
     EXPECT_THAT(out, HasSubstr("client idx = 1  purpose = '"));
     EXPECT_THAT(out, HasSubstr("para = 3\nsecond line\n"));
     EXPECT_THAT(out, HasSubstr("class cnt")); // the resource manager's command 6
     EXPECT_EQ(mine.last_para, 3);
-}
-
-TEST_F(DiagnoseTest, ConsoleFailsClearlyWithoutASocketAndGivesUpOnAnAgentThatNeverAnswers)
-{
-    auto r = console("--socket /nonexistent/x.sock list");
-    EXPECT_EQ(r.first, 1);
-    EXPECT_THAT(r.second, HasSubstr("cannot connect to /nonexistent/x.sock: No such file or directory"));
-    // Nothing polls this agent: the connection is queued but never served.
-    r = console("--timeout 1 --socket " + m_path + " list");
-    EXPECT_EQ(r.first, 1);
-    EXPECT_THAT(r.second, HasSubstr("no answer from " + m_path + " within 1 s"));
 }

@@ -166,15 +166,14 @@ void check_timers_and_json()
 
     vesk_json_operate_V2* doc = vesk_utility_new_json_operate_V2("{\"chn\":[]}", 0x40, "api json");
     CHECK(doc != nullptr);
-    if (doc != nullptr) {
+    int32_t fps = 0;
+    char out[32];
+    if (doc != nullptr)
         doc->execSetInt("chn[%d].fps", 25, 0);
-        int32_t fps = 0;
-        CHECK(doc->execTryGetInt("chn[0].fps", &fps) == VESK_OK && fps == 25);
-        char out[32];
-        CHECK(doc->exportContent(out, sizeof(out)) == doc->getContentSize()
-            && strcmp(out, "{\"chn\":[{\"fps\":25}]}") == 0);
-        CHECK(vesk_utility_delete_json_operate_V2(doc, __FILE__, __func__) == VESK_OK);
-    }
+    CHECK(doc != nullptr && doc->execTryGetInt("chn[0].fps", &fps) == VESK_OK && fps == 25);
+    CHECK(doc != nullptr && doc->exportContent(out, sizeof(out)) == doc->getContentSize()
+        && strcmp(out, "{\"chn\":[{\"fps\":25}]}") == 0);
+    CHECK(doc != nullptr && vesk_utility_delete_json_operate_V2(doc, __FILE__, __func__) == VESK_OK);
     vesk_json_operate* doc1 = vesk_utility_new_json_operate(nullptr, 0x40, "api json v1");
     CHECK(doc1 != nullptr && doc1->add_item_string("name", "gate") == VESK_OK);
     CHECK(doc1 != nullptr && vesk_utility_delete_json_operate(doc1, __FILE__, __func__) == VESK_OK);
@@ -271,7 +270,8 @@ void check_media_and_net()
         && vesk_utility_get_ipv6_dns_config("vesk_none") == nullptr);
     vesk_inet_ipv4_ip_info_list* v4 = vesk_utility_get_ipv4_ipconfig("lo");
     CHECK(v4 != nullptr && v4->num >= 1 && strcmp(v4->first->ip, "127.0.0.1") == 0);
-    vesk_utility_relase_ipv4_ipconfig(v4);
+    if (v4 != nullptr)
+        vesk_utility_relase_ipv4_ipconfig(v4);
     if (vesk_inet_ipv6_ip_info_list* v6 = vesk_utility_get_ipv6_ipconfig("lo"))
         vesk_utility_relase_ipv6_ipconfig(v6);
     if (vesk_inet_ipv4_route_info_list* r4 = vesk_utility_get_ipv4_route_config("lo"))
@@ -280,7 +280,8 @@ void check_media_and_net()
         vesk_utility_relase_ipv6_route_config(r6);
     vesk_if_config_struct* cfg = vesk_utility_get_if_config("lo");
     CHECK(cfg != nullptr && cfg->up == 1 && cfg->ipv4_ip != nullptr);
-    vesk_utility_relase_if_config(cfg);
+    if (cfg != nullptr)
+        vesk_utility_relase_if_config(cfg);
 }
 
 // The process's cache fed by the block writer and read back, the stream's statistics and the
