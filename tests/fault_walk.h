@@ -1,15 +1,7 @@
 // Allocation-failure walks: rerun one operation with its 1st, 2nd, 3rd ... C allocation
-// failing until a run gets through untouched, and hand every run to a check of the outcome.
-//
-// A suite adds a walk in a few lines:
-//     const unsigned allocs = vesk_test::walk_alloc_failures(
-//         [&] { err = do_the_thing(); },
-//         [&](const vesk_test::fault_run& run) {
-//             if (run.failed) { EXPECT_EQ(err, VESK_ERR_NO_RESOURCE) << run.out; }
-//             else            { EXPECT_EQ(err, VESK_OK); undo_the_thing(); }
-//             EXPECT_EQ(account().total_size(), baseline);
-//         });
-//     EXPECT_GE(allocs, 1u);  // the walk really went through an allocation
+// failing until a run gets through untouched, and hand every run to a check of the outcome:
+//     walk_alloc_failures([&] { err = op(); }, [&](const fault_run& run) {
+//         EXPECT_EQ(err, run.failed ? VESK_ERR_NO_RESOURCE : VESK_OK); });
 #ifndef VESK_FAULT_WALK_H
 #define VESK_FAULT_WALK_H
 
@@ -29,9 +21,9 @@ struct fault_run {
     std::string out; // what the operation printed
 };
 
-// Runs op once per n = 1, 2, ... with allocation n failing (only on this thread), its output
-// captured, then check(run). Stops after the first clean run and returns the number of
-// allocations op makes. `limit` guards against an operation that never stops allocating.
+// Runs op with allocation n = 1, 2, ... failing (on this thread only), its output captured,
+// then check(run); stops after the first clean run and returns the allocations op makes.
+// `limit` guards against an operation that never stops allocating.
 template <typename Op, typename Check> unsigned walk_alloc_failures(Op op, Check check, unsigned limit = 20000)
 {
     for (unsigned n = 1; n <= limit; n++) {

@@ -12,7 +12,7 @@
 
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "core/vesk_utility_cmd_wire.h"
@@ -36,9 +36,7 @@ template <class F> bool wait_for(F cond, int deadline_ms = k_deadline_ms)
 inline std::string read_file(const std::string& path)
 {
     std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 inline int connect_unix(const std::string& path)
@@ -74,8 +72,7 @@ inline long long read_answer(int fd)
 
 inline bool send_request(int fd, uint32_t token, uint32_t magic, const char* text, size_t text_len, uint32_t more = 0)
 {
-    vesk_utility::vesk_cmd_request r;
-    memset(&r, 0, sizeof(r));
+    vesk_utility::vesk_cmd_request r {};
     r.token = token;
     r.magic = magic;
     r.more = more;
@@ -87,14 +84,13 @@ inline bool send_request(int fd, uint32_t token, uint32_t magic, const char* tex
 class proxy_server_process
 {
 public:
-    // extra: further arguments, e.g. "--record-only FILE"; shell: commands run before it (a
-    // ulimit). Waits until it accepts connections.
+    // extra: further arguments ("--record-only FILE"); shell: commands run before it (a ulimit).
+    // Waits until it accepts connections.
     explicit proxy_server_process(
         const std::string& socket_path, const std::string& extra = "", const std::string& shell = "")
         : m_path(socket_path)
     {
-        const std::string cmd
-            = shell + "exec " + VESK_PROXY_SERVER_BIN + " --socket " + socket_path + " " + extra;
+        const std::string cmd = shell + "exec " + VESK_PROXY_SERVER_BIN + " --socket " + socket_path + " " + extra;
         m_pid = fork();
         if (m_pid == 0) {
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));

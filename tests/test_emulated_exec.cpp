@@ -1,14 +1,9 @@
-// Death tests of the target build, run under qemu-user on a build machine.
-//
-// A threadsafe death test re-executes the test program with execv(argv[0], ...). Under qemu-user
-// that exec goes straight to the host kernel, which cannot run an ARM program unless a binfmt
-// handler is registered (it is not in containers, nor by Debian's qemu-user package). When the
-// kernel refuses with ENOEXEC, the program is run again through the emulator that CTest used,
-// with the same arguments and environment, so the child inherits the death-test pipe as usual.
-// On the board itself the first exec succeeds and nothing changes.
-//
-// Only compiled into the target's test programs: it replaces the C library's execv for the
-// whole program, and gtest's static library is its one caller.
+// Death tests of the target build, run under qemu-user on a build machine. A threadsafe death
+// test re-executes the program with execv(argv[0], ...); under qemu-user that exec reaches the
+// host kernel, which refuses an ARM program (ENOEXEC) unless a binfmt handler is registered.
+// Then the program runs again through CTest's emulator, with the same arguments, environment
+// and inherited death-test pipe. On the board the first exec succeeds. Compiled into the
+// target's test programs only: it replaces the C library's execv, whose one caller is gtest.
 #include <errno.h>
 #include <unistd.h>
 
@@ -19,7 +14,6 @@ extern "C" int execv(const char* path, char* const argv[]) noexcept
     execve(path, argv, environ);
     if (errno != ENOEXEC)
         return -1;
-
     // No allocation here: gtest calls this in a cloned child that must not touch the heap.
     static const char* const emulator[] = { VESK_TEST_EMULATOR_ARGV };
     constexpr int k_emulator_args = sizeof(emulator) / sizeof(emulator[0]);

@@ -12,28 +12,15 @@
 #include "vesk_utility.h"
 #include "api/vesk_utility_resource.h"
 
-namespace
-{
-
-bool is_death_test_child(int argc, char** argv)
-{
-    for (int i = 1; i < argc; i++) {
-        if (strncmp(argv[i], "--gtest_internal_run_death_test", 31) == 0)
-            return true;
-    }
-    return false;
-}
-
-} // namespace
-
 int main(int argc, char** argv)
 {
     // A death-test child re-runs the binary and starts the layer again: in a root of its own,
     // or its diagnose agent would take over the parent's socket and leave it dead at exit.
-    const bool death_child = is_death_test_child(argc, argv);
+    bool death_child = false;
+    for (int i = 1; i < argc; i++)
+        death_child = death_child || strncmp(argv[i], "--gtest_internal_run_death_test", 31) == 0;
     testing::InitGoogleTest(&argc, argv);
-    // Death tests re-execute the binary, so a child starts from a clean, single-threaded
-    // process even though the timer threads run in the parent.
+    // A child then starts from a clean, single-threaded process, though the parent runs timers.
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     // Listing the tests (CTest's discovery) must print nothing else: no start-up at all.
     if (testing::GTEST_FLAG(list_tests))

@@ -18,11 +18,6 @@ namespace
 std::string s_root;
 bool s_owner = false;
 
-int remove_entry(const char* path, const struct stat*, int, struct FTW*)
-{
-    return remove(path);
-}
-
 } // namespace
 
 void make_private_root()
@@ -48,7 +43,8 @@ void make_private_root()
 void remove_private_root()
 {
     if (s_owner && !s_root.empty())
-        nftw(s_root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+        nftw(s_root.c_str(), [](const char* path, const struct stat*, int, FTW*) { return remove(path); }, 16,
+            FTW_DEPTH | FTW_PHYS);
 }
 
 std::string private_root()

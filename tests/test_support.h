@@ -9,22 +9,20 @@
 namespace vesk_test
 {
 
-// Sets VESK_UTILITY_ROOT to a fresh directory tree (with the fixed folders the layer uses)
-// unless it is already set (as in the preinit tests' children, which share their parent's).
+// Sets VESK_UTILITY_ROOT to a fresh tree with the folders the layer uses, unless it is already
+// set (as in the preinit tests' children, which share their parent's).
 void make_private_root();
 // Removes the tree when this process created it.
 void remove_private_root();
 std::string private_root();
 
-// Runs fn with standard output captured and returns what it printed, less the background
-// messages below.
+// What fn printed to standard output, less the background messages below.
 std::string capture_stdout(const std::function<void()>& fn);
 
-// The receive task of the process's own command client meets this every 100 ms while no
-// proxy server runs beside the test, whatever the test is doing: a capture may catch it, or
-// the count of its repeats that closes a run.
+// The receive task of the process's own command client prints this every 100 ms while no
+// proxy server runs beside the test, whatever the test is doing.
 constexpr const char* k_unconnected_client = "m_connect_fd fail!";
-// text without those messages.
+// text without those messages (and the count of their repeats that closes a run).
 std::string without_background_messages(const std::string& text);
 
 // The layer prints to standard output, death tests read standard error: a dying statement
@@ -38,10 +36,9 @@ std::string without_log_messages(const std::string& text);
 // Number of non-overlapping occurrences of needle in text.
 int count_of(const std::string& text, const std::string& needle);
 
-// For objects whose destructor is deliberately fatal (pools, thread pools): keeps object
-// reachable until the process exits, as the layer keeps its own, so that the leak checker
-// counts it as live. Anything it still owns stays visible to the checker through it.
-// Called from test bodies only (one thread).
+// For objects whose destructor is deliberately fatal (pools, thread pools): keeps them
+// reachable until exit, as the layer keeps its own, so that the leak checker counts them as
+// live. Called from test bodies only (one thread).
 template <class T> T* never_destroyed(T* object)
 {
     static std::vector<T*>* const kept = new std::vector<T*>();
@@ -53,15 +50,10 @@ template <class T> T* never_destroyed(T* object)
 
 // EXPECT_EXIT for the layer's fatal paths: exit code 255 and the regex over what it printed.
 #define VESK_EXPECT_FATAL(statement, regex)                                                                            \
-    EXPECT_EXIT(                                                                                                       \
-        {                                                                                                              \
-            ::vesk_test::stdout_to_stderr();                                                                           \
-            statement;                                                                                                 \
-        },                                                                                                             \
-        ::testing::ExitedWithCode(255), regex)
+    EXPECT_EXIT({ ::vesk_test::stdout_to_stderr(); statement; }, ::testing::ExitedWithCode(255), regex)
 
-// The sanitizer a checked build runs under, and the exit status its reports end with
-// (ASan 1, TSan 66); 0 in the plain build.
+// The exit status a checked build's sanitizer reports end with (ASan 1, TSan 66); 0 in the
+// plain build.
 #if defined(__SANITIZE_ADDRESS__)
 #define VESK_TEST_SANITIZER_EXIT 1
 #elif defined(__SANITIZE_THREAD__)
@@ -77,10 +69,9 @@ template <class T> T* never_destroyed(T* object)
 #define VESK_TEST_SANITIZER_EXIT 0
 #endif
 
-// A deliberate fault that ASan and TSan intercept before the layer's own check runs (the
-// check reads the header of a block that is already freed): the plain build expects the
-// layer's fatal report, a checked build the sanitizer's report and its exit status. The
-// layer's check itself is covered by the plain build, which CI runs as well.
+// A fault that ASan and TSan intercept before the layer's own check runs (which reads a block
+// already freed): a checked build expects the sanitizer's report, the plain build (which CI
+// runs as well) the layer's.
 #if VESK_TEST_SANITIZER_EXIT != 0
 #define VESK_EXPECT_FATAL_OR_SANITIZER(statement, regex, sanitizer_regex)                                              \
     EXPECT_EXIT(statement, ::testing::ExitedWithCode(VESK_TEST_SANITIZER_EXIT), sanitizer_regex)

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +19,7 @@
 using namespace vesk_soft;
 using namespace vesk_test;
 using testing::HasSubstr;
+using vesk_utility::k_cmd_token;
 using vesk_utility::vesk_cmd_request;
 
 namespace
@@ -40,17 +42,46 @@ int listen_unix(const std::string& path)
     return fd;
 }
 
-bool recv_all(int fd, void* buf, size_t size)
+// connect() on a fresh socket (SOCK_STREAM | flags) that gives up after 30 s; *rc its result.
+int connect_bounded(const std::string& path, int flags, int* rc)
 {
-    char* p = static_cast<char*>(buf);
-    while (size > 0) {
-        const ssize_t n = recv(fd, p, size, 0);
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | flags, 0);
+    const timeval bound {30, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
+    sockaddr_un addr {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    *rc = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    return fd;
+}
+
+bool peer_closed(int fd)
+{
+    pollfd p {fd, POLLIN, 0};
+    if (poll(&p, 1, 0) <= 0)
+        return false;
+    char c;
+    return (p.revents & POLLHUP) != 0 || recv(fd, &c, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
+}
+
+// Whether the server at path runs a one-piece "true" and answers it.
+bool served(const std::string& path, uint32_t magic)
+{
+    const int fd = connect_unix(path);
+    const bool ok = fd >= 0 && send_request(fd, k_cmd_token, magic, "true", 4)
+        && read_answer(fd) == static_cast<long long>(magic);
+    if (fd >= 0)
+        close(fd);
+    return ok;
+}
+
+// The file behind a stream.
+std::string file_of(FILE* fp)
+{
+    char link[64];
+    char name[256] = {};
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(fp));
+    return readlink(link, name, sizeof(name) - 1) > 0 ? name : "";
 }
 
 } // namespace
@@ -61,29 +92,29 @@ TEST(SystemClientTest, LongCommandIsCutInto127CharacterPiecesUnderOneMagic)
     const int listener = listen_unix(path);
     ASSERT_GE(listener, 0);
     // Lives on, like the process's own client (which is never destroyed).
-    auto* client = vesk_test::never_destroyed(new vesk_utility::vesk_utility_system_client(path.c_str()));
+    auto* client = never_destroyed(new vesk_utility::vesk_utility_system_client(path.c_str()));
     const int conn = accept(listener, nullptr, nullptr);
     ASSERT_GE(conn, 0);
 
     const std::string cmd(300, 'x');
     uint32_t magic = 0;
     ASSERT_EQ(0, client->send_msg_kqz_system(cmd.c_str(), &magic));
-    EXPECT_EQ(vesk_utility::k_cmd_first_magic, magic);
     const size_t lengths[] = {127, 127, 46};
     for (int i = 0; i < 3; i++) {
         vesk_cmd_request r;
-        ASSERT_TRUE(recv_all(conn, &r, sizeof(r)));
-        EXPECT_EQ(vesk_utility::k_cmd_token, r.token);
+        ASSERT_EQ(static_cast<ssize_t>(sizeof(r)), recv(conn, &r, sizeof(r), MSG_WAITALL));
+        EXPECT_EQ(k_cmd_token, r.token);
         EXPECT_EQ(magic, r.magic);
         EXPECT_EQ(i < 2 ? 1u : 0u, r.more);
         EXPECT_EQ(lengths[i], strnlen(r.text, sizeof(r.text)));
     }
     uint32_t second = 0;
     ASSERT_EQ(0, client->send_msg_kqz_system("true", &second));
-    EXPECT_EQ(magic + 1, second);
+    EXPECT_NE(magic, second);
 
-    // Two answers in one write, collected by one receive step; each waiter finds its own.
-    const vesk_utility::vesk_cmd_answer answers[2] = {{vesk_utility::k_cmd_token, 5}, {vesk_utility::k_cmd_token, 7}};
+    // Answers in one write, collected by one receive step; each waiter finds its own, and one
+    // without the token is no answer.
+    const vesk_utility::vesk_cmd_answer answers[3] = {{k_cmd_token, 5}, {0x12345678, 6}, {k_cmd_token, 7}};
     ASSERT_EQ(static_cast<ssize_t>(sizeof(answers)), send(conn, answers, sizeof(answers), 0));
     ASSERT_TRUE(wait_for([&] {
         client->rec_answer_msg();
@@ -91,94 +122,79 @@ TEST(SystemClientTest, LongCommandIsCutInto127CharacterPiecesUnderOneMagic)
     }));
     EXPECT_EQ(1, client->answer_is_ok(5));
     EXPECT_EQ(0, client->answer_is_ok(5));
+    EXPECT_EQ(0, client->answer_is_ok(6));
 
-    // A full table loses the newest answer, with its message.
-    for (uint32_t m = 100; m < 100 + vesk_utility::k_cmd_answer_slots; m++)
-        client->push_answer(m);
-    const std::string out = capture_stdout([&] { client->push_answer(999); });
-    EXPECT_THAT(out, HasSubstr("answer_magic = 0x3e7 push fail!"));
-    EXPECT_EQ(0, client->answer_is_ok(999));
-    EXPECT_EQ(1, client->answer_is_ok(100 + vesk_utility::k_cmd_answer_slots - 1));
     close(conn);
     close(listener);
 }
 
-TEST(SystemClientTest, ThreePieceCommandRunsOnceThroughTheServer)
-{
-    proxy_server_process server(main_socket());
-    ASSERT_TRUE(server.ready());
-    const std::string out = private_root() + "/once.txt";
-    std::string cmd = "echo ran >> " + out + " # ";
-    cmd.append(300 - cmd.size(), 'p');
-    ASSERT_EQ(300u, cmd.size());
-    ASSERT_EQ(VESK_OK, vesk_utility_system(cmd.c_str()));
-    // Returned only after the command finished: the line is already there, exactly once.
-    EXPECT_EQ("ran\n", read_file(out));
-    EXPECT_TRUE(server.alive());
-}
-
-// Invariant: a call returns only after its own command has finished, even when commands
-// started later finish first and their answers arrive in between.
-TEST(SystemClientTest, ConcurrentCallsEachReturnAfterTheirOwnCommand)
+// Invariant: a call returns only after its own command has finished, exactly once, even when
+// commands started later finish first and their answers and pieces arrive in between.
+TEST(SystemClientTest, ConcurrentThreePieceCallsEachReturnAfterTheirOwnCommand)
 {
     proxy_server_process server(main_socket());
     ASSERT_TRUE(server.ready());
     constexpr int k_threads = 6;
     std::vector<std::thread> threads;
-    std::vector<int> seen(k_threads, -1);
+    std::vector<std::string> seen(k_threads);
     for (int i = 0; i < k_threads; i++) {
         threads.emplace_back([i, &seen] {
             const std::string file = private_root() + "/conc_" + std::to_string(i);
-            const std::string cmd
-                = "sleep 0." + std::to_string(k_threads - i) + "; echo " + std::to_string(i) + " > " + file;
+            std::string cmd = "sleep 0." + std::to_string(k_threads - i) + "; echo " + std::to_string(i) + " >> " + file
+                + " # ";
+            cmd.append(300 - cmd.size(), 'p');
             if (vesk_utility_system(cmd.c_str()) == VESK_OK)
-                seen[i] = atoi(read_file(file).c_str());
+                seen[i] = read_file(file);
         });
     }
     for (std::thread& t : threads)
         t.join();
     for (int i = 0; i < k_threads; i++)
-        EXPECT_EQ(i, seen[i]) << "thread " << i;
+        EXPECT_EQ(std::to_string(i) + "\n", seen[i]) << "thread " << i;
+    EXPECT_TRUE(server.alive());
 }
 
-TEST(SystemClientTest, WithoutServerTheCommandRunsHere)
+TEST(SystemClientTest, WithoutAServerOrWithItsBacklogFullTheCommandRunsHere)
 {
     const std::string out = private_root() + "/local.txt";
-    const std::string cmd = "echo local > " + out;
     VESK_ERR ret = VESK_ERR_FAIL;
-    const std::string log = capture_stdout([&] { ret = vesk_utility_system(cmd.c_str()); });
+    std::string log = capture_stdout([&] { ret = vesk_utility_system(("echo local > " + out).c_str()); });
     EXPECT_EQ(VESK_OK, ret);
     EXPECT_THAT(log, HasSubstr("fail! use standard system"));
     EXPECT_EQ("local\n", read_file(out));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_system(nullptr));
 
-    // A receive step without a connection says so and nothing more, once per run of steps:
-    // the process's own receive task may have started the run already (a raw capture: the
-    // helper drops this very message as background noise).
-    auto* lonely = never_destroyed(new vesk_utility::vesk_utility_system_client((private_root() + "/none").c_str()));
-    fflush(stdout);
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 3; i++)
-        lonely->rec_answer_msg();
-    fflush(stdout);
-    const std::string step = testing::internal::GetCapturedStdout();
-    EXPECT_LE(vesk_test::count_of(step, k_unconnected_client), 1) << step;
-    EXPECT_EQ(vesk_test::count_of(step, k_unconnected_client),
-        vesk_test::count_of(step, std::string(k_unconnected_client) + "\n\e[m")) << step;
-    EXPECT_EQ("", without_background_messages(step));
+    // A listener that never accepts, its backlog filled by other connections.
+    const std::string path = private_root() + "/full.sock";
+    const int listener = listen_unix(path);
+    ASSERT_GE(listener, 0);
+    ASSERT_EQ(0, listen(listener, 0));
+    std::vector<int> fillers;
+    for (int rc = 0; rc == 0 && fillers.size() < 16;)
+        fillers.push_back(connect_bounded(path, SOCK_NONBLOCK, &rc));
+    log = capture_stdout([&] {
+        auto* client = never_destroyed(new vesk_utility::vesk_utility_system_client(path.c_str()));
+        EXPECT_EQ(0, client->process_system(("echo here > " + out).c_str()));
+    });
+    EXPECT_THAT(log, HasSubstr("fail! use standard system"));
+    EXPECT_EQ("here\n", read_file(out));
+    for (int fd : fillers)
+        close(fd);
+    close(listener);
 }
 
-TEST(SystemClientTest, FilePopenReadsTheWholeOutputAndPcloseRemovesTheFile)
+TEST(SystemClientTest, FilePopenReadsEverythingNeverWritesThroughAPlantedLinkAndPcloseRemovesOnlyItsFile)
 {
     proxy_server_process server(main_socket());
     ASSERT_TRUE(server.ready());
+    const std::string victim = private_root() + "/victim.txt";
+    { std::ofstream(victim) << "precious\n"; }
+    // The name of a first stream tells the numbers this process takes next: plant links there.
     FILE* fp = vesk_utility_popen("seq 1 2000", "r");
     ASSERT_NE(nullptr, fp);
-    char path[256] = {};
-    char link[64];
-    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(fp));
-    ASSERT_GT(readlink(link, path, sizeof(path) - 1), 0);
-    EXPECT_NE(nullptr, strstr(path, "/tmp/vesk_popen_outfile_"));
+    std::string name = file_of(fp);
+    unsigned long long n = 0;
+    ASSERT_EQ(1, sscanf(name.c_str(), "/tmp/vesk_popen_outfile_%llu.txt", &n)) << name;
     int last = 0;
     int lines = 0;
     while (fscanf(fp, "%d", &last) == 1)
@@ -186,33 +202,14 @@ TEST(SystemClientTest, FilePopenReadsTheWholeOutputAndPcloseRemovesTheFile)
     EXPECT_EQ(2000, lines);
     EXPECT_EQ(2000, last);
     EXPECT_EQ(0, vesk_utility_pclose(fp));
-    EXPECT_NE(0, access(path, F_OK));
-    EXPECT_EQ(nullptr, vesk_utility_popen(nullptr, "r"));
-}
-
-TEST(SystemClientTest, FilePopenNeverWritesThroughAPlantedLinkAndPcloseRemovesOnlyItsFile)
-{
-    proxy_server_process server(main_socket());
-    ASSERT_TRUE(server.ready());
-    const std::string victim = private_root() + "/victim.txt";
-    { std::ofstream(victim) << "precious\n"; }
-    // The name of a first stream tells the numbers this process takes next: plant links there.
-    FILE* first = vesk_utility_popen("true", "r");
-    ASSERT_NE(nullptr, first);
-    char link[64];
-    char name[256] = {};
-    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(first));
-    ASSERT_GT(readlink(link, name, sizeof(name) - 1), 0);
-    unsigned long long n = 0;
-    ASSERT_EQ(1, sscanf(name, "/tmp/vesk_popen_outfile_%llu.txt", &n)) << name;
-    EXPECT_EQ(0, vesk_utility_pclose(first));
+    EXPECT_NE(0, access(name.c_str(), F_OK));
     std::vector<std::string> planted {"/tmp/vesk_popen_outfile_1.txt"};
     for (unsigned long long k = n + 1; k <= n + 5; k++)
         planted.push_back("/tmp/vesk_popen_outfile_" + std::to_string(k) + ".txt");
     for (const std::string& p : planted)
         (void)symlink(victim.c_str(), p.c_str());
 
-    FILE* fp = vesk_utility_popen("echo x", "r");
+    fp = vesk_utility_popen("echo x", "r");
     ASSERT_NE(nullptr, fp);
     struct stat st {};
     ASSERT_EQ(0, fstat(fileno(fp), &st));
@@ -221,11 +218,9 @@ TEST(SystemClientTest, FilePopenNeverWritesThroughAPlantedLinkAndPcloseRemovesOn
     char line[16] = {};
     ASSERT_NE(nullptr, fgets(line, sizeof(line), fp));
     EXPECT_STREQ("x\n", line);
-    memset(name, 0, sizeof(name));
-    snprintf(link, sizeof(link), "/proc/self/fd/%d", fileno(fp));
-    ASSERT_GT(readlink(link, name, sizeof(name) - 1), 0);
+    name = file_of(fp);
     EXPECT_EQ(0, vesk_utility_pclose(fp));
-    EXPECT_NE(0, access(name, F_OK));
+    EXPECT_NE(0, access(name.c_str(), F_OK));
     EXPECT_EQ("precious\n", read_file(victim));
     for (const std::string& p : planted) {
         struct stat ls {};
@@ -236,9 +231,10 @@ TEST(SystemClientTest, FilePopenNeverWritesThroughAPlantedLinkAndPcloseRemovesOn
     // A stream that did not come from the file popen is closed and nothing is removed.
     EXPECT_EQ(-1, vesk_utility_pclose(fopen(victim.c_str(), "r")));
     EXPECT_EQ("precious\n", read_file(victim));
+    EXPECT_EQ(nullptr, vesk_utility_popen(nullptr, "r"));
 }
 
-TEST(ProcessHelperTest, ExeCmdCapturesWithinTheBufferAndTimesOut)
+TEST(ProcessHelperTest, ExeCmdCapturesWithinTheBufferAndTimesOutAndPopenTakesReadOrWrite)
 {
     char buf[64];
     ASSERT_EQ(VESK_OK, vesk_utility_exe_cmd("echo hello; echo world", 30000, buf, sizeof(buf)));
@@ -250,34 +246,27 @@ TEST(ProcessHelperTest, ExeCmdCapturesWithinTheBufferAndTimesOut)
         = capture_stdout([&] { EXPECT_EQ(VESK_OK, vesk_utility_exe_cmd("yes 0123456789", 30000, buf, 8)); });
     EXPECT_STREQ("0123456", buf);
     EXPECT_EQ('Z', buf[8]);
-    EXPECT_THAT(log, HasSubstr("Output Info Size May Be Overflow, Store Buffer Size = 8"));
+    EXPECT_THAT(log, HasSubstr("Output Info Size May Be Overflow"));
 
     // A command that outlives its time is ended, and the call returns.
     VESK_ERR ret = VESK_OK;
-    log = capture_stdout([&] { ret = vesk_utility_exe_cmd("sleep 600", 200, buf, sizeof(buf)); });
+    capture_stdout([&] { ret = vesk_utility_exe_cmd("sleep 600", 200, buf, sizeof(buf)); });
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, ret);
-    EXPECT_THAT(log, HasSubstr("select Function Timeout"));
 
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_exe_cmd("true", 10, buf, 0));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_exe_cmd(nullptr, 10, buf, sizeof(buf)));
-}
 
-TEST(ProcessHelperTest, PopenExAcceptsOnlyReadOrWrite)
-{
+    // The pipe popen accepts only "r" or "w".
     int fd = 0;
     int pid = 0;
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility::popen_ex("true", "rw", &fd, &pid));
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(-1, pid);
-    VESK_ERR ret = VESK_OK;
-    const std::string log = capture_stdout([&] { ret = vesk_utility_popen("true", "", &fd, &pid); });
+    capture_stdout([&] { ret = vesk_utility_popen("true", "", &fd, &pid); });
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, ret);
-    EXPECT_THAT(log, HasSubstr("popen_ex function Failed"));
-    EXPECT_THAT(log, HasSubstr("error: popen cmd pipe fail!"));
     EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_popen("true", "r", nullptr, &pid));
-
     ASSERT_EQ(VESK_OK, vesk_utility_popen("echo abc", "r", &fd, &pid));
-    char buf[8] = {};
+    memset(buf, 0, sizeof(buf));
     ASSERT_TRUE(wait_for([&] { return read(fd, buf, sizeof(buf) - 1) > 0; }));
     EXPECT_STREQ("abc\n", buf);
     EXPECT_EQ(VESK_OK, vesk_utility_pclose(fd, pid));
@@ -307,7 +296,7 @@ TEST(ProxyServerTest, RefusesAnotherUserAndSurvivesMalformedOrVanishingClients)
             const int fd = connect_unix(path);
             if (fd < 0)
                 _exit(11);
-            send_request(fd, vesk_utility::k_cmd_token, 1, cmd.c_str(), cmd.size());
+            send_request(fd, k_cmd_token, 1, cmd.c_str(), cmd.size());
             _exit(read_answer(fd) == -1 ? 0 : 12); // closed without an answer
         }
         int status = -1;
@@ -319,32 +308,41 @@ TEST(ProxyServerTest, RefusesAnotherUserAndSurvivesMalformedOrVanishingClients)
         GTEST_LOG_(INFO) << "not root: the refusal of another user is not exercised";
     }
 
-    // A wrong token and an unterminated text each close only their own connection.
-    int bad = connect_unix(path);
-    ASSERT_GE(bad, 0);
-    ASSERT_TRUE(send_request(bad, 0x12345678, 2, "true", 4));
-    EXPECT_EQ(-1, read_answer(bad));
-    close(bad);
-    bad = connect_unix(path);
-    ASSERT_GE(bad, 0);
+    // A wrong token, an unterminated text and a command over 64 KiB each close only their own
+    // connection, unanswered.
     const std::string no_nul(vesk_utility::k_cmd_text_size, 'a');
-    ASSERT_TRUE(send_request(bad, vesk_utility::k_cmd_token, 3, no_nul.data(), no_nul.size()));
-    EXPECT_EQ(-1, read_answer(bad));
-    close(bad);
+    const std::string piece(127, '#');
+    const std::function<bool(int)> malformed[] = {
+        [](int fd) { return send_request(fd, 0x12345678, 2, "true", 4); },
+        [&](int fd) { return send_request(fd, k_cmd_token, 3, no_nul.data(), no_nul.size()); },
+        [&](int fd) {
+            bool ok = send_request(fd, k_cmd_token, 3, "true ", 5, 1);
+            for (size_t sent = 5; ok && sent <= 65536; sent += piece.size())
+                ok = send_request(fd, k_cmd_token, 3, piece.c_str(), piece.size(), sent + piece.size() <= 65536);
+            return ok;
+        },
+    };
+    for (const auto& send_bad : malformed) {
+        const int bad = connect_unix(path);
+        ASSERT_GE(bad, 0);
+        send_bad(bad); // the server may close before the last piece of the long one
+        EXPECT_EQ(-1, read_answer(bad));
+        close(bad);
+    }
 
     // A client that leaves while its command runs: the command still completes.
     const std::string late = private_root() + "/late.txt";
     const std::string late_cmd = "sleep 0.3; echo late > " + late;
     int gone = connect_unix(path);
     ASSERT_GE(gone, 0);
-    ASSERT_TRUE(send_request(gone, vesk_utility::k_cmd_token, 4, late_cmd.c_str(), late_cmd.size()));
+    ASSERT_TRUE(send_request(gone, k_cmd_token, 4, late_cmd.c_str(), late_cmd.size()));
     close(gone);
 
     // Meanwhile a good client is served, its pieces joined in order.
     const int good = connect_unix(path);
     ASSERT_GE(good, 0);
-    ASSERT_TRUE(send_request(good, vesk_utility::k_cmd_token, 9, "ech", 3, 1));
-    ASSERT_TRUE(send_request(good, vesk_utility::k_cmd_token, 9, "o ok", 4, 0));
+    ASSERT_TRUE(send_request(good, k_cmd_token, 9, "ech", 3, 1));
+    ASSERT_TRUE(send_request(good, k_cmd_token, 9, "o ok", 4, 0));
     EXPECT_EQ(9, read_answer(good));
     close(good);
     EXPECT_TRUE(wait_for([&] { return read_file(late) == "late\n"; }));
@@ -352,55 +350,6 @@ TEST(ProxyServerTest, RefusesAnotherUserAndSurvivesMalformedOrVanishingClients)
     EXPECT_EQ(0, server.stop()); // SIGTERM ends it cleanly
     EXPECT_NE(0, access(path.c_str(), F_OK));
 }
-
-namespace
-{
-
-// utime + stime of a process, in clock ticks (fields 14 and 15 of its stat line).
-long cpu_ticks(pid_t pid)
-{
-    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    unsigned long ut = 0, st = 0;
-    const size_t paren = stat.rfind(')');
-    if (paren == std::string::npos
-        || sscanf(stat.c_str() + paren + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &ut, &st) != 2)
-        return -1;
-    return static_cast<long>(ut + st);
-}
-
-// connect() on a fresh socket (SOCK_STREAM | flags) that gives up after 30 s; *rc its result.
-int connect_bounded(const std::string& path, int flags, int* rc)
-{
-    const int fd = socket(AF_UNIX, SOCK_STREAM | flags, 0);
-    const timeval bound {30, 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
-    sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    *rc = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    return fd;
-}
-
-bool peer_closed(int fd)
-{
-    pollfd p {fd, POLLIN, 0};
-    if (poll(&p, 1, 0) <= 0)
-        return false;
-    char c;
-    return (p.revents & POLLHUP) != 0 || recv(fd, &c, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
-}
-
-bool served(const std::string& path, uint32_t magic)
-{
-    const int fd = connect_unix(path);
-    const bool ok = fd >= 0 && send_request(fd, vesk_utility::k_cmd_token, magic, "true", 4)
-        && read_answer(fd) == static_cast<long long>(magic);
-    if (fd >= 0)
-        close(fd);
-    return ok;
-}
-
-} // namespace
 
 TEST(ProxyServerTest, FloodingClientThatNeverReadsIsDroppedAndTheServerGoesOn)
 {
@@ -411,14 +360,14 @@ TEST(ProxyServerTest, FloodingClientThatNeverReadsIsDroppedAndTheServerGoesOn)
         ASSERT_TRUE(server.ready());
         const int fd = connect_unix(path);
         ASSERT_GE(fd, 0);
-        ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "tr", 2, 1));
-        ASSERT_TRUE(send_request(fd, vesk_utility::k_cmd_token, 1, "ue", 2, 0));
+        ASSERT_TRUE(send_request(fd, k_cmd_token, 1, "tr", 2, 1));
+        ASSERT_TRUE(send_request(fd, k_cmd_token, 1, "ue", 2, 0));
         // Requests until the server gives up on this client (it never reads an answer).
         uint32_t magic = 2;
         const bool dropped = wait_for([&] {
             for (int i = 0; i < 64 && !peer_closed(fd); i++) {
                 vesk_cmd_request r {};
-                r.token = vesk_utility::k_cmd_token;
+                r.token = k_cmd_token;
                 r.magic = magic;
                 memcpy(r.text, "true", 4);
                 if (send(fd, &r, sizeof(r), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof(r)))
@@ -447,44 +396,26 @@ TEST(ProxyServerTest, OutOfDescriptorsShedsClientsWithoutSpinningAndRecovers)
         ASSERT_EQ(0, rc) << i << " " << strerror(errno);
     }
     // Every client is either kept or closed unserved; none stays pending in the backlog.
-    int shed = 0;
     EXPECT_TRUE(wait_for([&] {
-        shed = 0;
+        int shed = 0;
         for (int fd : clients)
             shed += peer_closed(fd) ? 1 : 0;
         return shed >= 60 - 32;
     }));
-    // Idle with a full descriptor table: a spinning loop would burn about a second here.
-    const long before = cpu_ticks(server.pid());
+    // Idle with a full descriptor table: a spinning loop would burn about a second here
+    // (utime + stime are fields 14 and 15 of the stat line).
+    const auto cpu_ticks = [&] {
+        const std::string stat = read_file("/proc/" + std::to_string(server.pid()) + "/stat");
+        unsigned long ut = 0, st = 0;
+        sscanf(stat.c_str() + stat.rfind(')') + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &ut, &st);
+        return static_cast<long>(ut + st);
+    };
+    const long before = cpu_ticks();
     usleep(1000000);
-    const long used = cpu_ticks(server.pid()) - before;
-    EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 2) << "ticks in one second";
+    EXPECT_LT(cpu_ticks() - before, sysconf(_SC_CLK_TCK) / 2) << "ticks in one second";
     for (int fd : clients)
         close(fd);
     EXPECT_TRUE(wait_for([&] { return served(path, 78); }));
     EXPECT_TRUE(server.alive());
     EXPECT_EQ(0, server.stop());
-}
-
-TEST(SystemClientTest, ProxyWithAFullBacklogCountsAsAbsent)
-{
-    // A listener that never accepts, its backlog filled by other connections.
-    const std::string path = private_root() + "/full.sock";
-    const int listener = listen_unix(path);
-    ASSERT_GE(listener, 0);
-    ASSERT_EQ(0, listen(listener, 0));
-    std::vector<int> fillers;
-    for (int rc = 0; rc == 0 && fillers.size() < 16;)
-        fillers.push_back(connect_bounded(path, SOCK_NONBLOCK, &rc));
-    const std::string out = private_root() + "/full_fallback.txt";
-    const std::string log = capture_stdout([&] {
-        auto* client = never_destroyed(new vesk_utility::vesk_utility_system_client(path.c_str()));
-        EXPECT_EQ(0, client->process_system(("echo here > " + out).c_str()));
-    });
-    EXPECT_THAT(log, HasSubstr("bind " + path + " fail!"));
-    EXPECT_THAT(log, HasSubstr("fail! use standard system"));
-    EXPECT_EQ("here\n", read_file(out));
-    for (int fd : fillers)
-        close(fd);
-    close(listener);
 }

@@ -18,30 +18,46 @@ using namespace vesk_utility;
 namespace
 {
 
-// Allocations made by a complete start-up, counted in a forked child (this process must stay
-// uninitialised for the death tests that follow).
-unsigned count_init_allocations()
+// Starts the layer in a forked child (this process stays uninitialised) with allocation n
+// failing, or none for 0; the child's exit status (-1: it crashed) and what it printed. The
+// child ends with 255 on its fatal path; otherwise with the allocations made (at most 200)
+// for n = 0, else 0 when exactly one failed.
+int init_failing(unsigned n, std::string* out)
 {
+    int pipe_fd[2];
+    if (pipe(pipe_fd) != 0)
+        return -1;
     fflush(stdout);
     const pid_t pid = fork();
     if (pid == 0) {
-        vesk_fault_arm(0);
+        dup2(pipe_fd[1], STDOUT_FILENO);
+        close(pipe_fd[0]);
+        vesk_fault_arm(n);
         vesk_utility_init(VESK_UTILITY_OPS_MAIN_APP);
         vesk_fault_disarm();
-        _exit(static_cast<int>(vesk_fault_calls() < 200 ? vesk_fault_calls() : 200));
+        fflush(stdout);
+        if (n == 0)
+            _exit(static_cast<int>(vesk_fault_calls() < 200 ? vesk_fault_calls() : 200));
+        _exit(vesk_fault_failures() == 1 ? 0 : 3);
     }
+    close(pipe_fd[1]);
+    char buf[4096];
+    for (ssize_t k; (k = read(pipe_fd[0], buf, sizeof(buf))) > 0;)
+        out->append(buf, static_cast<size_t>(k));
+    close(pipe_fd[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? static_cast<unsigned>(WEXITSTATUS(status)) : 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace
 
 TEST(PreInitFaultDeathTest, EveryStartUpAllocationFailureEndsInItsAssertion)
 {
-    const unsigned allocs = count_init_allocations();
-    ASSERT_GE(allocs, 1u) << "start-up made no allocation through the seam";
-    ASSERT_LT(allocs, 200u);
+    std::string text;
+    const int allocs = init_failing(0, &text);
+    ASSERT_GE(allocs, 1) << "start-up made no allocation through the seam";
+    ASSERT_LT(allocs, 200);
     // The first is the registry's node pool.
     VESK_EXPECT_FATAL(
         {
@@ -50,33 +66,14 @@ TEST(PreInitFaultDeathTest, EveryStartUpAllocationFailureEndsInItsAssertion)
         },
         "caller_id = 0x13, purpose = 0x3001, malloc [0-9]+ fail!\n.*ASSERT!\n >File name: core/[a-z_]+\\.cpp\n "
         ">Function: [a-z_]+\n >Line No: [0-9]+\n >Condition: m_node_pool != NULL\n");
-    for (unsigned n = 2; n <= allocs; n++) {
-        int out[2];
-        ASSERT_EQ(pipe(out), 0);
-        fflush(stdout);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            vesk_fault_arm(n);
-            vesk_utility_init(VESK_UTILITY_OPS_MAIN_APP);
-            vesk_fault_disarm();
-            fflush(stdout);
-            _exit(vesk_fault_failures() == 1 ? 0 : 3);
-        }
-        close(out[1]);
-        std::string text;
-        char buf[4096];
-        for (ssize_t k; (k = read(out[0], buf, sizeof(buf))) > 0;)
-            text.append(buf, static_cast<size_t>(k));
-        close(out[0]);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        ASSERT_TRUE(WIFEXITED(status)) << "allocation " << n << " crashed start-up:\n" << text;
-        if (WEXITSTATUS(status) == 255)
+    for (int n = 2; n <= allocs; n++) {
+        text.clear();
+        const int status = init_failing(static_cast<unsigned>(n), &text);
+        ASSERT_NE(status, -1) << "allocation " << n << " crashed start-up:\n" << text;
+        if (status == 255)
             EXPECT_NE(text.find("ASSERT!\n >File name: "), std::string::npos) << n << ":\n" << text;
         else
-            EXPECT_TRUE(WEXITSTATUS(status) == 0 && text.find("fail") != std::string::npos)
-                << "allocation " << n << " failed without a word (status " << WEXITSTATUS(status) << "):\n" << text;
+            EXPECT_TRUE(status == 0 && text.find("fail") != std::string::npos)
+                << "allocation " << n << " failed without a word (status " << status << "):\n" << text;
     }
 }
