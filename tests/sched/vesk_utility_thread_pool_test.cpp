@@ -287,17 +287,21 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
 {
     const uint32_t mem_before = mem_total();
     worker w;
-    const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 4096), "recorder_io");
+    vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME, 0, 4096);
+    c.priority = 10;
+    const unsigned long h = start(w, c, "recorder_io");
     ASSERT_NE(h, 0ul);
     EXPECT_EQ(w.enter_ret.load(), VESK_OK);
     EXPECT_EQ(w.hand.load(), h);
     // The kernel keeps the first 15 characters of the function name. A 4 KiB stack request gets
-    // the 512 KiB floor (the C library may add a guard page); the record keeps it as asked.
+    // the 512 KiB floor (the C library may add a guard page); the record keeps it as asked. The
+    // scheduling is inherited: the control record's real-time policy gives way to the creator's.
     EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun");
     EXPECT_GE(w.stack.load(), 524288u);
     EXPECT_LT(w.stack.load(), 1048576u);
+    EXPECT_EQ(w.policy.load(), SCHED_OTHER);
     EXPECT_EQ(record_of(live_pool(), h),
-        fmt("pid %d, 'recorder_io' 'vesk_worker_function_name', stack 4096, type 1, prio 0, auto 0, state %u",
+        fmt("pid %d, 'recorder_io' 'vesk_worker_function_name', stack 4096, type 2, prio 10, auto 0, state %u",
             w.tid.load(), VESK_THREAD_RUNNING));
     EXPECT_EQ(diagnosed(live_pool(), 2).find("WARINNG"), std::string::npos) << s_out; // found alive
 
@@ -401,20 +405,6 @@ TEST(ThreadPoolTest, RecordAllocationFailureIsSurfacedOnlyByEnter)
     w.go = true;
     vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
     EXPECT_EQ(pthread_join(h, nullptr), 0); // unregistered, so the caller joins it itself
-}
-
-TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
-{
-    // The inherit-scheduler attribute keeps the C library's default, so the policy and
-    // priority of the control record give way to the creator's.
-    worker w;
-    vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME);
-    c.priority = 10;
-    const unsigned long h = start(w, c, "rt_from_normal");
-    EXPECT_EQ(w.policy.load(), SCHED_OTHER);
-    EXPECT_TRUE(has(record_of(live_pool(), h), "type 2, prio 10,"));
-    w.go = true;
-    EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
 }
 
 TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
