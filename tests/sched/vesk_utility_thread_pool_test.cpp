@@ -13,7 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,7 +57,6 @@ public:
         ASSERT_EQ(p.save_thr_hand(h, ctl, name), VESK_OK);
     }
     static void add_head(utility_thread_pool& p, vesk_thread_record* r) { p.add_node_head(r); }
-    static void set_pause(utility_thread_pool& p, unsigned ms) { p.m_pause_ms = ms; }
     static pthread_mutex_t& lock(utility_thread_pool& p) { return p.m_lock; }
     static bool init_tables(utility_thread_pool& p) { return p.proc_init_node(); }
     static void free_tables(utility_thread_pool& p)
@@ -139,32 +137,21 @@ std::string fmt(const char* f, ...)
     return s;
 }
 
-// The print function of the diagnostics, collecting into s_out; returns non-zero (console
-// gone) once s_stop_after separators have been printed.
-std::mutex s_out_lock;
+// The print function of the diagnostics, collecting into s_out.
 std::string s_out;
-int s_separators = 0;
-int s_stop_after = 1 << 30;
 
 int collect(const char* f, ...)
 {
     va_list ap;
     va_start(ap, f);
-    const std::string text = vfmt(f, ap);
+    s_out += vfmt(f, ap);
     va_end(ap);
-    std::lock_guard<std::mutex> g(s_out_lock);
-    if (text.find(" -----") == 0) // separators are counted, not kept
-        return ++s_separators >= s_stop_after ? 1 : 0;
-    s_out += text;
     return 0;
 }
 
-void reset_collect(int stop_after = 1 << 30)
+void reset_collect()
 {
-    std::lock_guard<std::mutex> g(s_out_lock);
     s_out.clear();
-    s_separators = 0;
-    s_stop_after = stop_after;
 }
 
 // What one diagnose command prints.
@@ -469,28 +456,6 @@ TEST(ThreadPoolCpuTest, TwoSamplesOfAFixtureTreeGiveExactShares)
     vesk_test::capture_stdout([&] { listed = listing(999, true); });
     EXPECT_EQ(listed, k_header + cpu_row(999, -1));
     probe::free_tables(pool);
-}
-
-// The live view over the real /proc, ended by the console going away after the second sample.
-TEST(ThreadPoolCpuTest, LiveViewListsThreadsByNameAndFreesItsTables)
-{
-    worker w;
-    w.function = "busy_loop";
-    const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON), "busy_worker");
-    const uint32_t mem_before = mem_total();
-    probe::set_pause(live_pool(), 50);
-    reset_collect(3);
-    live_pool().diagnose(0, collect);
-    probe::set_pause(live_pool(), k_cpu_view_pause_ms);
-    // The first listing has no reference sample: "-" for every thread.
-    ASSERT_EQ(s_out.find(k_header), 0u) << s_out;
-    const std::string first = s_out.substr(k_header.size(), s_out.find(k_header, 1) - k_header.size());
-    EXPECT_TRUE(has(first, cpu_row(w.tid, -1, 0, 1, "busy_worker", "busy_loop")));
-    EXPECT_TRUE(has(first, fmt("%5d %6s %6s %6s", getpid(), "-", "-", "-")));
-    EXPECT_NE(s_out.find(k_header, 1), std::string::npos) << "no second sample";
-    EXPECT_EQ(mem_total(), mem_before);
-    w.go = true;
-    EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
 }
 
 TEST(ThreadPoolDiagnoseTest, RecordListIsExactFlagsThreadsThatDoNotExistAndNeverWaits)
