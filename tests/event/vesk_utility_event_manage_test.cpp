@@ -180,6 +180,28 @@ TEST_F(EventTest, RaisingAgainReloadsTheCountdownAndEndingWithTriggerZeroEndsAtT
     EXPECT_EQ(told(), "-2/1/5 ");
 }
 
+// Analytics events are refreshed many times a second: their last trigger time moves only once
+// it is 3 s old, every other event's at each refresh.
+TEST_F(EventTest, AnalyticsRefreshMovesTheLastTriggerTimeEveryThreeSeconds)
+{
+    for (uint32_t sub : {VESK_EVENT_SUB_LINE_CROSSING, VESK_EVENT_SUB_MOTION}) {
+        const vesk_event_info e = event(VESK_EVENT_CHANNEL_EVENT, sub, 9);
+        const vesk_event_id id = id_of(e);
+        set_state(e, 1);
+        VESK_BOOL active = 0;
+        long start = 0, last = 0;
+        ASSERT_EQ(vesk_utility_get_event_state(&id, &active, &start, &last), VESK_OK);
+        for (int i = 0; i < 500 && last == start; i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            set_state(e, 1);
+            ASSERT_EQ(vesk_utility_get_event_state(&id, &active, &start, &last), VESK_OK);
+        }
+        EXPECT_EQ(last - start, sub == VESK_EVENT_SUB_MOTION ? 1 : 3) << "sub type " << sub;
+        set_state(e, 0);
+        told();
+    }
+}
+
 TEST_F(EventTest, ObserversAreToldOnlyWhilePushIsOnAndIdsAreValidated)
 {
     const vesk_event_info net = event(VESK_EVENT_NET_EVENT, VESK_EVENT_SUB_NET_DISCONNECT, 1);
@@ -215,6 +237,8 @@ TEST_F(EventTest, ObserversAreToldOnlyWhilePushIsOnAndIdsAreValidated)
         {event(VESK_EVENT_IO_EVENT, VESK_EVENT_SUB_ALARM_INPUT, 16), VESK_ERR_INVALID_PARAM},
         {event(VESK_EVENT_IO_EVENT, VESK_EVENT_SUB_ALARM_INPUT, 16, 0), VESK_OK},
         {event(VESK_EVENT_IO_EVENT, VESK_EVENT_SUB_ALARM_INPUT, 32, 0), VESK_ERR_INVALID_PARAM},
+        {event(VESK_EVENT_SYSTEM_EVENT, VESK_EVENT_SUB_RECORD_FAIL, 15), VESK_OK},
+        {event(VESK_EVENT_SYSTEM_EVENT, VESK_EVENT_SUB_RECORD_FAIL, 16), VESK_ERR_INVALID_PARAM},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(vesk_utility_set_event_state(&c.d, 1), c.want) << c.d.text << " local " << c.d.local;
@@ -224,12 +248,10 @@ TEST_F(EventTest, ObserversAreToldOnlyWhilePushIsOnAndIdsAreValidated)
     EXPECT_EQ(vesk_utility_set_event_state(nullptr, 1), VESK_ERR_INVALID_PARAM);
     told(); // the ends of the accepted cases
 
-    // A repeated registration is ignored; an unknown pair is refused with its message.
+    // A repeated registration is ignored; an unknown pair is refused.
     ASSERT_EQ(vesk_utility_register_event_oberver(0x42, &m_seen), VESK_OK);
-    const std::string out = vesk_test::capture_stdout(
+    vesk_test::capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_unregister_event_oberver(0x43, &m_seen), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(out.find("UserID[67] Hander["), std::string::npos) << out;
-    EXPECT_NE(out.find("Not Register, Can't Unregister!"), std::string::npos) << out;
     set_state(net, 0);
     EXPECT_EQ(told(), "-4/8/1 ") << "a repeated registration made a second slot";
 }
@@ -246,8 +268,7 @@ void private_manager(uint32_t nodes, vesk_utility_event_manage*& m, recorder*& s
     ASSERT_EQ(m->register_event_oberver(1, seen), VESK_OK);
 }
 
-// The batch holds 186 records: 205 starts, and later 200 ends, of one check need a second pass.
-TEST_F(EventTest, TwoHundredEventsOfOneCheckAreDeliveredInTwoPasses)
+TEST_F(EventTest, TwoHundredEventsOfOneCheckAreAllDeliveredInOrder)
 {
     vesk_utility_event_manage* big = nullptr;
     recorder* seen = nullptr;
@@ -261,9 +282,8 @@ TEST_F(EventTest, TwoHundredEventsOfOneCheckAreDeliveredInTwoPasses)
     }
     records got;
     const auto one_check = [&] {
-        const std::string out = vesk_test::capture_stdout([&] { run_check(big); });
+        vesk_test::capture_stdout([&] { run_check(big); });
         got = seen->take();
-        return vesk_test::count_of(out, "Notify Count > Max Notify Count, Re-Malloc, 186 > 186");
     };
     // Each event told once, in list order.
     const auto told_of = [&](size_t from, size_t to, uint32_t trigger) {
@@ -272,11 +292,11 @@ TEST_F(EventTest, TwoHundredEventsOfOneCheckAreDeliveredInTwoPasses)
             want.push_back({events[i], trigger, 0, 0, 0});
         return said(want);
     };
-    EXPECT_EQ(one_check(), 1);
+    one_check();
     EXPECT_EQ(said(got), told_of(0, 205, 1));
     for (uint32_t i = 5; i < 205; i++)
         ASSERT_EQ(big->set_event_state(events[i], 0), VESK_OK);
-    EXPECT_EQ(one_check(), 1);
+    one_check();
     EXPECT_EQ(said(got), told_of(5, 205, 0));
     // Two checks so far: the disk events end after 30 counted checks, at the 31st.
     int checks = 2;
@@ -398,9 +418,8 @@ TEST_F(EventTest, SchedulesAndFiltersChangeWhatIsListed)
     wild.index = 9; // ignored with a wildcard
     ASSERT_EQ(vesk_utility_set_event_arming(&wild, &off), VESK_OK);
     EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), no_motion);
-    const std::string out = vesk_test::capture_stdout(
+    vesk_test::capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_get_event_arming(&motion_id, &read), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_NE(out.find("Event Can't Find Schedule Node, Why???"), std::string::npos) << out;
     ASSERT_EQ(vesk_utility_set_event_arming(&wild, &on), VESK_OK);
     EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), all);
     // An all-zero schedule removes it: an event without a schedule is armed.

@@ -1,5 +1,5 @@
-// Thread registry: real threads through the exported calls, the CPU view over fixture /proc
-// trees and hand-filled sample tables, the record list check, and the fatal paths.
+// Thread registry: real threads through the exported calls, the CPU view over a fixture /proc
+// tree and live, the record list check, and the fatal paths.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -13,8 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,8 +22,6 @@
 #include "vesk_utility.h"
 #include "api/vesk_utility_resource.h"
 #include "core/vesk_utility_ground.h"
-#include "core/vesk_utility_mem_layout.h"
-#include "core/vesk_utility_pool.h"
 #include "sched/vesk_utility_thread_pool.h"
 
 using namespace vesk_soft;
@@ -61,22 +57,6 @@ public:
         ASSERT_EQ(p.save_thr_hand(h, ctl, name), VESK_OK);
     }
     static void add_head(utility_thread_pool& p, vesk_thread_record* r) { p.add_node_head(r); }
-    // The accounted owner (user id, purpose) of a thread's record: from its pool node where the
-    // record is small enough for the little-memory pool (the 32-bit target), else its block.
-    static std::pair<uint32_t, uint32_t> owner(utility_thread_pool& p, unsigned long h)
-    {
-        held g(p);
-        const vesk_thread_record* n = p.find_node(h);
-        utility_little_mem_pool* little = vesk_ground::instance()->little_mem_pool_if_built();
-        unsigned size = 0;
-        if (n != nullptr && little != nullptr && little->get_mem_size(__FILE__, __func__, n, size) == VESK_OK) {
-            const auto* node = reinterpret_cast<const utility_string_pool_mem_node*>(n) - 1;
-            return {node->usr_id, node->purpose};
-        }
-        return n != nullptr ? std::make_pair(mem_head_of(n)->caller_id, mem_head_of(n)->purpose)
-                            : std::make_pair(0u, 0u);
-    }
-    static void set_pause(utility_thread_pool& p, unsigned ms) { p.m_pause_ms = ms; }
     static pthread_mutex_t& lock(utility_thread_pool& p) { return p.m_lock; }
     static bool init_tables(utility_thread_pool& p) { return p.proc_init_node(); }
     static void free_tables(utility_thread_pool& p)
@@ -92,22 +72,6 @@ public:
         p.proc_sample(root.c_str(), pid);
         p.proc_print(show_all, print);
     }
-    // Hand-filled tables (a previous total of 0: none), then the listing.
-    static void print_tables(utility_thread_pool& p, const std::vector<vesk_cpu_sample>& prev, uint64_t prev_total,
-        const std::vector<vesk_cpu_sample>& cur, uint64_t cur_total, bool show_all, print_fn print)
-    {
-        held g(p);
-        std::copy(prev.begin(), prev.end(), p.m_prev);
-        std::copy(cur.begin(), cur.end(), p.m_cur);
-        p.m_prev_cnt = static_cast<uint32_t>(prev.size());
-        p.m_cur_cnt = static_cast<uint32_t>(cur.size());
-        p.m_prev_total = prev_total;
-        p.m_prev_total_valid = prev_total != 0;
-        p.m_cur_total = cur_total;
-        p.m_cur_total_valid = 1;
-        p.proc_print(show_all, print);
-    }
-
 private:
     struct held {
         explicit held(utility_thread_pool& p)
@@ -173,34 +137,21 @@ std::string fmt(const char* f, ...)
     return s;
 }
 
-// The print function of the diagnostics, collecting into s_out; returns non-zero (console
-// gone) once s_stop_after separators have been printed, or once s_stop says so.
-std::mutex s_out_lock;
+// The print function of the diagnostics, collecting into s_out.
 std::string s_out;
-int s_separators = 0;
-int s_stop_after = 1 << 30;
-std::function<bool(const std::string&)> s_stop;
 
 int collect(const char* f, ...)
 {
     va_list ap;
     va_start(ap, f);
-    const std::string text = vfmt(f, ap);
+    s_out += vfmt(f, ap);
     va_end(ap);
-    std::lock_guard<std::mutex> g(s_out_lock);
-    if (text.find(" -----") == 0) // separators are counted, not kept
-        return ++s_separators >= s_stop_after || (s_stop && s_stop(s_out)) ? 1 : 0;
-    s_out += text;
     return 0;
 }
 
-void reset_collect(int stop_after = 1 << 30)
+void reset_collect()
 {
-    std::lock_guard<std::mutex> g(s_out_lock);
     s_out.clear();
-    s_separators = 0;
-    s_stop_after = stop_after;
-    s_stop = nullptr;
 }
 
 // What one diagnose command prints.
@@ -259,12 +210,10 @@ struct worker {
     std::atomic<int32_t> tid {0};
     std::atomic<bool> go {false};
     std::atomic<bool> done {false};
-    std::atomic<bool> spin {false};
     std::atomic<VESK_ERR> enter_ret {0xFFFFFFFF};
     std::atomic<VESK_ERR> exit_ret {0xFFFFFFFF};
     std::atomic<size_t> stack {0};
     std::atomic<int> policy {-1};
-    std::atomic<int> priority {-1};
     const char* function = "vesk_worker_function_name";
 };
 
@@ -284,13 +233,10 @@ void* routine(void* arg)
     sched_param sp;
     int policy = 0;
     pthread_getschedparam(pthread_self(), &policy, &sp);
-    w->priority = sp.sched_priority;
     w->policy = policy;
     w->hand = self;
-    while (!w->go) {
-        if (!w->spin)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    while (!w->go)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     w->exit_ret = vesk_utility_exit_thread(self);
     w->done = true;
     return nullptr;
@@ -328,25 +274,23 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
 {
     const uint32_t mem_before = mem_total();
     worker w;
-    const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON, 0, 4096), "recorder_io");
+    vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME, 0, 4096);
+    c.priority = 10;
+    const unsigned long h = start(w, c, "recorder_io");
     ASSERT_NE(h, 0ul);
     EXPECT_EQ(w.enter_ret.load(), VESK_OK);
     EXPECT_EQ(w.hand.load(), h);
     // The kernel keeps the first 15 characters of the function name. A 4 KiB stack request gets
-    // the 512 KiB floor (the C library may add a guard page); the record keeps it as asked.
+    // the 512 KiB floor (the C library may add a guard page); the record keeps it as asked. The
+    // scheduling is inherited: the control record's real-time policy gives way to the creator's.
     EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun");
     EXPECT_GE(w.stack.load(), 524288u);
     EXPECT_LT(w.stack.load(), 1048576u);
+    EXPECT_EQ(w.policy.load(), SCHED_OTHER);
     EXPECT_EQ(record_of(live_pool(), h),
-        fmt("pid %d, 'recorder_io' 'vesk_worker_function_name', stack 4096, type 1, prio 0, auto 0, state %u",
+        fmt("pid %d, 'recorder_io' 'vesk_worker_function_name', stack 4096, type 2, prio 10, auto 0, state %u",
             w.tid.load(), VESK_THREAD_RUNNING));
-    EXPECT_EQ(thread_pool_probe::owner(live_pool(), h), std::make_pair(0x13u, 0x3000u));
-    // The registered list shows the record, stack as asked in K, and finds the thread alive.
-    const std::string listed = diagnosed(live_pool(), 2);
-    EXPECT_TRUE(has(listed,
-        fmt("%6d %5d%c %12d %12d %16d, %6d, %32s %32s\n", w.tid.load(), 4, 'K', 1, 0, 0, 2, "recorder_io",
-            "vesk_worker_function_name")));
-    EXPECT_EQ(listed.find("WARINNG"), std::string::npos) << listed;
+    EXPECT_EQ(diagnosed(live_pool(), 2).find("WARINNG"), std::string::npos) << s_out; // found alive
 
     w.go = true;
     ASSERT_TRUE(wait_for([&] { return w.done.load(); }));
@@ -355,9 +299,7 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
     EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
     EXPECT_EQ(record_of(live_pool(), h), "");
     EXPECT_EQ(mem_total(), mem_before);
-    const std::string out
-        = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, is invalid!", h)));
+    vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
 }
 
 TEST(ThreadPoolTest, AutoRetrieveRecordGoesAtExitAndRetrieveOnlyDropsIt)
@@ -376,16 +318,14 @@ TEST(ThreadPoolTest, AutoRetrieveRecordGoesAtExitAndRetrieveOnlyDropsIt)
     // own exit then finds nothing.
     worker b;
     const unsigned long hb = start(b, ctl_for(b, VESK_THREAD_WORK_COMMON, 1), "detached_b");
-    std::string out = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(hb), VESK_OK); });
-    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, name = 'detached_b', is auto retrieve, not need!", hb)));
-    EXPECT_FALSE(b.done.load()); // not joined: it is still waiting for go
-    EXPECT_EQ(record_of(live_pool(), hb), "");
-    out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
+        EXPECT_EQ(vesk_utility_retrieve_thread(hb), VESK_OK);
+        EXPECT_FALSE(b.done.load()); // not joined: it is still waiting for go
+        EXPECT_EQ(record_of(live_pool(), hb), "");
         b.go = true;
         ASSERT_TRUE(wait_for([&] { return b.done.load(); }));
     });
     EXPECT_EQ(b.exit_ret.load(), VESK_ERR_OPERATE_FAIL);
-    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, is invalid!", hb)));
 }
 
 TEST(ThreadPoolTest, BadArgumentsCreateNothing)
@@ -395,11 +335,8 @@ TEST(ThreadPoolTest, BadArgumentsCreateNothing)
     for (uint32_t type : {0u, 3u}) {
         const vesk_thread_creat_ctl c = ctl_for(w, type);
         unsigned long h = 0xABCDul;
-        const std::string out = vesk_test::capture_stdout(
-            [&] { EXPECT_EQ(vesk_utility_creat_thread(&c, "bad", &h), VESK_ERR_NOT_SUPPORT); });
+        vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_creat_thread(&c, "bad", &h), VESK_ERR_NOT_SUPPORT); });
         EXPECT_EQ(h, 0xABCDul); // untouched
-        EXPECT_TRUE(has(out, "[UTL] ERROR! creat_thread["));
-        EXPECT_TRUE(has(out, fmt("work_type_%u, not support!", type)));
     }
     EXPECT_EQ(w.hand.load(), 0ul); // the routine never ran
     EXPECT_EQ(probe::records(live_pool()), before);
@@ -408,10 +345,7 @@ TEST(ThreadPoolTest, BadArgumentsCreateNothing)
     unsigned long h = 0;
     EXPECT_EQ(vesk_utility_creat_thread(nullptr, "x", &h), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_creat_thread(&c, "x", nullptr), VESK_ERR_INVALID_PARAM);
-    const std::string out
-        = vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_exit_thread(0x1234), VESK_ERR_OPERATE_FAIL); });
-    EXPECT_TRUE(has(out, "[UTL] ERROR! exit_thread["));
-    EXPECT_TRUE(has(out, "thread_hand = 4660, is invalid!"));
+    vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_exit_thread(0x1234), VESK_ERR_OPERATE_FAIL); });
 }
 
 // Without a pool nothing is registered at creation: the routine's enter registers it (unnamed
@@ -423,14 +357,11 @@ TEST(ThreadPoolTest, ThreadsCreatedWithoutThePoolRunNamedAndRegisterThroughEnter
     const int before = probe::records(live_pool());
     const vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_COMMON);
     unsigned long h = 0;
-    std::string out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
         EXPECT_EQ(creat_thread(nullptr, &c, "unpooled", &h), VESK_OK);
         EXPECT_EQ(enter_thread(nullptr, pthread_self(), "no_pool_main"), VESK_OK);
         EXPECT_EQ(exit_thread(nullptr, pthread_self()), VESK_OK);
     });
-    for (const char* fn : {"creat_thread", "enter_thread", "exit_thread"})
-        EXPECT_TRUE(has(out, fmt("[UTL] WARNING! %s[", fn)));
-    EXPECT_EQ(vesk_test::count_of(out, "get thread_pool fail!"), 3) << out;
     EXPECT_EQ(comm_of(own_tid()), "no_pool_main");
     ASSERT_NE(h, 0ul);
     ASSERT_TRUE(wait_for([&] { return w.hand != 0; }));
@@ -439,8 +370,7 @@ TEST(ThreadPoolTest, ThreadsCreatedWithoutThePoolRunNamedAndRegisterThroughEnter
     EXPECT_EQ(record_of(live_pool(), h),
         fmt("pid %d, '' 'anonymous', stack 0, type 0, prio 0, auto 0, state %u", w.tid.load(), VESK_THREAD_RUNNING));
     w.go = true;
-    out = vesk_test::capture_stdout([&] { EXPECT_EQ(retrieve_thread(nullptr, h), VESK_OK); });
-    EXPECT_TRUE(has(out, "[UTL] WARNING! retrieve_thread["));
+    vesk_test::capture_stdout([&] { EXPECT_EQ(retrieve_thread(nullptr, h), VESK_OK); });
     EXPECT_TRUE(w.done.load()); // joined: the routine has finished
     EXPECT_EQ(w.exit_ret.load(), VESK_OK);
     EXPECT_TRUE(has(record_of(live_pool(), h), fmt("state %u", VESK_THREAD_EXITED)));
@@ -449,61 +379,19 @@ TEST(ThreadPoolTest, ThreadsCreatedWithoutThePoolRunNamedAndRegisterThroughEnter
     EXPECT_EQ(probe::records(live_pool()), before);
 }
 
-TEST(ThreadPoolTest, RecordAllocationFailureIsLoggedAndSurfacedOnlyByEnter)
+TEST(ThreadPoolTest, RecordAllocationFailureIsSurfacedOnlyByEnter)
 {
     worker w;
     unsigned long h = 0;
     thread_pool_fail_record_alloc(true);
-    const std::string out
-        = vesk_test::capture_stdout([&] { h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON), "starved"); });
+    vesk_test::capture_stdout([&] { h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON), "starved"); });
     thread_pool_fail_record_alloc(false);
-    EXPECT_TRUE(has(out, "[UTL] ERROR! utility_thread_pool::save_thr_hand["));
-    EXPECT_TRUE(has(out, "[UTL] ERROR! utility_thread_pool::save_thr_pid["));
-    EXPECT_EQ(vesk_test::count_of(out, fmt("malloc %zu fail!", sizeof(vesk_thread_record))), 2) << out;
-    EXPECT_TRUE(has(out, fmt("thread_hand = %lu, pid = %d, 'vesk_worker_function_name' is invalid!", h, w.tid.load())));
     EXPECT_EQ(w.enter_ret.load(), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(comm_of(w.tid), "vesk_worker_fun"); // named all the same
     EXPECT_EQ(record_of(live_pool(), h), "");
     w.go = true;
     vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
     EXPECT_EQ(pthread_join(h, nullptr), 0); // unregistered, so the caller joins it itself
-}
-
-TEST(ThreadPoolTest, RealTimeWorkTypeInheritsTheCreatorsScheduling)
-{
-    // The inherit-scheduler attribute keeps the C library's default, so the policy and
-    // priority of the control record give way to the creator's.
-    worker w;
-    vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME);
-    c.priority = 10;
-    const unsigned long h = start(w, c, "rt_from_normal");
-    EXPECT_EQ(w.policy.load(), SCHED_OTHER);
-    EXPECT_TRUE(has(record_of(live_pool(), h), "type 2, prio 10,"));
-    w.go = true;
-    EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
-
-    // From a real-time creator, where the environment allows one.
-    worker rt;
-    std::atomic<int> set_ret {-1};
-    std::atomic<VESK_ERR> create_ret {0xFFFFFFFF};
-    unsigned long hrt = 0;
-    std::thread creator([&] {
-        sched_param sp {};
-        sp.sched_priority = 7;
-        set_ret = pthread_setschedparam(pthread_self(), SCHED_RR, &sp);
-        const vesk_thread_creat_ctl crt = ctl_for(rt, VESK_THREAD_WORK_REAL_TIME);
-        if (set_ret == 0)
-            create_ret = vesk_utility_creat_thread(&crt, "rt_from_rt", &hrt);
-    });
-    creator.join();
-    if (set_ret != 0)
-        GTEST_SKIP() << "SCHED_RR refused here (" << strerror(set_ret) << "); real-time inheritance not checked";
-    ASSERT_EQ(create_ret.load(), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return rt.hand != 0; }));
-    EXPECT_EQ(rt.policy.load(), SCHED_RR);
-    EXPECT_EQ(rt.priority.load(), 7);
-    rt.go = true;
-    EXPECT_EQ(vesk_utility_retrieve_thread(hrt), VESK_OK);
 }
 
 TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
@@ -522,13 +410,10 @@ TEST(ThreadPoolCpuTest, StatParsersReadTheRightColumns)
     EXPECT_FALSE(parse_pid_stat("321 (w) S 1 1 1", &short_line));
     EXPECT_EQ(short_line.stat_read, 0u);
 
-    const std::string out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
         EXPECT_FALSE(scanf_system_stat("/nonexistent/stat", &total));
         EXPECT_FALSE(scanf_pid_stat("/nonexistent/1/stat", &e));
     });
-    EXPECT_TRUE(has(out, "[UTL] ERROR! scanf_system_stat["));
-    EXPECT_TRUE(has(out, "[UTL] ERROR! scanf_pid_stat["));
-    EXPECT_TRUE(has(out, "Can not open /nonexistent/1/stat"));
 }
 
 TEST(ThreadPoolCpuTest, TwoSamplesOfAFixtureTreeGiveExactShares)
@@ -568,85 +453,12 @@ TEST(ThreadPoolCpuTest, TwoSamplesOfAFixtureTreeGiveExactShares)
 
     // A process without a task directory is logged and leaves only entry 0.
     std::string listed;
-    const std::string out = vesk_test::capture_stdout([&] { listed = listing(999, true); });
-    EXPECT_TRUE(has(out, "[UTL] ERROR! utility_thread_pool::proc_load_pid["));
-    EXPECT_TRUE(has(out, fmt("%s/999/task open fail!", root.c_str())));
+    vesk_test::capture_stdout([&] { listed = listing(999, true); });
     EXPECT_EQ(listed, k_header + cpu_row(999, -1));
     probe::free_tables(pool);
 }
 
-TEST(ThreadPoolCpuTest, ListingMatchesByPositionFiltersAndOrders)
-{
-    utility_thread_pool& pool = private_pool();
-    add_record(pool, 0x6001, 1, 3, "disk", 12, "disk_loop");
-    vesk_thread_record r;
-    ASSERT_TRUE(probe::record(pool, 0x6001, r));
-    ASSERT_TRUE(probe::init_tables(pool));
-
-    auto e = [](int pid, uint64_t ticks, uint32_t stat_read = 1) {
-        vesk_cpu_sample s {};
-        s.pid = pid;
-        s.stat_read = stat_read;
-        s.utime = ticks;
-        return s;
-    };
-    // Elapsed 20000 ticks: the 0.1% threshold is 20 ticks.
-    //  idx 0 pid 10: used 400 -> 2.0%      idx 1 pid 11: used 20 (at threshold: out)
-    //  idx 2 pid 12: used 400, equal to pid 10, listed after it; registered
-    //  idx 3 pid 14: previous entry at idx 3 was pid 13 (a thread ended): unmatched, "-"
-    //  idx 4 pid 15: stat not read;      idx 5 pid 16: used 1999 -> 9.9%
-    const std::vector<vesk_cpu_sample> prev = {e(10, 100), e(11, 100), e(12, 100), e(13, 100), e(15, 0), e(16, 1)};
-    std::vector<vesk_cpu_sample> cur = {e(10, 500), e(11, 120), e(12, 500), e(14, 900), e(15, 0, 0), e(16, 2000)};
-    cur[2].record = &r;
-    const std::string listed
-        = k_header + cpu_row(16, 99) + cpu_row(10, 20) + cpu_row(12, 20, 3, 1, "disk", "disk_loop");
-    for (bool show_all : {false, true}) {
-        reset_collect();
-        probe::print_tables(pool, prev, 100000, cur, 120000, show_all, collect);
-        EXPECT_EQ(s_out, show_all ? listed + cpu_row(11, 0) + cpu_row(14, -1) + cpu_row(15, -1) : listed);
-    }
-    probe::free_tables(pool);
-}
-
-TEST(ThreadPoolCpuTest, LiveViewShowsABusyThreadAndStartsWithDashes)
-{
-    worker w;
-    w.spin = true;
-    w.function = "busy_loop";
-    const unsigned long h = start(w, ctl_for(w, VESK_THREAD_WORK_COMMON), "busy_worker");
-    const uint32_t mem_before = mem_total();
-
-    // Show-all, stopped once a sample after the first shows the busy thread above 0.0%
-    // (or after 40 samples, which fails the test below).
-    probe::set_pause(live_pool(), 250);
-    const std::string busy_tail = fmt(" %6d %6d %32s %32s\n", 0, 1, "busy_worker", "busy_loop");
-    int busy_whole = -1, busy_tenth = -1;
-    reset_collect(41);
-    s_stop = [&](const std::string& out) {
-        size_t end = out.rfind(busy_tail);
-        if (end == std::string::npos)
-            return false;
-        const size_t start = out.rfind('\n', end) + 1;
-        return sscanf(out.c_str() + start, "%*d %d.%d", &busy_whole, &busy_tenth) == 2
-            && busy_whole * 10 + busy_tenth > 0;
-    };
-    live_pool().diagnose(0, collect);
-    probe::set_pause(live_pool(), k_cpu_view_pause_ms);
-
-    // The first listing has no reference sample: "-" for every thread, the busy one included.
-    ASSERT_EQ(s_out.find(k_header), 0u) << s_out;
-    const std::string first = s_out.substr(k_header.size(), s_out.find(k_header, 1) - k_header.size());
-    EXPECT_TRUE(has(first, cpu_row(w.tid, -1, 0, 1, "busy_worker", "busy_loop")));
-    EXPECT_TRUE(has(first, fmt("%5d %6s %6s %6s", getpid(), "-", "-", "-")));
-    EXPECT_GT(busy_whole * 10 + busy_tenth, 0) << s_out;
-    EXPECT_LT(s_separators, 41) << s_out;
-    EXPECT_EQ(mem_total(), mem_before); // the sample tables are freed when the view ends
-
-    w.go = true;
-    EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
-}
-
-TEST(ThreadPoolDiagnoseTest, RecordListIsExactAndFlagsThreadsThatDoNotExist)
+TEST(ThreadPoolDiagnoseTest, RecordListIsExactFlagsThreadsThatDoNotExistAndNeverWaits)
 {
     utility_thread_pool& pool = private_pool();
     add_record(pool, 0x7001, 1, 5, "never_entered", 0, nullptr, 4096);
@@ -662,43 +474,10 @@ TEST(ThreadPoolDiagnoseTest, RecordListIsExactAndFlagsThreadsThatDoNotExist)
               "why??\n"
             + "----------- check pool list complete --------------------\n");
     EXPECT_EQ(diagnosed(pool, 3), "para = 0x3 not support!\n");
-}
-
-TEST(ThreadPoolDiagnoseTest, BusyRegistryIsNeverWaitedFor)
-{
-    utility_thread_pool& pool = private_pool();
+    // A busy registry is never waited for.
     pthread_mutex_lock(&probe::lock(pool));
     EXPECT_EQ(diagnosed(pool, 2), "sorry, try lock fail!\n");
     pthread_mutex_unlock(&probe::lock(pool));
-
-    // The lock taken during the pause after the first sample: ten tries, then the view ends.
-    probe::set_pause(pool, 1000);
-    std::atomic<bool> holder_has_lock {false};
-    std::atomic<bool> release {false};
-    std::thread holder;
-    reset_collect();
-    s_stop = [&](const std::string&) {
-        if (!holder.joinable())
-            holder = std::thread([&] {
-                pthread_mutex_lock(&probe::lock(pool)); // waits for the pause
-                holder_has_lock = true;
-                while (!release)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                pthread_mutex_unlock(&probe::lock(pool));
-            });
-        return false;
-    };
-    const uint32_t mem_before = mem_total();
-    pool.diagnose(1, collect);
-    EXPECT_TRUE(holder_has_lock.load());
-    release = true;
-    holder.join();
-    std::string expect_tail;
-    for (int i = 1; i <= 10; i++)
-        expect_tail += fmt("sorry, try lock fail, lock_fail_cnt = %d!\n", i);
-    ASSERT_GE(s_out.size(), expect_tail.size());
-    EXPECT_EQ(s_out.substr(s_out.size() - expect_tail.size()), expect_tail) << s_out;
-    EXPECT_EQ(mem_total(), mem_before);
 }
 
 TEST(ThreadPoolDeathTest, DestroyingThePoolAndInsertingARecordTwiceAreFatal)
