@@ -1,5 +1,5 @@
-// Hand-built stream blocks for the A/V cache tests: accounted like a receiving module's, with
-// the fields the rotation rule reads set explicitly.
+// Shared helpers of the A/V tests: hand-built blocks, a camera fed through the block writer,
+// frame reads checked against their payload pattern, and logo files.
 #ifndef VESK_AV_TEST_BLOCKS_H
 #define VESK_AV_TEST_BLOCKS_H
 
@@ -12,7 +12,9 @@
 
 #include "vesk_utility.h"
 #include "av/vesk_utility_av_mng.h"
+#include "av/vesk_utility_av_reader.h"
 #include "core/vesk_utility_mem_account.h"
+#include "test_support.h"
 
 namespace vesk_test
 {
@@ -69,26 +71,41 @@ inline bool intact(const vesk_soft::_tagVeskFrameHeader* f)
     return true;
 }
 
+inline vesk_soft::_tagVeskFrameHeader frame_head(uint32_t fno, uint32_t type, uint32_t len)
+{
+    vesk_soft::_tagVeskFrameHeader h {};
+    h.uiStartId = vesk_soft::VESK_FRAME_STARTCODE;
+    h.uiFrameType = type;
+    h.uiFrameNo = fno;
+    h.uiLength = len;
+    h.usWidth = 704;
+    h.usHeight = 576;
+    h.ucCodec = 8;
+    return h;
+}
+
 // One camera stream written through the block writer into a manager: frames of `len` bytes
-// carrying pattern(), `step_ms` apart (33 ms unless told).
+// carrying pattern(), `step_ms` apart, with the picture size and second set in the members.
 struct feed {
     vesk_utility::vesk_utility_av_mng& mng;
     vesk_soft::vesk_av_block_writer w;
     uint32_t ts = 0;
+    uint16_t width = 704, height = 576;
+    uint32_t sec = 0;
     feed(vesk_utility::vesk_utility_av_mng& m, uint32_t block_bytes,
         vesk_soft::vesk_av_stream_type type = vesk_soft::VESK_AV_STREAM_MAIN, uint32_t ipc = 3, uint32_t frames = 64)
         : mng(m)
     {
-        vesk_soft::vesk_utility_av_writer_init(&w, ipc, type, k_av_purpose, block_bytes, frames);
+        EXPECT_EQ(vesk_soft::VESK_OK,
+            vesk_soft::vesk_utility_av_writer_init(&w, ipc, type, k_av_purpose, block_bytes, frames));
         mng.set_chn_connect_status(ipc, 1);
     }
     void put(uint32_t fno, uint32_t type, uint32_t len = 100, uint32_t step_ms = 33)
     {
-        vesk_soft::_tagVeskFrameHeader h {};
-        h.uiStartId = vesk_soft::VESK_FRAME_STARTCODE;
-        h.uiFrameType = type;
-        h.uiFrameNo = fno;
-        h.uiLength = len;
+        vesk_soft::_tagVeskFrameHeader h = frame_head(fno, type, len);
+        h.usWidth = width;
+        h.usHeight = height;
+        h.uiTimeSec = sec;
         h.uiTimeStamp = ts;
         ts += step_ms * 90;
         std::vector<uint8_t> p(len);

@@ -7,8 +7,6 @@
 #include <cstdlib>
 
 #include "av_test_blocks.h"
-#include "test_support.h"
-#include "av/vesk_utility_av_reader.h"
 #include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
@@ -34,42 +32,31 @@ int record_print(const char* fmt, ...)
 
 } // namespace
 
-TEST(AvMngTest, PushChainsBlocksFromId9527AndRefusesBadBlocksUntouched)
+TEST(AvMngTest, PushChainsBlocksAndRefusesBadBlocksUntouched)
 {
     vesk_utility_av_mng mng;
     const vesk_av_time now = av_now();
     const uint32_t before = vesk_mem_av_total();
-    for (uint32_t t = 0; t < VESK_AV_STREAM_NUM; t++) {
-        ASSERT_EQ(VESK_OK, mng.push_av_block(7, make_block(t, now, 100)));
-        EXPECT_EQ(9527u, mng.chn_blocks(7).lists[t].tail->blk_id);
-    }
+    for (uint32_t t = 0; t < VESK_AV_STREAM_NUM; t++)
+        ASSERT_EQ(VESK_OK, mng.push_av_block(31, make_block(t, now, 100)));
     vesk_IPC_stream_block_head* second = make_block(1, now, 200);
-    ASSERT_EQ(VESK_OK, mng.push_av_block(7, second));
-    const vesk_av_stream_list& sub = mng.chn_blocks(7).lists[1];
-    EXPECT_EQ(2u, sub.blk_cnt);
-    EXPECT_EQ(9528u, sub.tail->blk_id);
-    EXPECT_EQ(9529u, sub.next_blk_id);
-    EXPECT_EQ(2 * sizeof(vesk_IPC_stream_block_head) + 300, sub.total_bytes);
+    ASSERT_EQ(VESK_OK, mng.push_av_block(31, second));
+    EXPECT_EQ("9527,9528", list_ids(mng, 31, 1));
     EXPECT_EQ(before + 5 * sizeof(vesk_IPC_stream_block_head) + 600, vesk_mem_av_total());
 
     // Only the type word exists: anything read past it would be caught by the sanitizers.
     const size_t type_end = offsetof(vesk_IPC_stream_block_head, block_type) + sizeof(uint32_t);
     auto* stub = static_cast<uint8_t*>(malloc(type_end));
     memset(stub, 0xFF, type_end);
-    auto* bad = reinterpret_cast<vesk_IPC_stream_block_head*>(stub);
-    bad->block_type = 4;
-    const std::string out
-        = vesk_test::capture_stdout([&] { EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.push_av_block(7, bad)); });
-    EXPECT_NE(std::string::npos, out.find("Invalid Block Type:0x4"));
-    free(stub);
-    const std::string out2 = vesk_test::capture_stdout([&] {
+    reinterpret_cast<vesk_IPC_stream_block_head*>(stub)->block_type = 4;
+    vesk_test::capture_stdout([&] {
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.push_av_block(31, reinterpret_cast<vesk_IPC_stream_block_head*>(stub)));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.push_av_block(32, second));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.push_av_block(0, nullptr));
     });
-    EXPECT_EQ(2, vesk_test::count_of(out2, "Invalid Param"));
-    EXPECT_EQ("9527,9528", list_ids(mng, 7, 1));
+    free(stub);
     for (uint32_t t = 0; t < VESK_AV_STREAM_NUM; t++)
-        EXPECT_EQ(t == 1 ? 2u : 1u, mng.chn_blocks(7).lists[t].blk_cnt);
+        EXPECT_EQ(t == 1 ? "9527,9528" : "9527", list_ids(mng, 31, t));
 }
 
 TEST(AvMngTest, PoolOverflowStillAcceptsAndRotationReturnsEverything)
@@ -81,109 +68,71 @@ TEST(AvMngTest, PoolOverflowStillAcceptsAndRotationReturnsEverything)
         const vesk_av_time t0 = av_now();
         EXPECT_EQ(k_av_pool_size, mng.pool_free_count());
         std::string out = vesk_test::capture_stdout([&] {
-            for (uint32_t i = 0; i < k_av_pool_size; i++)
-                mng.push_av_block(i % 32, make_block(i % 4, t0, 64));
+            for (uint32_t i = 0; i <= k_av_pool_size; i++)
+                ASSERT_EQ(VESK_OK, mng.push_av_block(i % 32, make_block(i % 4, t0, 64)));
         });
-        EXPECT_EQ(0, vesk_test::count_of(out, "av_block not enough!!"));
+        EXPECT_EQ(1, vesk_test::count_of(out, "av_block not enough!!")) << "only the last push overflows";
         EXPECT_EQ(0u, mng.pool_free_count());
-        out = vesk_test::capture_stdout([&] { EXPECT_EQ(VESK_OK, mng.push_av_block(5, make_block(2, t0, 64))); });
-        EXPECT_EQ(1, vesk_test::count_of(out, "av_block not enough!!"));
-        EXPECT_EQ(1u, mng.chn_blocks(5).lists[2].blk_cnt);
-        EXPECT_EQ(38u, mng.chn_blocks(5).lists[1].blk_cnt);
 
-        // Nobody reads: everything but the young goes on the first pass after 200 ms.
+        // Nobody reads: everything goes on the first pass after 200 ms.
         mng.rotate_pass(at(t0, 199));
         EXPECT_EQ(0u, mng.pool_free_count());
         mng.rotate_pass(at(t0, 200));
         EXPECT_EQ(k_av_pool_size, mng.pool_free_count()) << "the overflow descriptor is freed, not pooled";
         for (uint32_t ipc = 0; ipc < 32; ipc++)
             for (uint32_t t = 0; t < 4; t++)
-                ASSERT_EQ(0u, mng.chn_blocks(ipc).lists[t].blk_cnt);
+                ASSERT_EQ("", list_ids(mng, ipc, t));
         EXPECT_EQ(av_base, vesk_mem_av_total());
     }
     EXPECT_EQ(base, vesk_ground::instance()->mem_account().total_size());
 }
 
-TEST(AvMngTest, PendingStreamUserKeepsBlockUntilPressureOrTheOneTickAgeLimit)
+// One block on a list whose stream user (if any) still wants it, or has read it.
+TEST(AvMngTest, RotationKeepsWhatUsersWantUntilPressureOrAgeAndNeverWhatIsHeld)
 {
-    vesk_utility_av_mng mng;
-    const vesk_av_time t0 = av_now();
-    ASSERT_EQ(0, mng.malloc_magic_ofset(4, 0, 2, 0x77));
-    for (int i = 0; i < 5; i++)
-        mng.push_av_block(4, make_block(2, t0, 4096));
-    mng.set_av_max_cache(0xFFFFFFFF);
-    mng.rotate_pass(at(t0, 1000));
-    mng.rotate_pass(at(t0, 14999));
-    mng.rotate_pass(at(t0, 15001));
-    EXPECT_EQ("9527,9528,9529,9530,9531", list_ids(mng, 4, 2)) << "no pressure: the user keeps them";
-    // Exactly 15,000 ms is the one-tick age limit.
-    mng.rotate_pass(at(t0, 15000));
-    EXPECT_EQ("", list_ids(mng, 4, 2));
-
-    // Young blocks go once the total reaches the budget, old ones from 80 % of it.
-    const vesk_av_time t1 = av_now();
-    for (int i = 0; i < 3; i++)
-        mng.push_av_block(4, make_block(2, t1, 4096));
-    const uint32_t total = vesk_mem_av_total();
-    mng.set_av_max_cache(total + 1);
-    mng.rotate_pass(at(t1, 1000));
-    EXPECT_EQ("9532,9533,9534", list_ids(mng, 4, 2));
-    mng.set_av_max_cache(total + total / 8);
-    mng.rotate_pass(at(t1, 14000));
-    EXPECT_EQ("9532,9533,9534", list_ids(mng, 4, 2)) << "80 % applies only from 15 s";
-    mng.rotate_pass(at(t1, 16000));
-    EXPECT_EQ("", list_ids(mng, 4, 2));
-    mng.push_av_block(4, make_block(2, t1, 4096));
-    mng.set_av_max_cache(vesk_mem_av_total());
-    mng.rotate_pass(at(t1, 1000));
-    EXPECT_EQ("", list_ids(mng, 4, 2));
-
-    // Once the user has finished with it, a block leaves without pressure.
-    mng.set_av_max_cache(0xFFFFFFFF);
-    mng.push_av_block(4, make_block(2, t1, 64));
-    mng.push_av_block(4, make_block(2, t1, 64));
-    pthread_mutex_lock(&mng.chn_blocks(4).lock);
-    mng.chn_blocks(4).lists[2].head->pending_str_usr &= ~1u;
-    pthread_mutex_unlock(&mng.chn_blocks(4).lock);
-    mng.rotate_pass(at(t1, 1000));
-    EXPECT_EQ("9537", list_ids(mng, 4, 2));
-}
-
-TEST(AvMngTest, ReferencedAndReceivingBlocksSurviveAnyPressure)
-{
-    vesk_utility_av_mng mng;
-    const vesk_av_time t0 = av_now();
-    ASSERT_EQ(0, mng.malloc_magic_ofset(9, 0, 0, 0x1234));
-    mng.push_av_block(9, make_block(0, t0));
-    vesk_IPC_stream_block_head* rcv = make_block(0, t0);
-    rcv->receiving = 1;
-    rcv->block_state = 0;
-    mng.push_av_block(9, rcv);
-    mng.push_av_block(9, make_block(0, t0));
-    mng.push_av_block(9, make_block(0, t0));
-    vesk_av_chn_blocks& chn = mng.chn_blocks(9);
-    chn.lists[0].head->ref_cnt = 1;
-    chn.lists[0].head->next->next->ref_cnt = 1;
-    mng.set_av_max_cache(1);
-    std::string out = vesk_test::capture_stdout([&] {
-        mng.rotate_pass(at(t0, 1000));
-        mng.rotate_pass(at(t0, 15000));
-        mng.rotate_pass(at(t0, 19000));
-    });
-    EXPECT_EQ("9527,9528,9529", list_ids(mng, 9, 0)) << "the fourth, unreferenced and complete, went";
-    EXPECT_EQ(1, vesk_test::count_of(out, "next != NULL!")) << "once, at 19 s: (19 + 1) % 5 == 0";
-    // A held block past 30 s names the users that still want it, on whole half minutes.
-    out = vesk_test::capture_stdout([&] { mng.rotate_pass(at(t0, 30500)); });
-    EXPECT_NE(std::string::npos, out.find("ipc_9 type_0 blk_id_9527 ttl_ms = 30500 ref_cnt = 1"));
-    EXPECT_NE(std::string::npos, out.find("Stream User purpose = 0x1234, Not Off"));
-    out = vesk_test::capture_stdout([&] { mng.rotate_pass(at(t0, 31500)); });
-    EXPECT_EQ(std::string::npos, out.find("Not Off"));
-    EXPECT_EQ("9527,9528,9529", list_ids(mng, 9, 0));
-    chn.lists[0].head->ref_cnt = 0;
-    chn.lists[0].tail->ref_cnt = 0;
-    rcv->receiving = 0;
-    mng.rotate_pass(at(t0, 31700));
-    EXPECT_EQ("", list_ids(mng, 9, 0));
+    enum budget { none, most, full }; // the total is about 89 % of `most`, all of `full`
+    struct row {
+        const char* what;
+        int user; // 0: none, 1: has not read the block, 2: has read it
+        bool held, receiving;
+        budget cache;
+        int64_t age_ms;
+        bool stays;
+    };
+    const row rows[] = {
+        {"nobody wants it, young", 0, false, false, none, 199, true},
+        {"nobody wants it", 0, false, false, none, 200, false},
+        {"its user has read it", 2, false, false, none, 1000, false},
+        {"its user wants it", 1, false, false, none, 14999, true},
+        {"the one-tick age limit", 1, false, false, none, 15000, false},
+        {"past the one tick", 1, false, false, none, 15001, true},
+        {"young, budget reached", 1, false, false, full, 1000, false},
+        {"young, 80 % of the budget", 1, false, false, most, 14000, true},
+        {"old, 80 % of the budget", 1, false, false, most, 16000, false},
+        {"referenced", 0, true, false, full, 30500, true},
+        {"still receiving", 0, false, true, full, 19000, true},
+    };
+    for (const row& c : rows) {
+        SCOPED_TRACE(c.what);
+        vesk_utility_av_mng mng;
+        const vesk_av_time t0 = av_now();
+        if (c.user != 0) {
+            ASSERT_EQ(0, mng.malloc_magic_ofset(4, 0, 2, 0x77));
+        }
+        vesk_IPC_stream_block_head* b = make_block(2, t0, 4096);
+        b->receiving = c.receiving ? 1 : 0;
+        b->block_state = c.receiving ? 0 : 1;
+        mng.push_av_block(4, b);
+        pthread_mutex_lock(&mng.chn_blocks(4).lock);
+        mng.chn_blocks(4).lists[2].head->ref_cnt = c.held ? 1 : 0;
+        if (c.user == 2)
+            mng.chn_blocks(4).lists[2].head->pending_str_usr &= ~1u;
+        pthread_mutex_unlock(&mng.chn_blocks(4).lock);
+        const uint32_t total = vesk_mem_av_total();
+        mng.set_av_max_cache(c.cache == none ? 0xFFFFFFFF : c.cache == full ? total : total + total / 8);
+        vesk_test::capture_stdout([&] { mng.rotate_pass(at(t0, c.age_ms)); });
+        EXPECT_EQ(c.stays ? "9527" : "", list_ids(mng, 4, 2));
+    }
 }
 
 TEST(AvMngTest, SnapUsersKeepOnlyTheNewestKeyFrameGroup)
@@ -217,7 +166,6 @@ TEST(AvMngTest, SnapUsersKeepOnlyTheNewestKeyFrameGroup)
     // A newer key block moves the group; a key frame that ends in its block takes nothing else.
     vesk_IPC_stream_block_head* k = make_block(0, t0, 256, true);
     k->node_num = 2;
-    k->last_key_idx = 0;
     k->trail_tag = 7;
     mng.push_av_block(1, k);
     vesk_IPC_stream_block_head* after = make_block(0, t0, 256);
@@ -227,23 +175,22 @@ TEST(AvMngTest, SnapUsersKeepOnlyTheNewestKeyFrameGroup)
     EXPECT_EQ("9534", list_ids(mng, 1, 0));
 }
 
-TEST(AvMngTest, SwitchIvrChSwapsWithinBounds)
+TEST(AvMngTest, SwitchIvrChSwapsWithinBoundsAndTheUserMasksFollow)
 {
     vesk_utility_av_mng mng;
     EXPECT_EQ(VESK_OK, mng.switch_ivr_ch(31, 0));
-    EXPECT_EQ(0u, mng.ipc_of(31));
-    EXPECT_EQ(31u, mng.ipc_of(0));
-    const std::string out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.switch_ivr_ch(32, 0));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.switch_ivr_ch(0, 32));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_switch_av_ivr_ch(32, 0));
     });
-    EXPECT_EQ(2, vesk_test::count_of(out, "Invalid Param"));
     EXPECT_EQ(VESK_OK, mng.switch_ivr_ch(5, 5));
     for (uint32_t i = 1; i < 31; i++)
         ASSERT_EQ(i, mng.ipc_of(i));
+    EXPECT_EQ(0u, mng.ipc_of(31));
     EXPECT_EQ(31u, mng.ipc_of(0));
 
-    // The user masks follow the recorder channel: ipc 0 now belongs to ivr 31.
+    // ipc 0 now belongs to ivr 31: its user keeps ipc 0's block.
     ASSERT_EQ(0, mng.malloc_magic_ofset(31, 0, 3, 0x9));
     const vesk_av_time t0 = av_now();
     mng.push_av_block(0, make_block(3, t0));
@@ -251,7 +198,6 @@ TEST(AvMngTest, SwitchIvrChSwapsWithinBounds)
     mng.rotate_pass(at(t0, 1000));
     EXPECT_EQ("9527", list_ids(mng, 0, 3));
     EXPECT_EQ("", list_ids(mng, 31, 3));
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_switch_av_ivr_ch(32, 0));
 }
 
 TEST(AvMngTest, UserBitsAndReaderRegistryAreBounded)
@@ -259,29 +205,23 @@ TEST(AvMngTest, UserBitsAndReaderRegistryAreBounded)
     vesk_utility_av_mng mng;
     for (int i = 0; i < 32; i++)
         ASSERT_EQ(i, mng.malloc_magic_ofset(2, 0, 1, 0x100 + i));
-    std::string out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
         EXPECT_EQ(-1, mng.malloc_magic_ofset(2, 0, 1, 0x200));
         EXPECT_EQ(-1, mng.malloc_magic_ofset(2, 0, 4, 0x200));
+        mng.release_magic_ofset(2, 1, 1, 0); // never taken: logged, nothing else
     });
-    EXPECT_NE(std::string::npos, out.find("magic = 0xffffffff over flow!"));
-    EXPECT_NE(std::string::npos, out.find("str_type = 4, purpose = 0x200 over flow!"));
     mng.release_magic_ofset(2, 0, 1, 5);
     EXPECT_EQ(5, mng.malloc_magic_ofset(2, 0, 1, 0x300)) << "the lowest free bit";
     EXPECT_EQ(0, mng.malloc_magic_ofset(2, 1, 1, 0x300)) << "snap users have their own table";
-    mng.release_magic_ofset(2, 1, 1, 0);
-    out = vesk_test::capture_stdout([&] { mng.release_magic_ofset(2, 1, 1, 0); });
-    EXPECT_NE(std::string::npos, out.find("ofset = 0, magic = 0x0 not set!"));
 
-    // 320 readers, then the registry is full until one is deleted.
+    // k_av_reader_max readers, then the registry is full until one is deleted.
     vesk_av_reader* readers[k_av_reader_max];
     for (auto& r : readers) {
         r = mng.new_av_reader(VESK_AV_READER_REAL_TIME, VESK_AV_READER_STREAM_USER, 0x42);
         ASSERT_NE(nullptr, r);
     }
-    EXPECT_EQ(320u, mng.reader_count());
-    out = vesk_test::capture_stdout(
+    vesk_test::capture_stdout(
         [&] { EXPECT_EQ(nullptr, mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_SNAP_USER, 1)); });
-    EXPECT_NE(std::string::npos, out.find("AV Reader OverFlow, Max:320"));
 
     // A reader's user bits go back with it.
     auto* r0 = static_cast<vesk_av_reader_v1*>(readers[0]);
@@ -291,10 +231,9 @@ TEST(AvMngTest, UserBitsAndReaderRegistryAreBounded)
     EXPECT_EQ(1, mng.malloc_magic_ofset(3, 0, 0, 0x1)) << "bit 0 is the reader's";
     EXPECT_EQ(VESK_OK, mng.delete_av_reader(r0, __FILE__, __func__));
     EXPECT_EQ(0, mng.malloc_magic_ofset(3, 0, 3, 0x1)) << "released by the delete";
-    EXPECT_EQ(319u, mng.reader_count());
+    EXPECT_EQ(k_av_reader_max - 1, mng.reader_count());
     EXPECT_NE(nullptr, mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 2));
-    out = vesk_test::capture_stdout([&] { EXPECT_EQ(VESK_OK, mng.delete_av_reader(nullptr, "f", "g")); });
-    EXPECT_NE(std::string::npos, out.find("Invalid Param"));
+    vesk_test::capture_stdout([&] { EXPECT_EQ(VESK_OK, mng.delete_av_reader(nullptr, "f", "g")); });
 }
 
 TEST(AvMngDeathTest, MisuseIsFatalWithTheExactCondition)
@@ -310,9 +249,7 @@ TEST(AvMngDeathTest, MisuseIsFatalWithTheExactCondition)
         {
             vesk_av_block_writer w;
             vesk_utility_av_writer_init(&w, 9, VESK_AV_STREAM_AUDIO, 0x9110E, 1024, 8);
-            _tagVeskFrameHeader h {};
-            h.uiStartId = VESK_FRAME_STARTCODE;
-            h.uiLength = 4;
+            _tagVeskFrameHeader h = vesk_test::frame_head(0, 2, 4);
             vesk_utility_av_writer_put(&w, &h, "abcd");
             vesk_av_reader* r = vesk_utility_new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
             r->set_chn(9);
@@ -328,18 +265,16 @@ TEST(AvMngDeathTest, MisuseIsFatalWithTheExactCondition)
             vesk_utility_delete_av_reader(r, "rec.cpp", "stop");
             vesk_utility_delete_av_reader(r, "rec.cpp", "again");
         },
-        "ERROR! vesk_utility_av_mng::delete_av_reader\\[[0-9]+\\]:rec.cpp, again delete invalid!\n[^\n]*ASSERT!.*"
-        "Condition: 0\n");
+        "rec.cpp, again delete invalid!\n[^\n]*ASSERT!.*Condition: 0\n");
 }
 
 TEST(AvMngTest, RotationTaskRunsAndDiagnoseDumpsTheLists)
 {
-    // The process's manager: its 0x88 task frees an unwanted block without being called.
+    // The process's manager: its task frees an unwanted block without being called.
     ASSERT_EQ(VESK_OK, vesk_utility_set_av_max_cache(8 << 20, 12 << 20));
     vesk_utility_av_mng* mng = vesk_utility_av_mng::instance();
     EXPECT_EQ(8u << 20, mng->max_cache());
-    vesk_IPC_stream_block_head* b = make_block(0, av_now(), 2048, true);
-    ASSERT_EQ(VESK_OK, vesk_utility_push_av_block(6, b));
+    ASSERT_EQ(VESK_OK, vesk_utility_push_av_block(6, make_block(0, av_now(), 2048, true)));
     bool gone = false;
     for (int i = 0; i < 600 && !gone; i++) {
         gone = list_ids(*mng, 6, 0).empty();
@@ -349,8 +284,7 @@ TEST(AvMngTest, RotationTaskRunsAndDiagnoseDumpsTheLists)
     EXPECT_TRUE(gone) << "rotation did not run within 30 s";
 
     vesk_utility_av_mng own;
-    vesk_IPC_stream_block_head* v = make_block(0, av_now(), 2048, true);
-    own.push_av_block(2, v);
+    own.push_av_block(2, make_block(0, av_now(), 2048, true));
     own.set_chn_connect_status(2, 1);
     pthread_mutex_lock(&own.chn_blocks(2).lock);
     own.chn_blocks(2).lists[0].stat.info.last_frame.ucCodec = 16;
@@ -359,12 +293,10 @@ TEST(AvMngTest, RotationTaskRunsAndDiagnoseDumpsTheLists)
     pthread_mutex_unlock(&own.chn_blocks(2).lock);
     s_printed.clear();
     own.diagnose(1, record_print);
-    EXPECT_NE(std::string::npos, s_printed.find("Current AV Reader Count:0, total_cache = "));
     EXPECT_NE(std::string::npos, s_printed.find("Chn2 Stream Block Detail Info:\n"));
     EXPECT_NE(std::string::npos, s_printed.find("\tVideoStream(Main) Occupy [1]Blocks, Consume "));
     EXPECT_NE(std::string::npos, s_printed.find("[H265 1920X1080]"));
     EXPECT_NE(std::string::npos, s_printed.find("\tSmartStream Occupy [0]Blocks, Consume 0.00[KB]"));
-    EXPECT_NE(std::string::npos, s_printed.find("\nBlock Manage Consume "));
     EXPECT_EQ(32, vesk_test::count_of(s_printed, "Stream Block Detail Info"));
     own.diagnose(2, record_print);
     EXPECT_TRUE(own.debug_print());
