@@ -21,23 +21,6 @@ namespace vesk_test
 
 constexpr vesk_soft::vesk_memmory_purpose k_av_purpose = 0x9110C;
 
-// A final, unreferenced block of `data` bytes received at `rcv`.
-inline vesk_soft::vesk_IPC_stream_block_head* make_block(
-    uint32_t type, const vesk_soft::vesk_av_time& rcv, uint32_t data = 1024, bool key = false)
-{
-    const uint32_t size = sizeof(vesk_soft::vesk_IPC_stream_block_head) + data;
-    auto* b = static_cast<vesk_soft::vesk_IPC_stream_block_head*>(
-        vesk_utility::vesk_malloc(vesk_soft::VESK_USER_AV_CACHE, k_av_purpose, size, 8));
-    memset(b, 0, sizeof(*b));
-    b->block_size = size;
-    b->data_base = reinterpret_cast<uint8_t*>(b + 1);
-    b->block_type = type;
-    b->block_state = 1;
-    b->key_flag = key ? 1 : 0;
-    b->rcv_time = rcv;
-    return b;
-}
-
 inline vesk_soft::vesk_av_time at(const vesk_soft::vesk_av_time& t, int64_t ms)
 {
     const int64_t ns = static_cast<int64_t>(t.sec) * 1000000000 + t.nsec + ms * 1000000;
