@@ -372,81 +372,43 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     EXPECT_EQ(4u, blocks_of(mng, 3, 0).size());
 }
 
-TEST(AvStatTest, RatesAfterAFullPeriodThenDisconnectedWithZeroedStatistics)
+// Statistics and queries of one stream: the newest I frame and picture size as they change,
+// rates once a period is complete, and nothing once the camera is marked disconnected or has
+// been silent for more than 10 s, until it speaks again.
+TEST(AvStatTest, StatisticsAndQueriesFollowTheStreamUntilItGoesSilent)
 {
     vesk_utility_av_mng mng;
-    const vesk_av_time t0 = av_now();
-    vesk_test::feed in(mng, 64 * 1024, VESK_AV_STREAM_SUB, 0, 64);
-    for (uint32_t i = 0; i < 100; i++)
-        in.put(i, i % 25 == 0 ? 1 : 2, 1000);
-    mng.switch_ivr_ch(0, 4); // the statistics follow the recorder channel
-    const vesk_av_time p0 = mng.chn_blocks(0).lists[1].stat.period_start; // the first push
-    vesk_stream_stat_info info;
-    for (int64_t ms : {1000, 5000}) {
-        mng.rotate_pass(at(t0, ms));
-        ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(4, 1, &info));
-        EXPECT_EQ(0u, info.disconnected);
-        EXPECT_EQ(0.0f, info.fps) << "no complete period yet at " << ms;
-    }
-    EXPECT_EQ(99u, info.last_frame.uiFrameNo);
-    EXPECT_EQ(704u, info.width);
-    mng.rotate_pass(at(p0, 10000));
-    ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(4, 1, &info));
-    EXPECT_FLOAT_EQ(100 * 1000.0f / 10000, info.fps);
-    EXPECT_FLOAT_EQ(100 * 1000 * 8.0f / 10000, info.kbps);
-    _tagVeskFrameHeader last;
-    ASSERT_EQ(VESK_OK, mng.get_last_frame_info(4, 1, last));
-    EXPECT_EQ(VESK_FRAME_STARTCODE, last.uiStartId);
-
-    // Nothing for 10 s: disconnected and all zeros.
-    mng.rotate_pass(at(t0, 10000));
-    EXPECT_EQ(VESK_OK, mng.get_stream_stat_info(4, 1, &info));
-    EXPECT_EQ(0u, info.disconnected);
-    mng.rotate_pass(at(t0, 10000 + 10001));
-    ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(4, 1, &info));
-    EXPECT_EQ(1u, info.disconnected);
-    EXPECT_EQ(0.0f, info.kbps);
-    EXPECT_EQ(0u, info.codec);
-    ASSERT_EQ(VESK_OK, mng.get_last_frame_info(4, 1, last));
-    const _tagVeskFrameHeader zero {};
-    EXPECT_EQ(0, memcmp(&zero, &last, sizeof(last)));
-
-    vesk_test::capture_stdout([&] {
-        EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_stream_stat_info(32, 1, &info));
-        info.fps = 3;
-        EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_stream_stat_info(1, 4, &info));
-        EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_last_frame_info(1, 4, last));
-    });
-    EXPECT_EQ(0.0f, info.fps);
-}
-
-TEST(AvQueryTest, NewestIFrameAndResolutionFollowTheStreamUntilItGoesSilent)
-{
-    vesk_utility_av_mng mng;
-    vesk_test::feed cam(mng, 2048, VESK_AV_STREAM_MAIN, 5, 16);
-    uint32_t w = 0, h = 0, sec = 0;
+    vesk_test::feed cam(mng, 8 * 1024, VESK_AV_STREAM_MAIN, 0, 16);
+    mng.switch_ivr_ch(0, 5); // both follow the recorder channel
+    uint32_t w = 0, h = 0, sec = 0, fno = 0, bytes = 0;
     vesk_av_time key {};
+    vesk_stream_stat_info info;
+    _tagVeskFrameHeader last;
     const auto res = [&] { return av_get_video_resolution(&mng, 5, VESK_AV_STREAM_MAIN, &w, &h); };
     const auto last_i = [&] { return av_get_last_valid_I_time(&mng, 5, VESK_AV_STREAM_MAIN, &key, &sec); };
+    const auto put = [&](uint32_t type, uint32_t len) {
+        cam.put(fno++, type, len);
+        bytes += len;
+    };
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, res()) << "nothing cached";
-    cam.put(1, 2, 200);
+    put(2, 1000);
     EXPECT_EQ(VESK_OK, res());
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, last_i()) << "no I frame yet";
 
-    // An I frame, then P frames over several blocks; the last I frame is larger than a block,
-    // so the newest block holds only its continuation.
+    // An I frame of each size, then P frames over several blocks; the last I frame is larger
+    // than a block, so the newest block holds only its continuation.
     struct row {
         uint16_t width, height;
         uint32_t sec, i_len, p_frames;
     };
     const vesk_av_time before = av_now();
-    for (const row& r : {row {1920, 1080, 101, 200, 18}, row {1280, 720, 130, 200, 0}, row {704, 576, 140, 5000, 0}}) {
+    for (const row& r : {row {1920, 1080, 101, 1000, 40}, row {1280, 720, 130, 1000, 0}, row {704, 576, 140, 20000, 0}}) {
         cam.width = r.width;
         cam.height = r.height;
         cam.sec = r.sec;
-        cam.put(r.sec, VESK_FRAME_TYPE_I, r.i_len);
-        for (uint32_t n = 1; n <= r.p_frames; n++)
-            cam.put(r.sec + n, 2, 200);
+        put(VESK_FRAME_TYPE_I, r.i_len);
+        for (uint32_t n = 0; n < r.p_frames; n++)
+            put(2, 1000);
         ASSERT_EQ(VESK_OK, res());
         EXPECT_EQ(r.width, w);
         EXPECT_EQ(r.height, h);
@@ -454,8 +416,60 @@ TEST(AvQueryTest, NewestIFrameAndResolutionFollowTheStreamUntilItGoesSilent)
         EXPECT_EQ(r.sec, sec);
         EXPECT_TRUE(av_diff_ms(key, before) >= 0 && av_diff_ms(av_now(), key) >= 0);
     }
-    ASSERT_EQ(0u, mng.chn_blocks(5).lists[0].tail->block->node_num);
+    ASSERT_EQ(0u, mng.chn_blocks(0).lists[0].tail->block->node_num);
+    put(2, 1000);
+
+    const vesk_av_time p0 = mng.chn_blocks(0).lists[0].stat.period_start; // the first push
+    for (int64_t ms : {1000, 5000}) {
+        mng.rotate_pass(at(p0, ms));
+        ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(5, 0, &info));
+        EXPECT_EQ(0u, info.disconnected);
+        EXPECT_EQ(0.0f, info.fps) << "no complete period yet at " << ms;
+    }
+    EXPECT_EQ(fno - 1, info.last_frame.uiFrameNo);
+    EXPECT_EQ(704u, info.width);
+    mng.rotate_pass(at(p0, 10000));
+    ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(5, 0, &info));
+    EXPECT_FLOAT_EQ(fno * 1000.0f / 10000, info.fps);
+    EXPECT_FLOAT_EQ(bytes * 8.0f / 10000, info.kbps);
+    ASSERT_EQ(VESK_OK, mng.get_last_frame_info(5, 0, last));
+    EXPECT_EQ(VESK_FRAME_STARTCODE, last.uiStartId);
+
+    mng.set_chn_connect_status(0, 0);
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, res());
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, last_i());
+    mng.set_chn_connect_status(0, 1);
+    // Silent for 9 s is not yet disconnected; for more than 10 s, everything reads as zeros.
+    put(2, 1000);
+    const vesk_av_time t1 = av_now();
+    mng.rotate_pass(t1);
+    mng.rotate_pass(at(t1, 9000));
+    ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(5, 0, &info));
+    EXPECT_EQ(0u, info.disconnected);
+    mng.rotate_pass(at(t1, 11000));
+    ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(5, 0, &info));
+    EXPECT_EQ(1u, info.disconnected);
+    EXPECT_EQ(0.0f, info.kbps);
+    EXPECT_EQ(0u, info.codec);
+    ASSERT_EQ(VESK_OK, mng.get_last_frame_info(5, 0, last));
+    const _tagVeskFrameHeader zero {};
+    EXPECT_EQ(0, memcmp(&zero, &last, sizeof(last)));
+    ASSERT_NE(nullptr, mng.chn_blocks(0).lists[0].tail) << "the receiving block stays";
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, res());
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, last_i());
+    cam.sec = 150;
+    put(VESK_FRAME_TYPE_I, 200);
+    mng.rotate_pass(at(t1, 11200));
+    EXPECT_EQ(VESK_OK, res());
+    ASSERT_EQ(VESK_OK, last_i());
+    EXPECT_EQ(150u, sec);
+
     vesk_test::capture_stdout([&] {
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_stream_stat_info(32, 1, &info));
+        info.fps = 3;
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_stream_stat_info(1, 4, &info));
+        EXPECT_EQ(0.0f, info.fps);
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_last_frame_info(1, 4, last));
         EXPECT_EQ(VESK_ERR_OPERATE_FAIL, av_get_video_resolution(&mng, 6, VESK_AV_STREAM_MAIN, &w, &h));
         EXPECT_EQ(VESK_ERR_OPERATE_FAIL, av_get_video_resolution(&mng, 5, VESK_AV_STREAM_SUB, &w, &h));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, av_get_video_resolution(&mng, 32, VESK_AV_STREAM_MAIN, &w, &h));
@@ -464,25 +478,6 @@ TEST(AvQueryTest, NewestIFrameAndResolutionFollowTheStreamUntilItGoesSilent)
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_video_resolution(5, VESK_AV_STREAM_MAIN, nullptr, &h));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_last_valid_I_time(5, VESK_AV_STREAM_MAIN, &key, nullptr));
     });
-
-    // A camera marked disconnected, or silent for more than 10 s, answers nothing until it
-    // speaks again; its still receiving block stays cached meanwhile.
-    mng.set_chn_connect_status(5, 0);
-    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, res());
-    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, last_i());
-    mng.set_chn_connect_status(5, 1);
-    const vesk_av_time t0 = av_now();
-    mng.rotate_pass(t0);
-    mng.rotate_pass(at(t0, 11000));
-    ASSERT_NE(nullptr, mng.chn_blocks(5).lists[0].tail);
-    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, res());
-    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, last_i());
-    cam.sec = 150;
-    cam.put(150, VESK_FRAME_TYPE_I, 200);
-    mng.rotate_pass(at(t0, 11200));
-    EXPECT_EQ(VESK_OK, res());
-    ASSERT_EQ(VESK_OK, last_i());
-    EXPECT_EQ(150u, sec);
 }
 
 TEST(AvStatTest, CallerMeterReportsAfterThirtySecondsOfFrameTime)
@@ -514,47 +509,42 @@ TEST(AvLogoTest, BadRowsStayEmptyMissingLargeLogosFallBackAndReadersShowTheRight
     const std::string root = vesk_test::private_root() + "/logos";
     for (const char* d : {"", "/mnt", "/mnt/mtd", "/mnt/mtd/res", "/mnt/mtd/res/platform", "/mnt/mtd/app"})
         mkdir((root + d).c_str(), 0755);
-    const std::string dir = root + "/mnt/mtd/res/platform/";
-    vesk_test::write_nvr(dir + "novideo.nvr", 352, 288, 500, 500);
-    vesk_test::write_nvr(dir + "not_connect_camera_mid.nvr", 704, 576, 800, 800);
-    vesk_test::write_nvr(dir + "not_connect_camera.nvr", 0, 288, 100, 100); // no width
-    vesk_test::write_nvr(dir + "company.nvr", 352, 288, 900, 400); // shorter than it says
-    vesk_test::write_nvr(dir + "lock_ops.nvr", 352, 288, 0xFFFFFFC0u, 100); // wraps with the header
-    vesk_test::write_nvr(dir + "svac.nvr", 352, 288, 0xFFFFFFF0u, 100);
-    vesk_test::write_nvr(dir + "no_rec_file.nvr", 352, 288, 101, 100); // one byte short
-    vesk_test::write_nvr(dir + "not_support.nvr", 352, 288, k_logo_max_payload + 1, k_logo_max_payload + 1);
-    vesk_logo_table table;
-    vesk_test::capture_stdout([&] { table.load(root.c_str()); });
-
+    // File, width, declared and actual payload bytes; then what a type's row yields (0: none).
     struct row {
+        const char* file;
+        uint16_t width;
+        uint32_t len, actual;
         uint32_t type;
         bool small;
-        uint32_t length; // 0: none to be had
+        uint32_t yields;
     };
     const row rows[] = {
-        {VESK_LOGO_NO_VIDEO, true, 500}, // the small logo stands in for the missing large one
-        {VESK_LOGO_NOT_CONNECT_CAMERA, false, 800}, // the rejected small row leaves the large one
-        {VESK_LOGO_COMPANY, false, 0},
-        {VESK_LOGO_LOCK_OPS, false, 0},
-        {VESK_LOGO_SVAC, false, 0},
-        {VESK_LOGO_NO_REC_FILE, false, 0},
-        {VESK_LOGO_NOT_SUPPORT, false, 0},
+        {"novideo.nvr", 352, 500, 500, VESK_LOGO_NO_VIDEO, true, 500}, // stands in for the large one
+        {"not_connect_camera_mid.nvr", 704, 800, 800, VESK_LOGO_NOT_CONNECT_CAMERA, false, 800},
+        {"not_connect_camera.nvr", 0, 100, 100, 0, false, 0}, // no width: only the large row is left
+        {"company.nvr", 352, 900, 400, VESK_LOGO_COMPANY, false, 0}, // shorter than it says
+        {"lock_ops.nvr", 352, 0xFFFFFFC0u, 100, VESK_LOGO_LOCK_OPS, false, 0}, // wraps with the header
+        {"svac.nvr", 352, 0xFFFFFFF0u, 100, VESK_LOGO_SVAC, false, 0},
+        {"no_rec_file.nvr", 352, 101, 100, VESK_LOGO_NO_REC_FILE, false, 0}, // one byte short
+        {"not_support.nvr", 352, k_logo_max_payload + 1, k_logo_max_payload + 1, VESK_LOGO_NOT_SUPPORT, false, 0},
     };
-    for (const row& r : rows) {
-        SCOPED_TRACE(r.type);
-        _tagVeskFrameHeader* f = nullptr;
-        uint32_t len = 0;
-        ASSERT_EQ(r.length != 0 ? VESK_OK : VESK_ERR_OPERATE_FAIL, table.get(r.type, r.small, &f, &len));
-        if (r.length == 0) {
-            EXPECT_EQ(nullptr, f);
-            continue;
-        }
-        EXPECT_EQ(sizeof(*f) + r.length, len);
-        EXPECT_EQ(r.length, f->uiLength);
-        EXPECT_EQ((r.length - 1) & 0xFF, reinterpret_cast<uint8_t*>(f + 1)[r.length - 1]);
-    }
+    for (const row& r : rows)
+        vesk_test::write_nvr(root + "/mnt/mtd/res/platform/" + r.file, r.width, r.len, r.actual);
+    vesk_logo_table table;
+    vesk_test::capture_stdout([&] { table.load(root.c_str()); });
     _tagVeskFrameHeader* f = nullptr;
     uint32_t len = 0;
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.file);
+        if (r.type == 0)
+            continue;
+        ASSERT_EQ(r.yields != 0 ? VESK_OK : VESK_ERR_OPERATE_FAIL, table.get(r.type, r.small, &f, &len));
+        if (r.yields != 0) {
+            EXPECT_EQ(sizeof(*f) + r.yields, len);
+            EXPECT_EQ(r.yields, f->uiLength);
+            EXPECT_EQ((r.yields - 1) & 0xFF, reinterpret_cast<uint8_t*>(f + 1)[r.yields - 1]);
+        }
+    }
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, table.get(VESK_LOGO_NO_VIDEO, false, nullptr, &len));
     // The init-time table read the test root, which holds no logos.
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, vesk_utility_get_logo_frame(VESK_LOGO_NO_VIDEO, 1, &f, &len));
@@ -562,22 +552,19 @@ TEST(AvLogoTest, BadRowsStayEmptyMissingLargeLogosFallBackAndReadersShowTheRight
     // A reader of a camera not connected gets that logo; of one with no block for 11 s, no video.
     vesk_test::capture_stdout([&] { logo_table().load(root.c_str()); });
     vesk_utility_av_mng mng;
-    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 0x77);
-    r->set_chn(3);
-    uint32_t next = 0;
-    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    vesk_test::consumer c(mng);
+    ASSERT_EQ(VESK_OK, c.get(&f));
     EXPECT_EQ(800u, f->uiLength);
-    EXPECT_TRUE(r->is_free()) << "a logo holds no block";
-    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    EXPECT_TRUE(c.r->is_free()) << "a logo holds no block";
+    EXPECT_EQ(VESK_OK, c.put(f));
     vesk_test::feed in(mng, 1024); // connects the camera
     in.put(0, VESK_FRAME_TYPE_I);
-    EXPECT_EQ(0u, vesk_test::read_one(r));
+    EXPECT_EQ(0u, c.next());
     const vesk_av_time now = av_now();
     mng.rotate_pass(now);
     mng.rotate_pass(at(now, 11000));
-    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    ASSERT_EQ(VESK_OK, c.get(&f));
     EXPECT_EQ(500u, f->uiLength);
-    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
-    mng.delete_av_reader(r, __FILE__, __func__);
+    EXPECT_EQ(VESK_OK, c.put(f));
     vesk_test::capture_stdout([] { load_logo_frame(); }); // the process's table back as init loaded it
 }

@@ -9,64 +9,19 @@
 #include <vector>
 
 #include "av_test_blocks.h"
-#include "av/vesk_utility_av_note.h"
 #include "core/vesk_utility_fault.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
 using vesk_test::at;
+using vesk_test::consumer;
 using vesk_test::feed;
 using vesk_test::intact;
+using vesk_test::k_ipc;
 using vesk_test::list_ids;
-using vesk_test::read_one;
 
 namespace
 {
-
-constexpr uint32_t k_ipc = 3;
-
-// One consumer of channel k_ipc: a free-running reader, or a position note.
-struct consumer {
-    vesk_utility_av_mng& mng;
-    const bool by_note;
-    vesk_av_reader* r = nullptr;
-    vesk_av_note_reader api;
-    vesk_read_av_list_note note {};
-    consumer(vesk_utility_av_mng& m, bool note_api, vesk_av_reader_usr_type usr = VESK_AV_READER_STREAM_USER)
-        : mng(m), by_note(note_api), api(&m)
-    {
-        if (!by_note) {
-            r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, usr, 0x77);
-            EXPECT_EQ(VESK_OK, r->set_chn(k_ipc));
-        }
-    }
-    ~consumer()
-    {
-        if (r != nullptr) {
-            EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
-        }
-    }
-    VESK_ERR get(_tagVeskFrameHeader** f, vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
-    {
-        uint32_t next = 0;
-        return by_note ? api.get_frame(k_ipc, t, &note, f, false) : r->get_frame(t, f, 0, &next);
-    }
-    VESK_ERR put(_tagVeskFrameHeader* f, vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
-    {
-        return by_note ? api.rel_frame(&note) : r->put_frame(t, f);
-    }
-    // Gets, checks and gives back one frame: its number, or ~0u when nothing came.
-    uint32_t next(vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
-    {
-        _tagVeskFrameHeader* f = nullptr;
-        if (get(&f, t) != VESK_OK)
-            return ~0u;
-        EXPECT_TRUE(intact(f)) << "frame " << f->uiFrameNo;
-        const uint32_t fno = f->uiFrameNo;
-        EXPECT_EQ(VESK_OK, put(f, t));
-        return fno;
-    }
-};
 
 class AvReadTest : public testing::TestWithParam<bool>
 {
@@ -196,7 +151,7 @@ TEST(AvReaderTest, FinishedBlocksLoseTheReadersBitSoTheyGoWithoutPressure)
 {
     vesk_utility_av_mng mng;
     feed in(mng, 1024);
-    consumer c(mng, false);
+    consumer c(mng);
     consumer snap(mng, false, VESK_AV_READER_SNAP_USER);
     EXPECT_EQ(~0u, c.next()); // takes the user bit
     EXPECT_EQ(~0u, snap.next());
@@ -214,28 +169,27 @@ TEST(AvReaderTest, FinishedBlocksLoseTheReadersBitSoTheyGoWithoutPressure)
 TEST(AvReaderTest, InvalidCallsAreRefusedAndARemapResetsTheHistory)
 {
     vesk_utility_av_mng mng;
-    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
+    vesk_av_reader* unset = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
     _tagVeskFrameHeader* f = nullptr;
     uint32_t next = 0;
-    vesk_test::capture_stdout([&] {
-        EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next)) << "no channel yet";
-        EXPECT_EQ(5000u, next);
-        EXPECT_EQ(VESK_ERR_OPERATE_FAIL, r->set_chn(k_av_chn_num));
-        EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next)) << "still no channel";
-        EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->reset_history(VESK_AV_STREAM_NUM));
-        r->set_chn(k_ipc);
-        EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->get_frame(VESK_AV_STREAM_NUM, &f, 0, &next));
-    });
     feed in(mng, 1024);
     for (uint32_t n = 0; n < 3; n++)
         in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
-    EXPECT_EQ(0u, read_one(r));
+    consumer c(mng);
+    vesk_test::capture_stdout([&] {
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, unset->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next)) << "no channel yet";
+        EXPECT_EQ(5000u, next);
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, c.r->get_frame(VESK_AV_STREAM_NUM, &f, 0, &next));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, c.r->reset_history(VESK_AV_STREAM_NUM));
+        EXPECT_EQ(VESK_ERR_OPERATE_FAIL, c.r->set_chn(k_av_chn_num));
+    });
+    EXPECT_EQ(0u, c.next()) << "the channel stays";
+    EXPECT_EQ(VESK_OK, mng.delete_av_reader(unset, __FILE__, __func__));
     // Recorder channel 3 now shows camera 5: the history of camera 3 is dropped.
     ASSERT_EQ(VESK_OK, mng.switch_ivr_ch(k_ipc, 5));
     feed five(mng, 1024, VESK_AV_STREAM_MAIN, 5);
     five.put(900, VESK_FRAME_TYPE_I);
-    EXPECT_EQ(900u, read_one(r));
-    EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
+    EXPECT_EQ(900u, c.next());
 }
 
 TEST(AvReaderTest, BlocksAreHandedOutWholeOnceFinalOrWhenForced)
@@ -244,7 +198,7 @@ TEST(AvReaderTest, BlocksAreHandedOutWholeOnceFinalOrWhenForced)
     feed in(mng, 1024, VESK_AV_STREAM_AUDIO);
     for (uint32_t n = 0; n < 8; n++)
         in.put(n, 2);
-    consumer c(mng, false);
+    consumer c(mng);
     vesk_av_reader* r = c.r;
     vesk_IPC_stream_block_head *b = nullptr, *again = nullptr;
     ASSERT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &b, 0));
@@ -381,8 +335,8 @@ TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
         vesk_utility_av_mng mng;
         feed cam(mng, 4096, c.type, k_ipc, 16);
         cam.put(0, VESK_FRAME_TYPE_I, 40, 1901);
-        consumer r(mng, false);
-        ASSERT_EQ(0u, read_one(r.r, c.type));
+        consumer r(mng);
+        ASSERT_EQ(0u, r.next(c.type));
         for (uint32_t n = 1; n < c.remain + 2; n++) {
             const bool key2 = c.key != 0 && n == c.key, key = c.key != 0 && n == c.key + 20;
             cam.put(n, key2 ? VESK_FRAME_TYPE_KEY2 : key ? VESK_FRAME_TYPE_I : 2, 40, 1901);
@@ -390,8 +344,8 @@ TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
         ASSERT_EQ(VESK_OK, r.r->set_work_mode(VESK_AV_READER_REAL_TIME)); // fresh pacing state
         uint32_t interval = 0;
         vesk_test::capture_stdout([&] {
-            EXPECT_EQ(1u, read_one(r.r, c.type, &interval));
-            EXPECT_EQ(c.next, read_one(r.r, c.type));
+            EXPECT_EQ(1u, r.next(c.type, &interval));
+            EXPECT_EQ(c.next, r.next(c.type));
         });
         EXPECT_EQ(c.interval, interval);
     }
@@ -403,7 +357,7 @@ TEST(AvPacingTest, UnpacedStreamsWaitOnlyWhenNothingFollows)
 {
     vesk_utility_av_mng mng;
     feed cam(mng, 4096, VESK_AV_STREAM_AUDIO, k_ipc, 16);
-    consumer r(mng, false);
+    consumer r(mng);
     ASSERT_EQ(VESK_OK, r.r->set_work_mode(VESK_AV_READER_REAL_TIME));
     struct step {
         std::vector<uint32_t> puts; // timestamp steps of the frames pushed first
@@ -422,7 +376,7 @@ TEST(AvPacingTest, UnpacedStreamsWaitOnlyWhenNothingFollows)
         for (uint32_t ms : st.puts)
             cam.put(fno++, 2, 40, ms);
         uint32_t interval = 0;
-        EXPECT_EQ(st.fno, read_one(r.r, VESK_AV_STREAM_AUDIO, &interval));
+        EXPECT_EQ(st.fno, r.next(VESK_AV_STREAM_AUDIO, &interval));
         EXPECT_EQ(st.interval, interval);
     }
 }
