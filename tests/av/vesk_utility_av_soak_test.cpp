@@ -1,14 +1,6 @@
-// Soaks, in real time with 32 cameras. Durations: VESK_AV_READER_SOAK_MS and VESK_AV_SOAK_MS
+// Soaks, in real time with 32 cameras writing main (25 fps, I frames that often span blocks),
+// sub, audio and analytics streams. Durations: VESK_AV_READER_SOAK_MS and VESK_AV_SOAK_MS
 // (default 20 s; less where the machine is slow).
-// Reader soak: main (25 fps, I frames that often span blocks), sub and audio into a private
-// manager, read by 320 readers on their own threads (stream and snap users, paced and unpaced,
-// some stalling now and then) while rotation evicts under a budget that the cache exceeds in the
-// last second of every six. Frame numbers strictly increase, +1 except at jumps; a video jump
-// lands on a key frame and is accounted for by a logged jump, drop, forced skip or reset; every
-// payload is intact; at the end nothing is referenced, no user bit taken, and rotation returns
-// every block and descriptor.
-// A/V soak: 4 streams into the process's cache under its budget with its rotation task: the
-// total never passes the forbid limit by more than one block, and returns once streams stop.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -33,8 +25,9 @@ constexpr uint32_t k_readers_per_cam = 10; // 320: every registry slot
 constexpr uint32_t k_tick_ms = 40;
 constexpr int64_t k_cycle_ms = 6000;
 constexpr int64_t k_tight_from_ms = 5000; // of each cycle
-constexpr vesk_av_stream_type k_types[3] = {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB, VESK_AV_STREAM_AUDIO};
-constexpr uint32_t k_block_bytes[3] = {32 * 1024, 8 * 1024, 4 * 1024};
+constexpr vesk_av_stream_type k_types[4]
+    = {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB, VESK_AV_STREAM_AUDIO, VESK_AV_STREAM_SMART};
+constexpr uint32_t k_block_bytes[4] = {32 * 1024, 8 * 1024, 4 * 1024, 4 * 1024};
 
 // Stalls by reader index, into the cycle: paced main 3.6 s and 2.4 s in the generous part (a
 // reset, a forced skip or a quickened catch-up); unpaced sub and main 1 s across the tight second.
@@ -65,8 +58,8 @@ bool is_key(uint32_t type)
 
 uint32_t frame_len(uint32_t type, uint32_t str, uint32_t fno)
 {
-    if (str == VESK_AV_STREAM_AUDIO)
-        return 320;
+    if (str == VESK_AV_STREAM_AUDIO || str == VESK_AV_STREAM_SMART)
+        return str == VESK_AV_STREAM_AUDIO ? 320 : 200;
     if (str == VESK_AV_STREAM_SUB)
         return is_key(type) ? 3000 + fno % 1000 : 200 + fno % 300;
     return is_key(type) ? 20000 + fno * 7919 % 30000 : 300 + fno * 131 % 2700;
@@ -125,6 +118,66 @@ struct reader_result {
     std::string fault; // first broken invariant
 };
 
+// The cameras, each on its own thread, into a manager until join().
+struct cameras {
+    vesk_utility_av_mng& mng;
+    std::atomic<bool> stop {false};
+    std::atomic<uint32_t> refused {0};
+    std::vector<std::function<void()>> bodies;
+    std::vector<pthread_t> threads;
+    explicit cameras(vesk_utility_av_mng& m) : mng(m)
+    {
+        bodies.reserve(k_cams);
+        for (uint32_t cam = 0; cam < k_cams; cam++) {
+            mng.set_chn_connect_status(cam, 1);
+            bodies.emplace_back([this, cam] { run(cam); });
+            threads.push_back(start_thread(&bodies.back()));
+        }
+    }
+    ~cameras() { join(); }
+    void join()
+    {
+        stop = true;
+        for (pthread_t t : threads)
+            pthread_join(t, nullptr);
+        threads.clear();
+    }
+    void run(uint32_t cam)
+    {
+        vesk_av_block_writer w[4];
+        uint32_t last_key[4] = {};
+        std::vector<uint8_t> payload(64 * 1024);
+        for (uint32_t s = 0; s < 4; s++)
+            vesk_utility_av_writer_init(&w[s], cam, k_types[s], 0x9110C + s, k_block_bytes[s], 64);
+        vesk_av_time due = av_now();
+        for (uint32_t fno = 1; !stop.load(); fno++) {
+            for (uint32_t s = 0; s < 4; s++) {
+                uint32_t type = 2;
+                if (s < 2 && (last_key[s] == 0 || fno - last_key[s] >= 25) && !opens_block(w[s])) {
+                    type = VESK_FRAME_TYPE_I;
+                    last_key[s] = fno;
+                }
+                if (s == VESK_AV_STREAM_SMART && fno % 5 != 1)
+                    continue;
+                _tagVeskFrameHeader h = vesk_test::frame_head(fno, type, frame_len(type, s, fno));
+                h.uiTimeStamp = fno * k_tick_ms * 90;
+                for (uint32_t j = 0; j < h.uiLength; j++)
+                    payload[j] = pattern(cam, s, fno, j);
+                refused += av_writer_put(&mng, &w[s], &h, payload.data()) != VESK_OK ? 1 : 0;
+            }
+            // Real time; a writer that falls behind (emulation) does not catch up.
+            due = vesk_test::at(due, k_tick_ms);
+            const int64_t wait = av_diff_ms(due, av_now());
+            if (wait > 0)
+                sleep_ms(static_cast<uint32_t>(wait));
+            else
+                due = av_now();
+        }
+        for (vesk_av_block_writer& x : w)
+            av_writer_close(&mng, &x);
+    }
+};
+
 } // namespace
 
 TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
@@ -134,46 +187,11 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
     ASSERT_EQ(VESK_OK, vesk_utility_set_av_max_cache(0x2800000, 0x3000000));
     const uint32_t av_base = vesk_mem_av_total();
     vesk_utility_av_mng mng;
-    std::atomic<bool> stop {false}, writers_stop {false};
+    cameras cams(mng);
+    std::atomic<bool> stop {false};
     std::vector<std::function<void()>> bodies;
-    bodies.reserve(k_cams + k_cams * k_readers_per_cam + 1);
-    std::vector<pthread_t> writers, readers;
-
-    for (uint32_t cam = 0; cam < k_cams; cam++) {
-        mng.set_chn_connect_status(cam, 1);
-        bodies.emplace_back([&, cam] {
-            vesk_av_block_writer w[3];
-            uint32_t last_key[3] = {};
-            std::vector<uint8_t> payload(64 * 1024);
-            for (uint32_t s = 0; s < 3; s++)
-                vesk_utility_av_writer_init(&w[s], cam, k_types[s], 0x9110C + s, k_block_bytes[s], 64);
-            vesk_av_time due = av_now();
-            for (uint32_t fno = 1; !writers_stop.load(); fno++) {
-                for (uint32_t s = 0; s < 3; s++) {
-                    uint32_t type = 2;
-                    if (s != VESK_AV_STREAM_AUDIO && (last_key[s] == 0 || fno - last_key[s] >= 25) && !opens_block(w[s])) {
-                        type = VESK_FRAME_TYPE_I;
-                        last_key[s] = fno;
-                    }
-                    _tagVeskFrameHeader h = vesk_test::frame_head(fno, type, frame_len(type, s, fno));
-                    h.uiTimeStamp = fno * k_tick_ms * 90;
-                    for (uint32_t j = 0; j < h.uiLength; j++)
-                        payload[j] = pattern(cam, s, fno, j);
-                    ASSERT_EQ(VESK_OK, av_writer_put(&mng, &w[s], &h, payload.data()));
-                }
-                // Real time; a writer that falls behind (emulation) does not catch up.
-                due = vesk_test::at(due, k_tick_ms);
-                const int64_t wait = av_diff_ms(due, av_now());
-                if (wait > 0)
-                    sleep_ms(static_cast<uint32_t>(wait));
-                else
-                    due = av_now();
-            }
-            for (vesk_av_block_writer& x : w)
-                av_writer_close(&mng, &x);
-        });
-        writers.push_back(start_thread(&bodies.back()));
-    }
+    bodies.reserve(k_cams * k_readers_per_cam + 1);
+    std::vector<pthread_t> readers;
     // Rotation starts once every list has a block: a list never pushed counts as disconnected.
     for (bool all = false; !all; sleep_ms(2)) {
         all = true;
@@ -244,9 +262,8 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
             pthread_join(t, nullptr);
     });
     pthread_join(rotation, nullptr);
-    writers_stop = true;
-    for (pthread_t t : writers)
-        pthread_join(t, nullptr);
+    cams.join();
+    EXPECT_EQ(0u, cams.refused.load());
 
     uint32_t video_jumps = 0;
     for (size_t i = 0; i < results.size(); i++) {
@@ -289,19 +306,11 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
     printf("reader soak %d ms: %u video jumps, %d logged\n", soak_ms, video_jumps, logged);
 }
 
+// The process's cache under its budget, with its rotation task: the total never passes the
+// forbid limit by more than one block, and returns once the streams stop.
 TEST(AvSoakTest, FullLoadStaysWithinBudgetAndReturnsEverything)
 {
-    // Scaled-down bit rates (about 1.6 Mbit/s main per camera) still turn the budget over often.
-    struct stream_profile {
-        vesk_av_stream_type type;
-        uint32_t block_bytes, frame_bytes;
-        uint32_t every; // one frame per this many ticks
-    };
-    constexpr stream_profile k_profiles[4] = {{VESK_AV_STREAM_MAIN, 64 * 1024, 8000, 1},
-        {VESK_AV_STREAM_SUB, 16 * 1024, 2000, 1}, {VESK_AV_STREAM_AUDIO, 4 * 1024, 320, 1},
-        {VESK_AV_STREAM_SMART, 4 * 1024, 200, 5}};
     constexpr uint32_t k_start = 2u << 20, k_forbid = 3u << 20;
-    const int soak_ms = duration_ms("VESK_AV_SOAK_MS", k_av_soak_ms);
     vesk_utility_av_mng* mng = vesk_utility_av_mng::instance();
     const uint32_t av_base = vesk_mem_av_total();
     ASSERT_EQ(VESK_OK, vesk_utility_set_av_max_cache(k_start, k_forbid));
@@ -310,39 +319,20 @@ TEST(AvSoakTest, FullLoadStaysWithinBudgetAndReturnsEverything)
         ASSERT_GE(mng->malloc_magic_ofset(ch, 0, 0, 0x500 + ch), 0);
         ASSERT_GE(mng->malloc_magic_ofset(ch, 1, 1, 0x600 + ch), 0);
     }
-
-    std::atomic<bool> stop {false};
-    std::atomic<uint32_t> peak {0}, refused {0};
-    std::vector<std::thread> writers;
-    for (const stream_profile& p : k_profiles) {
-        writers.emplace_back([&, p] {
-            std::vector<uint8_t> payload(2 * p.frame_bytes, 0x3C); // key frames are twice the size
-            vesk_av_block_writer w[k_cams];
-            for (uint32_t ch = 0; ch < k_cams; ch++)
-                vesk_utility_av_writer_init(&w[ch], ch, p.type, 0x9110C + p.type, p.block_bytes, 128);
-            for (uint32_t tick = 0; !stop.load(); tick++, vesk_utility_sleep_ms(k_tick_ms)) {
-                const bool key = tick % 25 == 0;
-                const _tagVeskFrameHeader h
-                    = vesk_test::frame_head(tick, key ? VESK_FRAME_TYPE_I : 2, (key ? 4 : 1) * p.frame_bytes / 2);
-                for (uint32_t ch = 0; ch < k_cams && tick % p.every == 0; ch++)
-                    refused += vesk_utility_av_writer_put(&w[ch], &h, payload.data()) != VESK_OK ? 1 : 0;
-            }
-            for (auto& one : w)
-                vesk_utility_av_writer_close(&one);
+    std::atomic<uint32_t> peak {0};
+    {
+        cameras cams(*mng);
+        std::thread sampler([&] {
+            for (; !cams.stop.load(); vesk_utility_sleep_ms(1))
+                if (vesk_mem_av_total() > peak.load())
+                    peak.store(vesk_mem_av_total());
         });
+        vesk_utility_sleep_ms(static_cast<unsigned>(duration_ms("VESK_AV_SOAK_MS", k_av_soak_ms)));
+        cams.join();
+        sampler.join();
+        EXPECT_LT(peak.load(), k_forbid + k_block_bytes[0] + 4096) << "refused frames: " << cams.refused.load();
+        EXPECT_GT(peak.load(), k_start) << "the budget was never reached: the soak proved nothing";
     }
-    std::thread sampler([&] {
-        for (; !stop.load(); vesk_utility_sleep_ms(1))
-            if (vesk_mem_av_total() > peak.load())
-                peak.store(vesk_mem_av_total());
-    });
-    vesk_utility_sleep_ms(static_cast<unsigned>(soak_ms));
-    stop = true;
-    for (auto& t : writers)
-        t.join();
-    sampler.join();
-    EXPECT_LT(peak.load(), k_forbid + k_profiles[0].block_bytes + 4096) << "refused frames: " << refused.load();
-    EXPECT_GT(peak.load(), k_start) << "the budget was never reached: the soak proved nothing";
 
     // Streams stopped, users gone: rotation alone must empty every list.
     for (uint32_t ch = 0; ch < k_cams; ch++) {
