@@ -1,199 +1,195 @@
-// The A/V reader against a private manager fed by the block writer: start point, order across
-// blocks, joined split frames, resync after losses, rotation around readers, block reading,
-// remapping and the fatal misuses.
+// Reading a private manager fed by the block writer, through both APIs (the reader object and
+// the position note): start point, order across blocks, joined split frames, resync after
+// losses, rotation around held frames; then what only one of them has, the fatal misuses, and
+// the reader's pacing.
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "av_test_blocks.h"
-#include "test_support.h"
+#include "core/vesk_utility_fault.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
 using vesk_test::at;
+using vesk_test::consumer;
 using vesk_test::feed;
 using vesk_test::intact;
+using vesk_test::k_ipc;
 using vesk_test::list_ids;
-using vesk_test::read_one;
 
 namespace
 {
 
-constexpr uint32_t k_ipc = 3;
-
-vesk_av_reader* new_reader(vesk_utility_av_mng& mng, vesk_av_reader_usr_type usr = VESK_AV_READER_STREAM_USER)
+class AvReadTest : public testing::TestWithParam<bool>
 {
-    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, usr, 0x77);
-    r->set_chn(k_ipc);
-    return r;
-}
+};
+
+INSTANTIATE_TEST_SUITE_P(Api, AvReadTest, testing::Values(false, true),
+    [](const testing::TestParamInfo<bool>& p) { return p.param ? "Note" : "Reader"; });
 
 } // namespace
 
-TEST(AvReaderTest, StartsAtNewestKeyFrameAndReadsInOrderAcrossBlocks)
+TEST_P(AvReadTest, StartsAtTheNewestKeyFrameAndReadsInOrderAcrossBlocks)
 {
     vesk_utility_av_mng mng;
     feed in(mng, 1024); // about 6 frames per block
     for (uint32_t n = 0; n < 40; n++)
         in.put(n, n % 25 == 0 ? VESK_FRAME_TYPE_I : 2);
-    vesk_av_reader* r = new_reader(mng);
-    uint32_t interval = 0;
-    EXPECT_EQ(25u, read_one(r, VESK_AV_STREAM_MAIN, &interval));
-    EXPECT_EQ(0u, interval) << "free run: the next frame is there";
+    consumer c(mng, GetParam());
+    EXPECT_EQ(25u, c.next());
     for (uint32_t n = 26; n < 40; n++)
-        ASSERT_EQ(n, read_one(r, VESK_AV_STREAM_MAIN, &interval));
-    EXPECT_EQ(33u, interval) << "nothing newer: the last frame interval";
-    EXPECT_EQ(~0u, read_one(r));
+        ASSERT_EQ(n, c.next());
+    EXPECT_EQ(~0u, c.next()) << "nothing new yet";
     for (uint32_t n = 40; n < 60; n++)
         in.put(n, n == 50 ? VESK_FRAME_TYPE_I : n == 55 ? VESK_FRAME_TYPE_KEY2 : 2);
     for (uint32_t n = 40; n < 60; n++)
-        ASSERT_EQ(n, read_one(r));
+        ASSERT_EQ(n, c.next());
 
-    vesk_av_reader* late = new_reader(mng);
-    EXPECT_EQ(55u, read_one(late)) << "the second key type is newer than the I frame";
-    vesk_av_reader* audio = new_reader(mng);
-    EXPECT_EQ(~0u, read_one(audio, VESK_AV_STREAM_AUDIO));
-    EXPECT_TRUE(r->is_free());
-    for (vesk_av_reader* x : {r, late, audio})
-        EXPECT_EQ(VESK_OK, mng.delete_av_reader(x, __FILE__, __func__));
+    consumer late(mng, GetParam());
+    EXPECT_EQ(55u, late.next()) << "the second key type is newer than the I frame";
+    feed audio(mng, 1024, VESK_AV_STREAM_AUDIO);
+    for (uint32_t n = 0; n < 8; n++)
+        audio.put(n, 2);
+    EXPECT_EQ(7u, late.next(VESK_AV_STREAM_AUDIO)) << "audio starts at the newest frame";
 }
 
-TEST(AvReaderTest, FrameSplitOverThreeBlocksArrivesAsOneCopy)
+TEST_P(AvReadTest, FrameSplitOverThreeBlocksArrivesAsOneCopyOrNoResource)
 {
     vesk_utility_av_mng mng;
     feed in(mng, 1024);
     in.put(1, VESK_FRAME_TYPE_I, 2500);
     in.put(2, 2, 50);
     ASSERT_EQ("9527,9528,9529", list_ids(mng, k_ipc, 0));
-    vesk_av_reader* r = new_reader(mng);
+    consumer c(mng, GetParam());
     _tagVeskFrameHeader *f = nullptr, *again = nullptr;
-    uint32_t next = 0;
-    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    vesk_test::capture_stdout([&] {
+        vesk_fault_arm(1, vesk_fault_scope::calling_thread, true);
+        EXPECT_EQ(VESK_ERR_NO_RESOURCE, c.get(&f)) << "no memory for the copy";
+        vesk_fault_disarm();
+    });
+    ASSERT_EQ(VESK_OK, c.get(&f));
     EXPECT_EQ(1u, f->uiFrameNo);
     EXPECT_EQ(2500u, f->uiLength);
     EXPECT_TRUE(intact(f));
-    EXPECT_EQ(0u, next);
-    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &again, 0, &next));
-    EXPECT_EQ(f, again) << "asked again before it is put: the same copy, one interval later";
-    EXPECT_EQ(40u, next);
-    EXPECT_FALSE(r->is_free()) << "the copy counts";
-    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
-    EXPECT_TRUE(r->is_free());
-    EXPECT_EQ(2u, read_one(r));
-    mng.delete_av_reader(r, __FILE__, __func__);
+    ASSERT_EQ(VESK_OK, c.get(&again));
+    EXPECT_EQ(f, again) << "asked again while held: the same copy";
+    EXPECT_EQ(VESK_OK, c.put(f));
+    EXPECT_EQ(2u, c.next());
 }
 
-TEST(AvReaderTest, GapsAndBrokenContinuationsResyncOnTheNextKeyFrameAndLogTheDrop)
+TEST_P(AvReadTest, GapsAndBrokenContinuationsResyncOnTheNextKeyFrameOnVideoOnly)
 {
     vesk_utility_av_mng mng;
     feed in(mng, 1024);
     for (uint32_t n = 0; n < 5; n++)
         in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
-    vesk_av_reader* r = new_reader(mng);
+    consumer c(mng, GetParam());
     for (uint32_t n = 0; n < 5; n++)
-        ASSERT_EQ(n, read_one(r));
+        ASSERT_EQ(n, c.next());
     in.put(7, 2);
     in.put(8, 2);
-    EXPECT_EQ(~0u, read_one(r)) << "no key frame to resync on yet";
+    EXPECT_EQ(~0u, c.next()) << "no key frame to resync on yet";
     in.put(9, VESK_FRAME_TYPE_KEY2);
     in.put(10, 2);
-    uint32_t got = 0;
-    std::string out = vesk_test::capture_stdout([&] { got = read_one(r); });
-    EXPECT_EQ(9u, got);
-    EXPECT_NE(std::string::npos, out.find("ch_3 last_ref_blk[9527_4/")) << out;
-    EXPECT_NE(std::string::npos, out.find("Fno[9] type_0x12, drop 5 frames!")) << out;
-    EXPECT_EQ(10u, read_one(r));
+    vesk_test::capture_stdout([&] { EXPECT_EQ(9u, c.next()); });
+    EXPECT_EQ(10u, c.next());
+    if (c.by_note) {
+        EXPECT_EQ(4u, c.note.dropped);
+    }
 
     // A continuation whose tag no longer matches: the piece was lost, the frame goes.
     in.put(11, 2, 2000);
     mng.chn_blocks(k_ipc).lists[0].tail->block->lead_tag ^= 0x5A; // the last of its three pieces
     in.put(12, 2);
     in.put(13, VESK_FRAME_TYPE_I);
-    out = vesk_test::capture_stdout([&] { got = read_one(r); });
-    EXPECT_EQ(13u, got);
-    EXPECT_NE(std::string::npos, out.find("Block drop")) << out;
-    EXPECT_NE(std::string::npos, out.find("ch_3 jump [9528_3] to [9530_0]")) << out;
+    vesk_test::capture_stdout([&] { EXPECT_EQ(13u, c.next()); });
 
-    // A new reader whose newest key frame is broken drops it once, not on every call.
-    in.put(14, VESK_FRAME_TYPE_I, 2000);
-    mng.chn_blocks(k_ipc).lists[0].tail->block->lead_tag ^= 0x5A;
-    in.put(15, 2);
-    vesk_av_reader* fresh = new_reader(mng);
-    out = vesk_test::capture_stdout([&] {
-        for (int call = 0; call < 3; call++)
-            EXPECT_EQ(~0u, read_one(fresh)) << call;
-    });
-    EXPECT_EQ(1, vesk_test::count_of(out, "Block drop")) << out;
-    EXPECT_EQ(1, vesk_test::count_of(out, "jump [")) << out;
-    for (vesk_av_reader* x : {r, fresh})
-        mng.delete_av_reader(x, __FILE__, __func__);
+    // Analytics frames stand alone: a gap is counted, nothing skipped.
+    feed smart(mng, 1024, VESK_AV_STREAM_SMART);
+    consumer ivs(mng, GetParam());
+    smart.put(1, 2);
+    EXPECT_EQ(1u, ivs.next(VESK_AV_STREAM_SMART));
+    smart.put(4, 2);
+    EXPECT_EQ(4u, ivs.next(VESK_AV_STREAM_SMART));
+    if (ivs.by_note) {
+        EXPECT_EQ(2u, ivs.note.dropped);
+    }
 }
 
-TEST(AvReaderTest, HeldBlocksStayAndGoOnceReleased)
+TEST_P(AvReadTest, HeldBlockSurvivesRotationAndReadingResumesAfterRotatedOutBlocks)
 {
     vesk_utility_av_mng mng;
     feed in(mng, 1024);
     for (uint32_t n = 0; n < 20; n++)
         in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
     av_writer_close(&mng, &in.w);
-    vesk_av_reader* r = new_reader(mng);
+    consumer c(mng, GetParam());
     _tagVeskFrameHeader* f = nullptr;
-    uint32_t next = 0;
-    ASSERT_EQ(VESK_OK, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next));
+    ASSERT_EQ(VESK_OK, c.get(&f));
     mng.set_av_max_cache(1); // every unreferenced block is under pressure
     const vesk_av_time later = at(av_now(), 20000);
     mng.rotate_pass(later);
     EXPECT_EQ("9527", list_ids(mng, k_ipc, 0)) << "only the held block stays";
     EXPECT_TRUE(intact(f));
-    EXPECT_EQ(VESK_OK, r->put_frame(VESK_AV_STREAM_MAIN, f));
+    EXPECT_EQ(VESK_OK, c.put(f));
     mng.rotate_pass(later);
     EXPECT_EQ("", list_ids(mng, k_ipc, 0));
-    in.put(30, VESK_FRAME_TYPE_I);
-    EXPECT_EQ(30u, read_one(r)) << "resumes after the rotated-out blocks";
-    mng.delete_av_reader(r, __FILE__, __func__);
+
+    for (uint32_t n = 30; n < 34; n++)
+        in.put(n, n == 32 ? VESK_FRAME_TYPE_I : 2);
+    vesk_test::capture_stdout([&] { EXPECT_EQ(32u, c.next()) << "frames 1-31 are gone: on to the key frame"; });
+    if (c.by_note) {
+        EXPECT_EQ(31u, c.note.dropped);
+    }
+    EXPECT_EQ(33u, c.next());
 }
 
 TEST(AvReaderTest, FinishedBlocksLoseTheReadersBitSoTheyGoWithoutPressure)
 {
     vesk_utility_av_mng mng;
     feed in(mng, 1024);
-    vesk_av_reader* r = new_reader(mng);
-    vesk_av_reader* snap = new_reader(mng, VESK_AV_READER_SNAP_USER);
-    EXPECT_EQ(~0u, read_one(r)); // takes the user bit
-    EXPECT_EQ(~0u, read_one(snap));
+    consumer c(mng);
+    consumer snap(mng, false, VESK_AV_READER_SNAP_USER);
+    EXPECT_EQ(~0u, c.next()); // takes the user bit
+    EXPECT_EQ(~0u, snap.next());
     for (uint32_t n = 0; n < 20; n++)
         in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
     const vesk_av_time later = at(av_now(), 1000);
     mng.rotate_pass(later);
     EXPECT_EQ("9527,9528,9529,9530", list_ids(mng, k_ipc, 0)) << "the stream user has not read them";
     for (uint32_t n = 0; n < 20; n++)
-        ASSERT_EQ(n, read_one(r));
+        ASSERT_EQ(n, c.next());
     mng.rotate_pass(later);
     EXPECT_EQ("9527,9530", list_ids(mng, k_ipc, 0)) << "the snap user keeps the newest key block; 9530 is open";
-    mng.delete_av_reader(r, __FILE__, __func__);
-    mng.delete_av_reader(snap, __FILE__, __func__);
 }
 
-TEST(AvReaderTest, InvalidCallsAndRemapResetTheRightWay)
+TEST(AvReaderTest, InvalidCallsAreRefusedAndARemapResetsTheHistory)
 {
     vesk_utility_av_mng mng;
-    vesk_av_reader* r = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
+    vesk_av_reader* unset = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
     _tagVeskFrameHeader* f = nullptr;
     uint32_t next = 0;
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next)) << "no channel yet";
-    EXPECT_EQ(5000u, next);
-    r->set_chn(k_ipc);
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, r->get_frame(VESK_AV_STREAM_NUM, &f, 0, &next));
     feed in(mng, 1024);
     for (uint32_t n = 0; n < 3; n++)
         in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
-    EXPECT_EQ(0u, read_one(r));
+    consumer c(mng);
+    vesk_test::capture_stdout([&] {
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, unset->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next)) << "no channel yet";
+        EXPECT_EQ(5000u, next);
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, c.r->get_frame(VESK_AV_STREAM_NUM, &f, 0, &next));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, c.r->reset_history(VESK_AV_STREAM_NUM));
+        EXPECT_EQ(VESK_ERR_OPERATE_FAIL, c.r->set_chn(k_av_chn_num));
+    });
+    EXPECT_EQ(0u, c.next()) << "the channel stays";
+    EXPECT_EQ(VESK_OK, mng.delete_av_reader(unset, __FILE__, __func__));
     // Recorder channel 3 now shows camera 5: the history of camera 3 is dropped.
     ASSERT_EQ(VESK_OK, mng.switch_ivr_ch(k_ipc, 5));
     feed five(mng, 1024, VESK_AV_STREAM_MAIN, 5);
     five.put(900, VESK_FRAME_TYPE_I);
-    EXPECT_EQ(900u, read_one(r));
-    mng.delete_av_reader(r, __FILE__, __func__);
+    EXPECT_EQ(900u, c.next());
 }
 
 TEST(AvReaderTest, BlocksAreHandedOutWholeOnceFinalOrWhenForced)
@@ -202,7 +198,8 @@ TEST(AvReaderTest, BlocksAreHandedOutWholeOnceFinalOrWhenForced)
     feed in(mng, 1024, VESK_AV_STREAM_AUDIO);
     for (uint32_t n = 0; n < 8; n++)
         in.put(n, 2);
-    vesk_av_reader* r = new_reader(mng);
+    consumer c(mng);
+    vesk_av_reader* r = c.r;
     vesk_IPC_stream_block_head *b = nullptr, *again = nullptr;
     ASSERT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &b, 0));
     EXPECT_EQ(6u, b->node_num);
@@ -218,32 +215,168 @@ TEST(AvReaderTest, BlocksAreHandedOutWholeOnceFinalOrWhenForced)
     EXPECT_EQ(3u, b->node_num) << "a growing block is handed out again";
     EXPECT_EQ(VESK_OK, r->put_block(VESK_AV_STREAM_AUDIO, b));
     EXPECT_TRUE(r->is_free());
-    mng.delete_av_reader(r, __FILE__, __func__);
 }
 
 TEST(AvReaderDeathTest, ReferenceMisuseIsFatal)
 {
-    using misuse = std::function<void(vesk_av_reader*, _tagVeskFrameHeader*)>;
-    const std::pair<misuse, const char*> rows[] = {
-        {[](vesk_av_reader* r, _tagVeskFrameHeader* f) { r->put_frame(VESK_AV_STREAM_MAIN, f + 1); }, "Not Match"},
-        {[](vesk_av_reader* r, _tagVeskFrameHeader*) { r->reset_history(VESK_AV_STREAM_MAIN); },
-            "StreamType:0 Reference Resouce Not Empty, Can't Reset"},
-        {[](vesk_av_reader* r, _tagVeskFrameHeader*) { r->set_chn(4); }, "Can't Change Chn"},
-        {[](vesk_av_reader* r, _tagVeskFrameHeader*) { r->put_block(VESK_AV_STREAM_MAIN, nullptr); },
-            "Reference Block Not Match"},
+    using misuse = std::function<void(consumer&, _tagVeskFrameHeader*)>;
+    struct row {
+        bool by_note;
+        misuse fn;
+        const char* message;
     };
-    for (const auto& row : rows) {
+    const row rows[] = {
+        {false, [](consumer& c, _tagVeskFrameHeader* f) { c.r->put_frame(VESK_AV_STREAM_MAIN, f + 1); }, "Not Match"},
+        {false, [](consumer& c, _tagVeskFrameHeader*) { c.r->reset_history(VESK_AV_STREAM_MAIN); },
+            "StreamType:0 Reference Resouce Not Empty, Can't Reset"},
+        {false, [](consumer& c, _tagVeskFrameHeader*) { c.r->set_chn(4); }, "Can't Change Chn"},
+        {false, [](consumer& c, _tagVeskFrameHeader*) { c.r->put_block(VESK_AV_STREAM_MAIN, nullptr); },
+            "Reference Block Not Match"},
+        {true,
+            [](consumer& c, _tagVeskFrameHeader* f) { c.api.get_frame(k_ipc, VESK_AV_STREAM_MAIN, &c.note, &f, true); },
+            "release it first"},
+        {true,
+            [](consumer& c, _tagVeskFrameHeader*) {
+                vesk_read_av_list_note copy = c.note;
+                c.api.rel_frame(&c.note);
+                c.api.rel_frame(&copy);
+            },
+            "Not Held"},
+    };
+    for (const row& one : rows) {
         VESK_EXPECT_FATAL(
             {
                 vesk_utility_av_mng mng;
                 feed in(mng, 1024);
                 in.put(0, VESK_FRAME_TYPE_I);
-                vesk_av_reader* r = new_reader(mng);
+                consumer c(mng, one.by_note);
                 _tagVeskFrameHeader* f = nullptr;
-                uint32_t next = 0;
-                r->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next);
-                row.first(r, f);
+                c.get(&f);
+                one.fn(c, f);
             },
-            row.second);
+            one.message);
+    }
+}
+
+// The exported frame calls: stream selectors, parameter checks and releasing several notes.
+TEST(AvNoteTest, ExportedCallsMapStreamsAndReleaseSeveralNotes)
+{
+    constexpr uint32_t ch = 29; // nothing else in this process feeds it
+    // One large block each, still receiving until closed, so rotation keeps everything.
+    vesk_av_block_writer w[3];
+    const vesk_av_stream_type types[3] = {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB, VESK_AV_STREAM_SMART};
+    for (uint32_t i = 0; i < 3; i++)
+        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w[i], ch, types[i], 0x9110C, 64 * 1024, 64));
+    const uint8_t payload[64] = {};
+    for (uint32_t n = 1; n <= 3; n++) {
+        for (uint32_t i = 0; i < 3; i++) {
+            const _tagVeskFrameHeader h
+                = vesk_test::frame_head(100 * i + n, n == 1 ? VESK_FRAME_TYPE_I : 2, sizeof(payload));
+            ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&w[i], &h, payload));
+        }
+    }
+    vesk_read_av_list_note notes[4] = {};
+    _tagVeskFrameHeader* f[4] = {};
+    ASSERT_EQ(VESK_OK, vesk_utility_first_get_frame(ch, VESK_ENC_STR_MAIN, &notes[0], &f[0]));
+    ASSERT_EQ(VESK_OK, vesk_utility_get_frame(ch, VESK_ENC_STR_THIRD, &notes[1], &f[1]));
+    ASSERT_EQ(VESK_OK, vesk_utility_ivs_first_get_frame(ch, &notes[2], &f[2]));
+    EXPECT_EQ(1u, f[0]->uiFrameNo);
+    EXPECT_EQ(101u, f[1]->uiFrameNo) << "the third stream is carried as the sub stream";
+    EXPECT_EQ(203u, f[2]->uiFrameNo) << "analytics start at the newest frame";
+    vesk_test::capture_stdout([&] {
+        EXPECT_EQ(VESK_ERR_OPERATE_FAIL, vesk_utility_ivs_get_frame(ch + 1, &notes[3], &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_frame(32, VESK_ENC_STR_MAIN, &notes[3], &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_frame(ch, VESK_ENC_STR_INVALID, &notes[3], &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_frame(ch, VESK_ENC_STR_MAIN, nullptr, &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_rel_frame_multy(nullptr, 1));
+    });
+
+    ASSERT_EQ(VESK_OK, vesk_utility_rel_frame_multy(notes, 4));
+    for (const vesk_read_av_list_note& n : notes)
+        EXPECT_EQ(0u, n.held);
+    ASSERT_EQ(VESK_OK, vesk_utility_get_frame(ch, VESK_ENC_STR_MAIN, &notes[0], &f[0]));
+    EXPECT_EQ(2u, f[0]->uiFrameNo) << "the position survives the release";
+    EXPECT_EQ(VESK_OK, vesk_utility_ivs_rel_frame_multy(notes, 1));
+    EXPECT_EQ(VESK_OK, vesk_utility_rel_frame(&notes[0]));
+    for (vesk_av_block_writer& one : w)
+        vesk_utility_av_writer_close(&one);
+}
+
+// With the threshold at 2, frame 1 is read paced with `remain` frames behind it (frames 1901 ms
+// apart, which keeps the sleep correction out); a forced skip or reset shows in the next frame.
+TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
+{
+    struct row {
+        vesk_av_stream_type type;
+        uint32_t remain;
+        uint32_t key; // frame number of a type-18 frame, 0: none; an I frame follows 20 later
+        uint32_t interval;
+        uint32_t next;
+    };
+    const row rows[] = {
+        {VESK_AV_STREAM_MAIN, 1, 0, 1996, 2}, // < th: + 1/20
+        {VESK_AV_STREAM_MAIN, 2, 0, 1901, 2}, // = th
+        {VESK_AV_STREAM_MAIN, 3, 0, 1664, 2}, // > th: - 1/8
+        {VESK_AV_STREAM_MAIN, 12, 0, 1664, 2},
+        {VESK_AV_STREAM_MAIN, 13, 0, 1426, 2}, // > th + 10: - 1/4
+        {VESK_AV_STREAM_MAIN, 22, 3, 1426, 2},
+        {VESK_AV_STREAM_MAIN, 23, 3, 1426, 3}, // > th + 20, key 2 ahead: skip 1
+        {VESK_AV_STREAM_SUB, 32, 4, 1426, 2}, // key 3 ahead is not 2 ahead
+        {VESK_AV_STREAM_SUB, 33, 4, 1268, 4}, // > th + 30: - 1/3, skip 2
+        {VESK_AV_STREAM_MAIN, 42, 4, 1268, 4},
+        {VESK_AV_STREAM_MAIN, 43, 4, 1268, 2}, // > th + 40 wants exactly 4 ahead
+        {VESK_AV_STREAM_MAIN, 43, 5, 1268, 5},
+        {VESK_AV_STREAM_MAIN, 53, 5, 951, 5}, // > th + 50: - 1/2, skip to the next key frame
+        {VESK_AV_STREAM_MAIN, 62, 11, 951, 11},
+        {VESK_AV_STREAM_MAIN, 63, 11, 1901, 31}, // > th + 60: reset to the newest key frame
+    };
+    for (const row& c : rows) {
+        SCOPED_TRACE("remain " + std::to_string(c.remain) + " key " + std::to_string(c.key));
+        vesk_utility_av_mng mng;
+        feed cam(mng, 4096, c.type, k_ipc, 16);
+        cam.put(0, VESK_FRAME_TYPE_I, 40, 1901);
+        consumer r(mng);
+        ASSERT_EQ(0u, r.next(c.type));
+        for (uint32_t n = 1; n < c.remain + 2; n++) {
+            const bool key2 = c.key != 0 && n == c.key, key = c.key != 0 && n == c.key + 20;
+            cam.put(n, key2 ? VESK_FRAME_TYPE_KEY2 : key ? VESK_FRAME_TYPE_I : 2, 40, 1901);
+        }
+        ASSERT_EQ(VESK_OK, r.r->set_work_mode(VESK_AV_READER_REAL_TIME)); // fresh pacing state
+        uint32_t interval = 0;
+        vesk_test::capture_stdout([&] {
+            EXPECT_EQ(1u, r.next(c.type, &interval));
+            EXPECT_EQ(c.next, r.next(c.type));
+        });
+        EXPECT_EQ(c.interval, interval);
+    }
+}
+
+// Outside real-time video the wait is 0 while a next frame is known, otherwise the last frame
+// interval (40 ms before any, or for a timestamp step of 0 or above 1999 ms).
+TEST(AvPacingTest, UnpacedStreamsWaitOnlyWhenNothingFollows)
+{
+    vesk_utility_av_mng mng;
+    feed cam(mng, 4096, VESK_AV_STREAM_AUDIO, k_ipc, 16);
+    consumer r(mng);
+    ASSERT_EQ(VESK_OK, r.r->set_work_mode(VESK_AV_READER_REAL_TIME));
+    struct step {
+        std::vector<uint32_t> puts; // timestamp steps of the frames pushed first
+        uint32_t fno;
+        uint32_t interval;
+    };
+    const step steps[] = {
+        {{}, ~0u, 40}, {{10}, 0, 40}, // nothing follows and no interval is known yet
+        {{10, 10}, 1, 0}, {{}, 2, 10}, {{}, ~0u, 10}, {{2000, 10}, 3, 0},
+        {{}, 4, 40}, // a step above 1999 ms counts as 40
+        {{10, 0, 10}, 5, 0}, {{}, 6, 0}, {{}, 7, 40}, // a step of 0 counts as 40
+    };
+    uint32_t fno = 0;
+    for (const step& st : steps) {
+        SCOPED_TRACE("frame " + std::to_string(st.fno));
+        for (uint32_t ms : st.puts)
+            cam.put(fno++, 2, 40, ms);
+        uint32_t interval = 0;
+        EXPECT_EQ(st.fno, r.next(VESK_AV_STREAM_AUDIO, &interval));
+        EXPECT_EQ(st.interval, interval);
     }
 }
