@@ -117,15 +117,8 @@ void on_close(vesk_toolnet_handle, int err, void* arg)
 
 vesk_toolnet_handle open_udp(inbox* in, const char* group = nullptr, unsigned short port = 0)
 {
-    vesk_toolnet_udp_param p {};
-    p.usr_id = 0x77;
-    p.name = "t_udp";
-    p.local_ip = group != nullptr ? "0.0.0.0" : "127.0.0.1";
-    p.local_port = port;
-    p.multicast_group = group;
-    p.multicast_if = group != nullptr ? "127.0.0.1" : nullptr;
-    p.on_recv = in != nullptr ? on_recv : nullptr;
-    p.arg = in;
+    const vesk_toolnet_udp_param p {0x77, "t_udp", group != nullptr ? "0.0.0.0" : "127.0.0.1", port, group,
+        group != nullptr ? "127.0.0.1" : nullptr, in != nullptr ? on_recv : nullptr, in};
     vesk_toolnet_handle h = 0;
     EXPECT_EQ(vesk_utility_toolnet_open_udp(&p, &h), VESK_OK);
     return h;
@@ -133,13 +126,7 @@ vesk_toolnet_handle open_udp(inbox* in, const char* group = nullptr, unsigned sh
 
 vesk_toolnet_handle listen_tcp(inbox* in)
 {
-    vesk_toolnet_listen_param p {};
-    p.usr_id = 0x77;
-    p.name = "t_listen";
-    p.local_ip = "127.0.0.1";
-    p.on_recv = on_recv;
-    p.on_close = on_close;
-    p.arg = in;
+    const vesk_toolnet_listen_param p {0x77, "t_listen", "127.0.0.1", 0, 0, nullptr, on_recv, on_close, in};
     vesk_toolnet_handle h = 0;
     EXPECT_EQ(vesk_utility_toolnet_listen_tcp(&p, &h), VESK_OK);
     return h;
@@ -147,12 +134,7 @@ vesk_toolnet_handle listen_tcp(inbox* in)
 
 vesk_toolnet_handle connect_tcp(inbox* in, unsigned short port, VESK_ERR expect = VESK_OK)
 {
-    vesk_toolnet_connect_param p {};
-    p.remote_ip = "127.0.0.1";
-    p.remote_port = port;
-    p.on_recv = on_recv;
-    p.on_close = on_close;
-    p.arg = in;
+    const vesk_toolnet_connect_param p {0x77, "t_conn", "127.0.0.1", port, 0, on_recv, on_close, in};
     vesk_toolnet_handle h = 0;
     VESK_ERR ret = VESK_ERR_FAIL;
     // A socat just started may not listen yet: retried until it does.
@@ -414,10 +396,7 @@ TEST_F(ToolnetTest, ClosesFromOwnCallbacksAndFromOtherThreads)
 {
     // A UDP socket closes itself in its first callback: later datagrams find no handle.
     self_closer s;
-    vesk_toolnet_udp_param p {};
-    p.local_ip = "127.0.0.1";
-    p.on_recv = close_self;
-    p.arg = &s;
+    vesk_toolnet_udp_param p {0, "t_self", "127.0.0.1", 0, nullptr, nullptr, close_self, &s};
     vesk_toolnet_handle h = 0;
     ASSERT_EQ(vesk_utility_toolnet_open_udp(&p, &h), VESK_OK);
     const unsigned short port = port_of(h);
@@ -430,11 +409,7 @@ TEST_F(ToolnetTest, ClosesFromOwnCallbacksAndFromOtherThreads)
     // A TCP connection closing itself from its receive callback; the listener refuses every
     // second connection in its accept callback. Both clients see the end.
     self_closer conn_self;
-    vesk_toolnet_listen_param lp {};
-    lp.local_ip = "127.0.0.1";
-    lp.on_accept = refuse_odd;
-    lp.on_recv = close_self;
-    lp.arg = &conn_self;
+    const vesk_toolnet_listen_param lp {0, "t_odd", "127.0.0.1", 0, 0, refuse_odd, close_self, nullptr, &conn_self};
     vesk_toolnet_handle listener = 0;
     ASSERT_EQ(vesk_utility_toolnet_listen_tcp(&lp, &listener), VESK_OK);
     inbox c1_in, c2_in;
