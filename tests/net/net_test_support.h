@@ -5,6 +5,7 @@
 
 #include <signal.h>
 #include <sys/wait.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,10 +70,9 @@ public:
             return;
         close(fds[1]);
         FILE* f = fdopen(fds[0], "r");
-        if (f == nullptr || fscanf(f, "%d", port) != 1)
-            *port = 0;
-        if (f != nullptr)
-            fclose(f);
+        *port = 0;
+        EXPECT_EQ(fscanf(f, "%d", port), 1) << cmd;
+        fclose(f);
     }
     ~bg_process()
     {
@@ -82,9 +82,6 @@ public:
             waitpid(m_pid, nullptr, 0);
         }
     }
-    bg_process(const bg_process&) = delete;
-    bg_process& operator=(const bg_process&) = delete;
-
     // Waits for the exit; its status, or -1.
     int wait()
     {

@@ -151,20 +151,26 @@ TEST_F(url_test, BuffersJsonAndOneShotCalls)
     EXPECT_EQ(m_op->post_json(http("/json").c_str(), "{oops", answer, sizeof(answer), &len), VESK_ERR_FAIL);
     EXPECT_EQ(m_op->get_http_code(), 400);
     EXPECT_STREQ(answer, "{\"error\": \"not JSON\"}");
-    // The one-shot calls.
-    int code = 0;
-    EXPECT_EQ(vesk_utility_http_get(http("/status/203").c_str(), answer, sizeof(answer), &len, &code, 0), VESK_OK);
-    EXPECT_EQ(code, 203);
-    EXPECT_STREQ(answer, "status 203");
-    EXPECT_EQ(vesk_utility_http_get(http("/status/404").c_str(), answer, sizeof(answer), &len, &code, 5000), VESK_ERR_FAIL);
-    EXPECT_EQ(code, 404);
-    EXPECT_STREQ(answer, "status 404");
-    EXPECT_EQ(vesk_utility_http_post(http("/echo").c_str(), "text/x-log", "line 1\n", 7, answer, sizeof(answer), &len,
-                                     &code, 0),
-              VESK_OK);
-    EXPECT_STREQ(answer, "line 1\n");
-    EXPECT_EQ(vesk_utility_http_get(http("/files/small.bin").c_str(), answer, sizeof(answer), &len, &code, 0),
-              VESK_ERR_OPERATE_FAIL);
+    // The one-shot calls: a GET, or a POST when there is a body.
+    const struct {
+        const char* path;
+        const char* body;
+        VESK_ERR err;
+        int code;
+        const char* answer;
+    } shots[] = {{"/status/203", nullptr, VESK_OK, 203, "status 203"}, {"/status/404", nullptr, VESK_ERR_FAIL, 404, "status 404"},
+        {"/echo", "line 1\n", VESK_OK, 200, "line 1\n"}, {"/files/small.bin", nullptr, VESK_ERR_OPERATE_FAIL, 200, ""}};
+    for (const auto& c : shots) {
+        int code = 0;
+        const std::string url = http(c.path);
+        EXPECT_EQ(c.body == nullptr ? vesk_utility_http_get(url.c_str(), answer, sizeof(answer), &len, &code, 5000)
+                                    : vesk_utility_http_post(url.c_str(), "text/x-log", c.body, strlen(c.body), answer,
+                                        sizeof(answer), &len, &code, 0),
+            c.err)
+            << c.path;
+        EXPECT_EQ(code, c.code) << c.path;
+        EXPECT_STREQ(answer, c.answer) << c.path;
+    }
 }
 
 TEST_F(url_test, FailuresCarryTheirCodeAndText)
