@@ -424,25 +424,23 @@ TEST_F(ToolnetTest, ClosesFromOwnCallbacksAndFromOtherThreads)
     EXPECT_EQ(vesk_utility_toolnet_close(h), VESK_OK);
     EXPECT_EQ(slow.load(), 2);
 
-    // Threads sending on one connection while another closes it: every send completes or
-    // fails, none hangs or writes into a reused descriptor.
+    // Threads sending on one connection while another closes it: the close succeeds, the
+    // peer sees the end, and no send hangs or writes into a reused descriptor.
     inbox echo_in, many_in;
     echo_in.echo = true;
     const vesk_toolnet_handle echo = listen_tcp(&echo_in);
     const vesk_toolnet_handle c = connect_tcp(&many_in, port_of(echo));
     std::vector<std::thread> senders;
-    std::atomic<int> done {0};
     const std::string chunk(4096, 'm');
     for (int t = 0; t < 4; t++)
         senders.emplace_back([&] {
-            for (int i = 0; i < 200; i++, done++)
+            for (int i = 0; i < 200; i++)
                 vesk_utility_toolnet_send(c, chunk.data(), chunk.size(), 0, nullptr);
         });
     usleep(2000);
     EXPECT_EQ(vesk_utility_toolnet_close(c), VESK_OK);
     for (std::thread& t : senders)
         t.join();
-    EXPECT_EQ(done.load(), 800);
     EXPECT_TRUE(wait_for([&] { return echo_in.closes == 1; }));
     for (vesk_toolnet_handle x : {sender, listener, echo})
         EXPECT_EQ(vesk_utility_toolnet_close(x), VESK_OK);
