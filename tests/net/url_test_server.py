@@ -51,16 +51,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def GET_files(self, rest, name, part=1.0):
         if not os.path.exists(name):
             return self.reply(404, b"no such file")
-        size = os.path.getsize(name)
+        data = open(name, "rb").read()
         self.send_response(200)
-        self.send_header("Content-Length", str(size))
+        self.send_header("Content-Length", str(len(data)))
         self.end_headers()
-        with open(name, "rb") as f:
-            left = int(size * part)
-            while left > 0:
-                data = f.read(min(left, 1 << 20))
-                self.wfile.write(data)
-                left -= len(data)
+        self.wfile.write(data[:int(len(data) * part)])
         self.close_connection = part < 1.0
 
     def GET_short(self, rest, name):  # the length of the file announced, half of it sent
@@ -101,14 +96,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
 
     def PUT_files(self, rest, name, code=201):
-        left = int(self.headers.get("Content-Length", "0"))
-        with open(name, "wb") as f:
-            while left > 0:
-                data = self.rfile.read(min(left, 1 << 20))
-                f.write(data)
-                left -= len(data)
-        with open(name + ".type", "w") as f:
-            f.write(self.headers.get("Content-Type", ""))
+        open(name, "wb").write(self.body())
+        open(name + ".type", "w").write(self.headers.get("Content-Type", ""))
         self.reply(code, b"stored")
 
     def POST_files(self, rest, name):

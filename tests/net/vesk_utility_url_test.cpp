@@ -3,76 +3,36 @@
 // Contents are compared with sha256sum.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <string>
+#include <memory>
 #include <thread>
-#include <vector>
 
 #include "core/vesk_utility_ground.h"
 #include "core/vesk_utility_pool.h"
+#include "net_test_support.h"
 #include "test_support.h"
 #include "vesk_utility.h"
 
 using namespace vesk_soft;
+using vesk_net_test::bg_process;
+using vesk_net_test::capture;
 
 namespace
 {
 
 constexpr unsigned k_big = 50u << 20;
 
-struct peer {
-    pid_t pid = -1;
-    int port = 0;
-};
-
-// Starts a server script that prints its port on its first line.
-peer start_peer(std::vector<std::string> args)
-{
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    peer p;
-    args.insert(args.begin(), "/usr/bin/python3");
-    std::vector<char*> argv;
-    for (std::string& a : args)
-        argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    if ((p.pid = fork()) == 0) {
-        dup2(fds[1], 1);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    FILE* f = fdopen(fds[0], "r");
-    EXPECT_EQ(fscanf(f, "%d", &p.port), 1) << args[1];
-    fclose(f);
-    return p;
-}
-
-// What a shell command prints.
-std::string shell(const std::string& cmd)
-{
-    std::string out;
-    FILE* f = popen(cmd.c_str(), "r");
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;)
-        out.append(buf, n);
-    pclose(f);
-    return out;
-}
-
 std::string sha256_of(const std::string& path)
 {
-    return shell("sha256sum " + path).substr(0, 64);
+    return capture("sha256sum " + path).substr(0, 64);
 }
 
-int run(const std::string& cmd) { return system(cmd.c_str()); }
+int run(const std::string& cmd)
+{
+    return system(cmd.c_str());
+}
 
 // Bytes that libcurl (the only user of id 0x83 here) holds, in the heap and in the little-memory
 // pool (where its small blocks go on the board).
@@ -94,30 +54,40 @@ protected:
         s_srv = s_dir + "/srv";
         ASSERT_EQ(run("mkdir -p " + s_srv + " && cd " + s_dir + " && head -c " + std::to_string(k_big)
                       + " /dev/urandom >srv/big.bin && head -c 100000 /dev/urandom >srv/small.bin && openssl req -x509"
-                      " -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1"
-                      " -keyout key.pem -out cert.pem 2>/dev/null"), 0);
-        const std::string dir = VESK_NET_TEST_DATA;
-        s_http = start_peer({dir + "/url_test_server.py", s_srv});
-        s_https = start_peer({dir + "/url_test_server.py", s_srv, s_dir + "/cert.pem", s_dir + "/key.pem"});
-        s_ftp = start_peer({dir + "/ftp_test_server.py", s_srv});
+                        " -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1"
+                        " -keyout key.pem -out cert.pem 2>/dev/null"),
+            0);
+        const std::string py = "exec /usr/bin/python3 " + std::string(VESK_NET_TEST_DATA) + "/";
+        s_peers[0].reset(new bg_process(py + "url_test_server.py " + s_srv, &s_http));
+        s_peers[1].reset(new bg_process(py + "url_test_server.py " + s_srv + " " + s_dir + "/cert.pem " + s_dir
+                + "/key.pem",
+            &s_https));
+        s_peers[2].reset(new bg_process(py + "ftp_test_server.py " + s_srv, &s_ftp));
+        ASSERT_TRUE(s_http != 0 && s_https != 0 && s_ftp != 0);
     }
     static void TearDownTestSuite()
     {
-        for (const peer& p : {s_http, s_https, s_ftp})
-            waitpid(kill(p.pid, SIGTERM) == 0 ? p.pid : -1, nullptr, 0);
+        for (auto& p : s_peers)
+            p.reset();
     }
-    void SetUp() override { m_op = vesk_utility_new_url_operate(0x55, "url test"); ASSERT_NE(m_op, nullptr); }
+    void SetUp() override
+    {
+        m_op = vesk_utility_new_url_operate(0x55, "url test");
+        ASSERT_NE(m_op, nullptr);
+    }
     void TearDown() override { EXPECT_EQ(vesk_utility_delete_url_operate(m_op, __FILE__, __func__), VESK_OK); }
 
-    static std::string http(const std::string& path) { return "http://127.0.0.1:" + std::to_string(s_http.port) + path; }
-    static std::string ftp(const std::string& path) { return "ftp://127.0.0.1:" + std::to_string(s_ftp.port) + path; }
+    static std::string http(const std::string& path) { return "http://127.0.0.1:" + std::to_string(s_http) + path; }
+    static std::string ftp(const std::string& path) { return "ftp://127.0.0.1:" + std::to_string(s_ftp) + path; }
 
     static std::string s_dir, s_srv;
-    static peer s_http, s_https, s_ftp;
+    static int s_http, s_https, s_ftp;
+    static std::unique_ptr<bg_process> s_peers[3];
     vesk_url_operate* m_op = nullptr;
 };
 std::string url_test::s_dir, url_test::s_srv;
-peer url_test::s_http, url_test::s_https, url_test::s_ftp;
+int url_test::s_http, url_test::s_https, url_test::s_ftp;
+std::unique_ptr<bg_process> url_test::s_peers[3];
 
 } // namespace
 
@@ -136,7 +106,7 @@ TEST_F(url_test, LargeFilesRoundTripByteExactOverHttpAndFtp)
         ASSERT_EQ(m_op->upload_file(u.url.c_str(), big.c_str(), u.method), VESK_OK) << u.url << m_op->get_last_error();
         EXPECT_EQ(sha256_of(s_srv + "/" + u.stored), want) << u.url;
     }
-    EXPECT_EQ(shell("cat " + s_srv + "/post.bin.type"), "application/octet-stream");
+    EXPECT_EQ(capture("cat " + s_srv + "/post.bin.type"), "application/octet-stream");
     EXPECT_EQ(m_op->get_http_code(), 226);  // FTP: transfer complete
     // Back again: plain, chunked, through redirects, over FTP.
     for (const std::string& url : {http("/files/big.bin"), http("/chunked/big.bin"),
@@ -181,20 +151,26 @@ TEST_F(url_test, BuffersJsonAndOneShotCalls)
     EXPECT_EQ(m_op->post_json(http("/json").c_str(), "{oops", answer, sizeof(answer), &len), VESK_ERR_FAIL);
     EXPECT_EQ(m_op->get_http_code(), 400);
     EXPECT_STREQ(answer, "{\"error\": \"not JSON\"}");
-    // The one-shot calls.
-    int code = 0;
-    EXPECT_EQ(vesk_utility_http_get(http("/status/203").c_str(), answer, sizeof(answer), &len, &code, 0), VESK_OK);
-    EXPECT_EQ(code, 203);
-    EXPECT_STREQ(answer, "status 203");
-    EXPECT_EQ(vesk_utility_http_get(http("/status/404").c_str(), answer, sizeof(answer), &len, &code, 5000), VESK_ERR_FAIL);
-    EXPECT_EQ(code, 404);
-    EXPECT_STREQ(answer, "status 404");
-    EXPECT_EQ(vesk_utility_http_post(http("/echo").c_str(), "text/x-log", "line 1\n", 7, answer, sizeof(answer), &len,
-                                     &code, 0),
-              VESK_OK);
-    EXPECT_STREQ(answer, "line 1\n");
-    EXPECT_EQ(vesk_utility_http_get(http("/files/small.bin").c_str(), answer, sizeof(answer), &len, &code, 0),
-              VESK_ERR_OPERATE_FAIL);
+    // The one-shot calls: a GET, or a POST when there is a body.
+    const struct {
+        const char* path;
+        const char* body;
+        VESK_ERR err;
+        int code;
+        const char* answer;
+    } shots[] = {{"/status/203", nullptr, VESK_OK, 203, "status 203"}, {"/status/404", nullptr, VESK_ERR_FAIL, 404, "status 404"},
+        {"/echo", "line 1\n", VESK_OK, 200, "line 1\n"}, {"/files/small.bin", nullptr, VESK_ERR_OPERATE_FAIL, 200, ""}};
+    for (const auto& c : shots) {
+        int code = 0;
+        const std::string url = http(c.path);
+        EXPECT_EQ(c.body == nullptr ? vesk_utility_http_get(url.c_str(), answer, sizeof(answer), &len, &code, 5000)
+                                    : vesk_utility_http_post(url.c_str(), "text/x-log", c.body, strlen(c.body), answer,
+                                        sizeof(answer), &len, &code, 0),
+            c.err)
+            << c.path;
+        EXPECT_EQ(code, c.code) << c.path;
+        EXPECT_STREQ(answer, c.answer) << c.path;
+    }
 }
 
 TEST_F(url_test, FailuresCarryTheirCodeAndText)
@@ -226,6 +202,19 @@ TEST_F(url_test, FailuresCarryTheirCodeAndText)
         EXPECT_EQ(m_op->get_last_error()[0] != '\0', c.err != VESK_OK) << c.url << ": " << m_op->get_last_error();
     }
     EXPECT_EQ(m_op->upload_file(http("/files/x").c_str(), "/no/such/file", VESK_URL_PUT), VESK_ERR_OPERATE_FAIL);
+
+    // Arguments refused before any transfer: no URL, buffer or file, an unknown method, a
+    // limit of zero, a field longer than its room.
+    const std::string url = http("/files/small.bin"), long_name(300, 'u');
+    unsigned n = 0;
+    const VESK_ERR refused[] = {m_op->set_timeout(0, 1000), m_op->set_timeout(1000, 0), m_op->set_low_speed(0, 5),
+        m_op->set_low_speed(5, 0), m_op->set_user(long_name.c_str(), ""), m_op->set_proxy(long_name.c_str()),
+        m_op->download_buf("", buf, sizeof(buf), &n), m_op->download_buf(url.c_str(), nullptr, 8, &n),
+        m_op->download_file(url.c_str(), "", nullptr), m_op->upload_buf(url.c_str(), nullptr, 1, VESK_URL_PUT),
+        m_op->upload_file(url.c_str(), "/etc/hostname", static_cast<vesk_url_method>(7)),
+        m_op->post_json(url.c_str(), nullptr, buf, sizeof(buf), &n)};
+    for (size_t i = 0; i < sizeof(refused) / sizeof(refused[0]); i++)
+        EXPECT_EQ(refused[i], VESK_ERR_INVALID_PARAM) << "row " << i;
 }
 
 TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
@@ -233,7 +222,7 @@ TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
     const std::string dir = s_dir + "/keep", path = dir + "/image.bin";
     ASSERT_EQ(run("mkdir -p " + dir + " && echo old >" + path), 0);
     uint8_t md5[16], bad[16];  // md5sum's digest, and one with a bit flipped
-    const std::string hex = shell("md5sum " + s_srv + "/small.bin");
+    const std::string hex = capture("md5sum " + s_srv + "/small.bin");
     for (int i = 0; i < 16; i++)
         bad[i] = md5[i] = static_cast<uint8_t>(std::stoi(hex.substr(2 * i, 2), nullptr, 16));
     bad[15] ^= 1;
@@ -247,7 +236,7 @@ TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
                  {http("/files/small.bin"), bad, VESK_ERR_OPERATE_FAIL}};
     for (const auto& c : cases) {
         EXPECT_EQ(m_op->download_file(c.url.c_str(), path.c_str(), c.md5), c.err) << c.url;
-        EXPECT_EQ(shell("cat " + path), "old\n") << c.url;
+        EXPECT_EQ(capture("cat " + path), "old\n") << c.url;
         EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << c.url << ": a temporary file was left";
     }
     EXPECT_EQ(m_op->download_file(http("/chunked/small.bin").c_str(), path.c_str(), md5), VESK_OK)
@@ -291,7 +280,7 @@ TEST_F(url_test, StallCancelAndProgressAbortEndTransfers)
 // The certificate names 127.0.0.1 only; the environment's proxy points where nothing listens.
 TEST_F(url_test, TlsVerifiesAgainstTheCaFileAndProxyIsUsedOnlyWhenSet)
 {
-    const std::string port = std::to_string(s_https.port), ca = s_dir + "/cert.pem";
+    const std::string port = std::to_string(s_https), ca = s_dir + "/cert.pem";
     const std::string by_ip = "https://127.0.0.1:" + port + "/files/small.bin";
     const std::string by_name = "https://localhost:" + port + "/files/small.bin";
     static char buf[200000];
