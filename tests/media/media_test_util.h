@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -24,14 +26,8 @@ inline std::string scratch(const std::string& name)
 
 inline bytes read_all(const std::string& path)
 {
-    bytes out;
-    if (FILE* f = fopen(path.c_str(), "rb")) {
-        uint8_t buf[65536];
-        for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;)
-            out.insert(out.end(), buf, buf + n);
-        fclose(f);
-    }
-    return out;
+    std::ifstream in(path, std::ios::binary);
+    return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 inline bytes concat(std::initializer_list<bytes> parts)
@@ -42,13 +38,20 @@ inline bytes concat(std::initializer_list<bytes> parts)
     return all;
 }
 
+// Little-endian fields of `width` bytes each.
+inline bytes le(std::initializer_list<uint32_t> values, int width)
+{
+    bytes b;
+    for (uint32_t v : values)
+        for (int i = 0; i < width; i++)
+            b.push_back(uint8_t(v >> (8 * i)));
+    return b;
+}
+
 inline bool write_all(const std::string& path, const bytes& data)
 {
-    FILE* f = fopen(path.c_str(), "wb");
-    if (f == nullptr)
-        return false;
-    const bool ok = fwrite(data.data(), 1, data.size(), f) == data.size();
-    return fclose(f) == 0 && ok;
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    return bool(out.write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size())).flush());
 }
 
 // Runs a shell command quietly; true on exit status 0.
@@ -75,18 +78,18 @@ inline bool sox(const std::string& args)
 
 inline std::vector<std::string> lines_of(const std::string& cmd)
 {
-    std::vector<std::string> out;
+    std::vector<std::string> out(1);
     FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr)
-        return out;
-    char line[8192];
-    while (fgets(line, sizeof(line), p) != nullptr) {
-        std::string s(line);
-        while (!s.empty() && (s.back() == '\n' || s.back() == '\r'))
-            s.pop_back();
-        out.push_back(s);
+    for (int c; p != nullptr && (c = fgetc(p)) != EOF;) {
+        if (c == '\n')
+            out.emplace_back();
+        else
+            out.back().push_back(char(c));
     }
-    pclose(p);
+    if (p != nullptr)
+        pclose(p);
+    if (out.back().empty())
+        out.pop_back();
     return out;
 }
 

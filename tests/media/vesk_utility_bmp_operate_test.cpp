@@ -129,21 +129,12 @@ TEST(BmpOperateTest, TopDownBitFieldFileAgreesWithPil)
 {
     if (!sh("/usr/bin/python3 -c 'import PIL'"))
         GTEST_SKIP() << "python3-pil not installed";
-    // A top-down 32-bit file with a V4 header and alpha, written by hand.
-    bytes f(14 + 108);
-    auto p32 = [&](size_t at, uint32_t v) {
-        for (int i = 0; i < 4; ++i)
-            f[at + i] = uint8_t(v >> (8 * i));
-    };
-    f[0] = 'B', f[1] = 'M', f[26] = 1, f[28] = 32;
-    const uint32_t fields[][2] = {{10, 14 + 108}, {14, 108}, {18, W}, {22, uint32_t(-int32_t(H))}, {30, 3},
-        {54, 0x00FF0000}, {58, 0x0000FF00}, {62, 0x000000FF}, {66, 0xFF000000}};
-    for (const auto& field : fields)
-        p32(field[0], field[1]);
+    // A top-down 32-bit file with a V4 header, bit fields and alpha, written by hand.
+    bytes pixels;
     for (uint32_t i = 0; i < W * H; ++i)
-        for (int b = 0; b < 4; ++b)
-            f.push_back(uint8_t(((k_colours[index_at(i % W, i / W)] & 0xFFFFFF) | (i * 7 & 0xFF) << 24) >> (8 * b)));
-    p32(2, uint32_t(f.size()));
+        pixels = concat({pixels, le({(k_colours[index_at(i % W, i / W)] & 0xFFFFFF) | (i * 7 & 0xFF) << 24}, 4)});
+    const bytes f = concat({{'B', 'M'}, le({14 + 108 + W * H * 4, 0, 14 + 108, 108, W, uint32_t(-int32_t(H))}, 4),
+        le({1, 32}, 2), le({3, 0, 0, 0, 0, 0, 0x00FF0000, 0x0000FF00, 0x000000FF, 0xFF000000}, 4), bytes(108 - 56), pixels});
     const std::string path = scratch("topdown.bmp");
     ASSERT_TRUE(write_all(path, f));
     ASSERT_TRUE(sh("/usr/bin/python3 -c \"from PIL import Image; im = Image.open('" + path

@@ -37,12 +37,15 @@ vesk_image wrap(uint32_t format, uint32_t w, uint32_t h, bytes& buf)
     return img;
 }
 
-bytes convert(uint32_t from, bytes in, uint32_t to, vesk_color_matrix m, uint32_t w = W, uint32_t h = H)
+// `in` (w x h of `from`), cropped to `crop` when given, converted into an ow x oh picture
+// (w x h when 0) of `to`; the call must answer `want`.
+bytes convert(uint32_t from, bytes in, uint32_t to, vesk_color_matrix m, uint32_t w = W, uint32_t h = H,
+    const vesk_real_rect* crop = nullptr, uint32_t ow = 0, uint32_t oh = 0, VESK_ERR want = VESK_OK)
 {
     bytes out;
     const vesk_image src = wrap(from, w, h, in);
-    vesk_image dst = wrap(to, w, h, out);
-    EXPECT_EQ(vesk_utility_image_convert(&src, nullptr, &dst, m), VESK_OK) << from << "->" << to;
+    vesk_image dst = wrap(to, ow != 0 ? ow : w, oh != 0 ? oh : h, out);
+    EXPECT_EQ(vesk_utility_image_convert(&src, crop, &dst, m), want) << from << "->" << to;
     return out;
 }
 
@@ -108,52 +111,37 @@ TEST(ImageTest, ConversionsAgreeWithFfmpegWithinTwo)
 TEST(ImageTest, CropScaleAndOddSizes)
 {
     const bytes rgb = pattern_rgb24();
-    bytes in = rgb, out;
-    const vesk_image src = wrap(VESK_PIX_RGB24, W, H, in);
     // A crop across four blocks, into BGR24: each pixel is the source's, bytes swapped.
-    const vesk_real_rect crop = {4, 6, 16, 10};
-    vesk_image dst = wrap(VESK_PIX_BGR24, 16, 10, out);
-    ASSERT_EQ(vesk_utility_image_convert(&src, &crop, &dst, VESK_MATRIX_BT601), VESK_OK);
+    const vesk_real_rect crop = {4, 6, 16, 10}, even = {8, 16, 24, 16}, block = {16, 8, 8, 8};
+    const bytes swapped = convert(VESK_PIX_RGB24, rgb, VESK_PIX_BGR24, VESK_MATRIX_BT601, W, H, &crop, 16, 10);
     int wrong = 0;
     for (uint32_t i = 0; i < 16 * 10 * 3; ++i)
-        wrong += out[i] != rgb[((i / 48 + 6) * W + i / 3 % 16 + 4) * 3 + 2 - i % 3];
+        wrong += swapped[i] != rgb[((i / 48 + 6) * W + i / 3 % 16 + 4) * 3 + 2 - i % 3];
     EXPECT_EQ(wrong, 0);
-
     // YUV crops move the chroma with the luma: cropping NV21 then converting equals converting
     // then cropping. Odd or empty YUV crops are refused.
     const bytes nv21 = convert(VESK_PIX_RGB24, rgb, VESK_PIX_NV21, VESK_MATRIX_BT709);
     const bytes whole = convert(VESK_PIX_NV21, nv21, VESK_PIX_RGB24, VESK_MATRIX_BT709);
-    bytes nv_in = nv21, cropped;
-    const vesk_image nv = wrap(VESK_PIX_NV21, W, H, nv_in);
-    const vesk_real_rect even = {8, 16, 24, 16};
-    vesk_image c_rgb = wrap(VESK_PIX_RGB24, 24, 16, cropped);
-    ASSERT_EQ(vesk_utility_image_convert(&nv, &even, &c_rgb, VESK_MATRIX_BT709), VESK_OK);
+    const bytes cropped = convert(VESK_PIX_NV21, nv21, VESK_PIX_RGB24, VESK_MATRIX_BT709, W, H, &even, 24, 16);
     for (uint32_t y = 0; y < 16; ++y)
         EXPECT_EQ(memcmp(&cropped[y * 72], &whole[((y + 16) * W + 8) * 3], 72), 0) << y;
-    for (const vesk_real_rect bad : {vesk_real_rect {1, 0, 8, 8}, {0, 3, 8, 8}, {60, 0, 8, 8}, {0, 0, 0, 8}}) {
-        vesk_image any = wrap(VESK_PIX_RGB24, uint32_t(bad.w ? bad.w : 8), 8, out);
-        EXPECT_EQ(vesk_utility_image_convert(&nv, &bad, &any, VESK_MATRIX_BT709), VESK_ERR_INVALID_PARAM) << bad.x << "," << bad.y;
-    }
+    for (const vesk_real_rect bad : {vesk_real_rect {1, 0, 8, 8}, {0, 3, 8, 8}, {60, 0, 8, 8}, {0, 0, 0, 8}})
+        convert(VESK_PIX_NV21, nv21, VESK_PIX_RGB24, VESK_MATRIX_BT709, W, H, &bad, 8, 8, VESK_ERR_INVALID_PARAM);
 
     // A block blown up four times stays its colour (magenta; a neighbour leaking in moves G).
-    const vesk_real_rect block = {16, 8, 8, 8};
-    vesk_image big = wrap(VESK_PIX_ARGB8888, 32, 32, out);
-    ASSERT_EQ(vesk_utility_image_convert(&src, &block, &big, VESK_MATRIX_BT601), VESK_OK);
+    const bytes big = convert(VESK_PIX_RGB24, rgb, VESK_PIX_ARGB8888, VESK_MATRIX_BT601, W, H, &block, 32, 32);
     const uint8_t magenta[4] = {255, 0, 255, 255};
-    for (size_t i = 0; i < out.size(); ++i)
-        ASSERT_NEAR(out[i], magenta[i % 4], 2) << i;
+    for (size_t i = 0; i < big.size(); ++i)
+        ASSERT_NEAR(big[i], magenta[i % 4], 2) << i;
+    // Halved, each block keeps its colour inside it, against the same YUV unscaled.
     for (const auto& f : k_yuv) {
-        // Halved, each block keeps its colour inside it, against the same YUV unscaled.
         const bytes yuv = convert(VESK_PIX_RGB24, rgb, f.format, VESK_MATRIX_BT601_FULL);
         const bytes full = convert(f.format, yuv, VESK_PIX_RGB24, VESK_MATRIX_BT601_FULL);
-        bytes y_in = yuv, small;
-        const vesk_image ys = wrap(f.format, W, H, y_in);
-        vesk_image half = wrap(VESK_PIX_RGB24, W / 2, H / 2, small);
-        ASSERT_EQ(vesk_utility_image_convert(&ys, nullptr, &half, VESK_MATRIX_BT601_FULL), VESK_OK);
+        const bytes small = convert(f.format, yuv, VESK_PIX_RGB24, VESK_MATRIX_BT601_FULL, W, H, nullptr, W / 2, H / 2);
         for (uint32_t y = 1; y < H / 2; y += 4)
             for (uint32_t x = 1; x < W / 2; x += 4)
                 for (int c = 0; c < 3; ++c)
-                    EXPECT_NEAR(small[(y * W / 2 + x) * 3 + c], full[((2 * y) * W + 2 * x) * 3 + c], 2) << f.name << " " << x << "," << y;
+                    EXPECT_NEAR(small[(y * W / 2 + x) * 3 + c], full[(2 * y * W + 2 * x) * 3 + c], 2) << f.name << " " << x << "," << y;
     }
 
     // An odd-sized picture converts like the same pixels inside one a pixel larger, whose last

@@ -22,22 +22,17 @@ const _tagVeskFrameHeader k_header = {VESK_FRAME_STARTCODE, VESK_FRAME_TYPE_I, 7
 
 // One RTP packet: fixed header (V=2, `cc` CSRCs of 0x11 bytes), then `ext` as the raw
 // extension area when given, then the payload.
-bytes rtp_packet(uint8_t pt, const bytes& payload, uint16_t seq = 1, int cc = 0, const bytes* ext = nullptr)
+bytes rtp_packet(uint8_t pt, const bytes& payload, uint16_t seq = 1, int cc = 0, const bytes& ext = {})
 {
-    bytes p = {uint8_t(0x80 | (ext != nullptr ? 0x10 : 0) | cc), pt, uint8_t(seq >> 8), uint8_t(seq), 0, 0, 0x0B, 0xB8,
-        0xDE, 0xAD, 0xBE, 0xEF};
-    p.insert(p.end(), 4 * size_t(cc), 0x11);
-    if (ext != nullptr)
-        p.insert(p.end(), ext->begin(), ext->end());
-    p.insert(p.end(), payload.begin(), payload.end());
-    return p;
+    const bytes fixed = {uint8_t(0x80 | (ext.empty() ? 0 : 0x10) | cc), pt, uint8_t(seq >> 8), uint8_t(seq), 0, 0, 0x0B,
+        0xB8, 0xDE, 0xAD, 0xBE, 0xEF};
+    return concat({fixed, bytes(4 * size_t(cc), 0x11), ext, payload});
 }
 
 // '$', channel, big-endian length, packet.
-void interleave(bytes& out, const bytes& packet, uint8_t channel = 0)
+bytes framed(const bytes& packet, uint8_t channel = 0)
 {
-    out.insert(out.end(), {'$', channel, uint8_t(packet.size() >> 8), uint8_t(packet.size())});
-    out.insert(out.end(), packet.begin(), packet.end());
+    return concat({{'$', channel, uint8_t(packet.size() >> 8), uint8_t(packet.size())}, packet});
 }
 
 bytes header_bytes(const _tagVeskFrameHeader& h)
@@ -45,12 +40,12 @@ bytes header_bytes(const _tagVeskFrameHeader& h)
     return bytes(reinterpret_cast<const uint8_t*>(&h), reinterpret_cast<const uint8_t*>(&h + 1));
 }
 
-// Interleaves one packet per payload, with sequence numbers 1, 2, ...
+// One interleaved packet per payload, with sequence numbers 1, 2, ...
 bytes stream(std::initializer_list<bytes> payloads, bytes in = {})
 {
     uint16_t seq = 1;
     for (const bytes& payload : payloads)
-        interleave(in, rtp_packet(k_pt, payload, seq++));
+        in = concat({in, framed(rtp_packet(k_pt, payload, seq++))});
     return in;
 }
 
@@ -80,38 +75,30 @@ uint32_t be32(const uint8_t* p)
 
 TEST(RtpTest, UnitsFragmentsExtensionsAndDamagedPackets)
 {
-    bytes one_short = stream({{0x41, 3, 4, 5}}), csrc_overrun, ext_overrun, no_ext_length, ext1, ext_or, marked;
-    one_short.pop_back();
-    const bytes long_ext = {0xBE, 0xDE, 0x00, 0x40, 1, 2, 3, 4}, ext_len1 = {0xBE, 0xDE, 0, 1, 7, 7, 7, 7};
-    bytes ext_0x100(260, 0xEE);
-    ext_0x100[0] = 0xBE, ext_0x100[1] = 0xDE, ext_0x100[2] = 0x01, ext_0x100[3] = 0x00;
-    interleave(csrc_overrun, bytes {0x8F, k_pt, 0, 2, 0, 0, 0, 0, 1, 2, 3, 4, 0x41, 9}); // 15 CSRCs in 14 bytes
-    interleave(csrc_overrun, rtp_packet(k_pt, {0x41, 7}));                                 // never reached
-    interleave(ext_overrun, rtp_packet(k_pt, {0x41, 9, 9}, 3, 0, &long_ext));
-    interleave(no_ext_length, bytes {0x90, k_pt, 0, 3, 0, 0, 0, 0, 1, 2, 3, 4, 0x41});
-    interleave(ext1, rtp_packet(k_pt, {0x41, 8}, 3, 0, &ext_len1));
-    // Length field 0x0100: receivers of this system skip (1 * 256) | ((0 + 1) * 4) = 260 bytes.
-    interleave(ext_or, rtp_packet(k_pt, {0x41, 0x9A}, 3, 0, &ext_0x100));
-    interleave(marked, rtp_packet(k_pt | 0x80, {0x65, 8}, 3), 1); // marker bit, channel 1: ignored
-    const bytes first = concat({k_start, {0x41, 1, 2}});
+    const bytes one_short = stream({{0x41, 3, 4, 5}}), first = concat({k_start, {0x41, 1, 2}});
+    const bytes fifteen_csrcs = {0x8F, k_pt, 0, 2, 0, 0, 0, 0, 1, 2, 3, 4, 0x41, 9}; // in 14 bytes
     // Each row follows a first packet holding {0x41, 1, 2}.
     const struct {
         const char* what;
         bytes tail, want;
     } rows[] = {
-        {"a marked packet on channel 1", marked, concat({first, k_start, {0x65, 8}})},
+        {"a marked packet on channel 1", framed(rtp_packet(k_pt | 0x80, {0x65, 8}), 1), concat({first, k_start, {0x65, 8}})},
         {"FU-A start, middle, end: the NAL header rebuilt from F, NRI and the type",
             stream({{0x7C, 0x85, 1, 2}, {0x7C, 0x05, 3}, {0x7C, 0x45, 4}}), concat({first, k_start, {0x65, 1, 2, 3, 4}})},
         {"FU-A without a start: appended behind what came before; a set F bit kept",
             stream({{0x7C, 0x05, 4, 5}, {0xFC, 0x81, 7}}), concat({first, {4, 5}, k_start, {0xE1, 7}})},
         {"header exactly fills the packet: an empty unit", stream({{}, {0x41, 7}}), concat({first, k_start, k_start, {0x41, 7}})},
         {"FU-A without its FU header adds nothing", stream({{0x7C}, {0x41, 7}}), concat({first, k_start, {0x41, 7}})},
-        {"an extension of one word", ext1, concat({first, k_start, {0x41, 8}})},
-        {"extension length 0x0100 is read as an OR", ext_or, concat({first, k_start, {0x41, 0x9A}})},
-        {"last packet one byte short", one_short, first},
-        {"CSRCs run past the packet", csrc_overrun, first},
-        {"extension runs past the packet", ext_overrun, first},
-        {"X bit with no room for the length field", no_ext_length, first},
+        {"an extension of one word", framed(rtp_packet(k_pt, {0x41, 8}, 3, 0, {0xBE, 0xDE, 0, 1, 7, 7, 7, 7})),
+            concat({first, k_start, {0x41, 8}})},
+        // Receivers of this system skip (1 * 256) | ((0 + 1) * 4) = 260 bytes for length 0x0100.
+        {"extension length 0x0100 is read as an OR",
+            framed(rtp_packet(k_pt, {0x41, 0x9A}, 3, 0, concat({{0xBE, 0xDE, 1, 0}, bytes(256, 0xEE)}))),
+            concat({first, k_start, {0x41, 0x9A}})},
+        {"last packet one byte short", bytes(one_short.begin(), one_short.end() - 1), first},
+        {"CSRCs run past the packet", concat({framed(fifteen_csrcs), stream({{0x41, 7}})}), first},
+        {"extension runs past the packet", framed(rtp_packet(k_pt, {0x41, 9, 9}, 3, 0, {0xBE, 0xDE, 0, 0x40, 1, 2, 3, 4})), first},
+        {"X bit with no room for the length field", framed({0x90, k_pt, 0, 3, 0, 0, 0, 0, 1, 2, 3, 4, 0x41}), first},
         {"fewer than four bytes after the last packet", {'$', 0, 0}, first},
     };
     for (const auto& r : rows) {
@@ -122,9 +109,7 @@ TEST(RtpTest, UnitsFragmentsExtensionsAndDamagedPackets)
 
     // Payload type 98 ends the call with the capacity left as the size; what came before it
     // was written all the same.
-    bytes in = stream({{0x41, 1, 2}});
-    interleave(in, rtp_packet(98 | 0x80, {0x41, 3, 4}));
-    in = stream({{0x41, 5, 6}}, in);
+    const bytes in = stream({{0x41, 5, 6}}, concat({stream({{0x41, 1, 2}}), framed(rtp_packet(98 | 0x80, {0x41, 3, 4}))}));
     const result r = convert(in, 5);
     EXPECT_EQ(r.err, VESK_OK);
     EXPECT_EQ(r.out_size, int(in.size()) + 5);
@@ -228,7 +213,7 @@ TEST(RtpTest, FfmpegClipJoinedDecodesToTheSamePictures)
         bytes in = frames % 2 == 1 ? header_bytes(h) : bytes {};
         const size_t body = in.size();
         for (size_t i = first; i <= last; ++i)
-            interleave(in, packets[i]);
+            in = concat({in, framed(packets[i])});
         const result r = convert(in);
         ASSERT_EQ(r.err, VESK_OK);
         ASSERT_GT(r.out.size(), body);

@@ -43,21 +43,10 @@ bytes read_samples(const std::string& path, vesk_wav_format* fmt)
     return out;
 }
 
-// Little-endian building blocks of hand-made files.
-bytes le(std::initializer_list<uint32_t> values, int width)
-{
-    bytes b;
-    for (uint32_t v : values)
-        for (int i = 0; i < width; i++)
-            b.push_back(uint8_t(v >> (8 * i)));
-    return b;
-}
+// Building blocks of hand-made files; odd chunks are padded to even.
 bytes chunk(const char* id, const bytes& body, uint32_t size_field)
 {
-    bytes b = concat({bytes(id, id + 4), le({size_field}, 4), body});
-    if (body.size() & 1)
-        b.push_back(0);
-    return b;
+    return concat({bytes(id, id + 4), le({size_field}, 4), body, bytes(body.size() & 1)});
 }
 bytes fmt_body(uint16_t tag, uint16_t ch, uint32_t rate, uint16_t bits, uint16_t align)
 {
