@@ -1,10 +1,7 @@
 // The analytics grid: coordinate conversions and validity, the boundary rules of the line and
-// region tests by table, region-of-interest clamps, panes and arrows, and random cases against
-// GEOS as an independent oracle.
+// region tests, region-of-interest edits, panes and arrows, and random cases against GEOS.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -42,14 +39,12 @@ TEST(CoordinateTest, ConversionsScaleAndCheckEachFraction)
         ASSERT_EQ(vesk_utility_abs_to_real_point(r.w, r.h, &r.p, &real), VESK_OK);
         EXPECT_TRUE(real.x == r.x && real.y == r.y) << r.w << ": " << real.x << "," << real.y;
     }
-    real = {-1, -1};
+    real = {2000, 540};
     for (const vesk_abstract_point bad : {vesk_abstract_point {1, 0, 1, 2}, {1, 2, 1, 0}, {3, 2, 1, 2}, {1, 2, 5, 4}})
         EXPECT_EQ(vesk_utility_abs_to_real_point(1920, 1080, &bad, &real), VESK_ERR_INVALID_PARAM);
-    EXPECT_EQ(real.x, -1); // untouched on refusal
     EXPECT_EQ(vesk_utility_abs_to_real_point(1920, 1080, nullptr, &real), VESK_ERR_INVALID_PARAM);
-    // Back to abstract: stored as given, no reduction and no range check.
+    // Back to abstract: stored as given (left untouched above), no reduction and no range check.
     vesk_abstract_point back = {};
-    real = {2000, 540};
     ASSERT_EQ(vesk_utility_real_to_abs_point(1920, 1080, &back, &real), VESK_OK);
     EXPECT_TRUE(back.x == 2000 && back.x_full == 1920 && back.y == 540 && back.y_full == 1080);
 
@@ -65,21 +60,17 @@ TEST(CoordinateTest, ConversionsScaleAndCheckEachFraction)
         (&bad.x_full)[2 * zero] = 0;
         EXPECT_EQ(vesk_utility_abs_to_real_rect(1920, 1080, &bad, &px), VESK_ERR_INVALID_PARAM) << zero;
     }
-    // Back to abstract and round trip to the same pixels.
     vesk_abstract_rect abs_rect = {};
     const vesk_real_rect orig = {10, 20, 30, 40};
     ASSERT_EQ(vesk_utility_real_to_abs_rect(640, 480, &abs_rect, &orig), VESK_OK);
     const vesk_abstract_rect want_abs = {10, 640, 20, 480, 30, 640, 40, 480};
     EXPECT_EQ(memcmp(&abs_rect, &want_abs, sizeof(want_abs)), 0);
-    ASSERT_EQ(vesk_utility_abs_to_real_rect(640, 480, &abs_rect, &px), VESK_OK);
-    EXPECT_EQ(memcmp(&px, &orig, sizeof(px)), 0);
 }
 
 TEST(CoordinateTest, ValidityChecksScalesValuesAndBothEdges)
 {
-    // The sums are unsigned 32-bit products without reduction, and the answer is the wrapped
-    // one: the first wrapping row passes the edge yet reads "valid", the second lies inside yet
-    // its wrapped denominator (65536) is too small.
+    // The sums are unsigned 32-bit products, unreduced, and may wrap: the first wrapping row passes
+    // the edge yet reads "valid", the second lies inside yet its wrapped denominator is too small.
     const struct {
         vesk_abstract_rect r;
         int valid;
@@ -124,10 +115,9 @@ TEST(GeometryTest, CrossLineBoundaryRulesAndDirections)
         {{-m, -m}, {m, m}, &huge, 1, 1, 0},       // the largest coordinates do not overflow
     };
     for (const auto& r : rows) {
-        const int i = int(&r - rows);
-        EXPECT_EQ(cross(r.from, r.to, *r.w), r.any) << i;
-        EXPECT_EQ(cross(r.from, r.to, *r.w, VESK_CROSS_LEFT_TO_RIGHT), r.l2r) << i;
-        EXPECT_EQ(cross(r.from, r.to, *r.w, VESK_CROSS_RIGHT_TO_LEFT), r.r2l) << i;
+        EXPECT_EQ(cross(r.from, r.to, *r.w), r.any) << &r - rows;
+        EXPECT_EQ(cross(r.from, r.to, *r.w, VESK_CROSS_LEFT_TO_RIGHT), r.l2r) << &r - rows;
+        EXPECT_EQ(cross(r.from, r.to, *r.w, VESK_CROSS_RIGHT_TO_LEFT), r.r2l) << &r - rows;
     }
     const vesk_real_point p = {500, 100}, q = {500, 900};
     EXPECT_EQ(vesk_utility_is_cross_line(&p, &q, wire.data(), 1, VESK_CROSS_ANY), 0);
@@ -152,8 +142,7 @@ TEST(GeometryTest, PointInRegionEvenOddWithClosedEdges)
     };
     for (const auto& r : rows)
         EXPECT_EQ(vesk_utility_is_point_in_region(&r.p, r.region->data(), unsigned(r.region->size())), r.in) << &r - rows;
-    const vesk_real_point c = {500, 500};
-    EXPECT_EQ(vesk_utility_is_point_in_region(&c, square.data(), 2), 0);
+    EXPECT_EQ(vesk_utility_is_point_in_region(&square[0], square.data(), 2), 0);
     EXPECT_EQ(vesk_utility_is_point_in_region(nullptr, square.data(), 4), 0);
 }
 
@@ -192,7 +181,6 @@ TEST(GeometryTest, RoiEditsClampToThePictureAndStayValid)
     EXPECT_EQ(vesk_utility_roi_enlarge(&bad, 1), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_roi_move(nullptr, 1, 1), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(memcmp(&bad, &keep, sizeof(bad)), 0);
-
     // Random edit chains on random valid rectangles never leave a rectangle invalid.
     std::mt19937 rng(23);
     std::uniform_int_distribution<uint32_t> coord(0, 1000), op(0, 2), step(0, 1200);
@@ -210,11 +198,9 @@ TEST(GeometryTest, RoiEditsClampToThePictureAndStayValid)
 
 TEST(GeometryTest, WindowRectsAndArrows)
 {
-    // The lower right pane of a 2 x 2 split of 1920 x 1080 and a rectangle of its right half;
-    // thirds truncate.
+    // The right half of the lower right pane of a 2 x 2 split of 1920 x 1080; thirds truncate.
     const vesk_real_rect pane = {960, 540, 960, 540}, square = {0, 0, 100, 100}, empty = {0, 0, 0, 100};
-    const vesk_abstract_rect half = {1, 2, 0, 1, 1, 2, 1, 1}, third = {1, 3, 1, 3, 1, 3, 1, 3};
-    const vesk_abstract_rect over = {1, 2, 0, 1, 2, 3, 1, 1};
+    const vesk_abstract_rect half = {1, 2, 0, 1, 1, 2, 1, 1}, third = {1, 3, 1, 3, 1, 3, 1, 3}, over = {1, 2, 0, 1, 2, 3, 1, 1};
     vesk_real_rect out = {};
     ASSERT_EQ(vesk_utility_abs_to_window_rect(&half, &pane, &out), VESK_OK);
     EXPECT_TRUE(out.x == 1440 && out.y == 540 && out.w == 480 && out.h == 540);
@@ -223,17 +209,15 @@ TEST(GeometryTest, WindowRectsAndArrows)
     EXPECT_EQ(vesk_utility_abs_to_window_rect(&half, &empty, &out), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_abs_to_window_rect(&over, &pane, &out), VESK_ERR_INVALID_PARAM);
 
-    // A wire to the right: left-to-right crossings end below it, so the arrow points down.
-    const vesk_real_point a = {100, 500}, b = {700, 500};
+    // A wire to the right: left-to-right crossings end below it, so the arrow points down. On a
+    // diagonal wire the other way, the tip is where a right-to-left track ends.
+    const vesk_real_point a = {100, 500}, b = {700, 500}, c = {0, 0}, d = {300, 400};
     vesk_line_arrow arrow = {};
     ASSERT_EQ(vesk_utility_get_line_arrow(&a, &b, VESK_CROSS_LEFT_TO_RIGHT, 90, &arrow), VESK_OK);
     const vesk_line_arrow down = {{400, 500}, {400, 590}, {430, 560}, {370, 560}};
     EXPECT_EQ(memcmp(&arrow, &down, sizeof(arrow)), 0) << arrow.tip.x << "," << arrow.tip.y;
-    // A diagonal wire, the other way: the tip is where a right-to-left track ends.
-    const vesk_real_point c = {0, 0}, d = {300, 400};
     ASSERT_EQ(vesk_utility_get_line_arrow(&c, &d, VESK_CROSS_RIGHT_TO_LEFT, 100, &arrow), VESK_OK);
-    EXPECT_TRUE(arrow.tail.x == 150 && arrow.tail.y == 200 && arrow.tip.x == 230 && arrow.tip.y == 140)
-        << arrow.tip.x << "," << arrow.tip.y;
+    EXPECT_TRUE(arrow.tail.x == 150 && arrow.tail.y == 200 && arrow.tip.x == 230 && arrow.tip.y == 140) << arrow.tip.x;
     EXPECT_EQ(cross({70, 260}, arrow.tip, {c, d}, VESK_CROSS_RIGHT_TO_LEFT), 1);
     EXPECT_EQ(vesk_utility_get_line_arrow(&c, &c, VESK_CROSS_LEFT_TO_RIGHT, 10, &arrow), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_get_line_arrow(&c, &d, VESK_CROSS_ANY, 10, &arrow), VESK_ERR_INVALID_PARAM);
@@ -254,7 +238,6 @@ GEOSGeometry* geos_of(GEOSContextHandle_t h, const pts& p, bool ring)
                 : GEOSGeom_createLineString_r(h, seq);
 }
 
-// Whether p lies on the line through a and b.
 bool collinear(vesk_real_point a, vesk_real_point b, vesk_real_point p)
 {
     return (int64_t(b.x) - a.x) * (int64_t(p.y) - a.y) == (int64_t(b.y) - a.y) * (int64_t(p.x) - a.x);
@@ -262,29 +245,37 @@ bool collinear(vesk_real_point a, vesk_real_point b, vesk_real_point p)
 
 } // namespace
 
-// Cases on a documented boundary (any three of the points involved collinear) are left out:
-// there our rules decide on purpose, and the tables above pin them.
+// Random tracks against random wires (cases on a boundary, any three points collinear, are left
+// out: the tables above pin our rules there), and random points against random simple polygons,
+// where GEOS's closed containment is our rule.
 TEST(GeometryTest, AgreesWithGeosOnRandomCases)
 {
     GEOSContextHandle_t h = GEOS_init_r();
     std::mt19937 rng(2023);
-    std::uniform_int_distribution<int32_t> coord(0, 1000), nseg(1, 4), nvert(3, 12);
+    std::uniform_int_distribution<int32_t> coord(0, 1000), nseg(1, 4), nvert(3, 6);
     int crossings = 0, compared = 0, inside = 0;
-    for (int i = 0; i < 50000; ++i) {
+    for (int i = 0; i < 60000; ++i) {
         const vesk_real_point from = {coord(rng), coord(rng)}, to = {coord(rng), coord(rng)};
-        pts wire(size_t(nseg(rng)) + 1);
-        for (auto& p : wire)
-            p = {coord(rng), coord(rng)};
+        pts wire(size_t(nseg(rng)) + 1), poly(size_t(nvert(rng)));
+        for (auto* v : {&wire, &poly})
+            for (auto& p : *v)
+                p = {coord(rng), coord(rng)};
         bool boundary = from.x == to.x && from.y == to.y;
         for (size_t k = 0; k < wire.size(); ++k)
             boundary = boundary || collinear(from, to, wire[k])
                 || (k + 1 < wire.size() && (collinear(wire[k], wire[k + 1], from) || collinear(wire[k], wire[k + 1], to)));
+        GEOSGeometry *track = geos_of(h, {from, to}, false), *w = geos_of(h, wire, false), *g = geos_of(h, poly, true);
+        GEOSGeometry* point = GEOSGeom_createPointFromXY_r(h, from.x, from.y);
+        const int want = GEOSIntersects_r(h, track, w), in = GEOSIntersects_r(h, g, point), valid = GEOSisValid_r(h, g);
+        for (GEOSGeometry* x : {track, w, g, point})
+            GEOSGeom_destroy_r(h, x);
+        if (valid) {
+            ASSERT_EQ(vesk_utility_is_point_in_region(&from, poly.data(), unsigned(poly.size())), in) << i;
+            inside += in;
+            ++compared;
+        }
         if (boundary)
             continue;
-        GEOSGeometry *track = geos_of(h, {from, to}, false), *w = geos_of(h, wire, false);
-        const int want = GEOSIntersects_r(h, track, w);
-        GEOSGeom_destroy_r(h, track);
-        GEOSGeom_destroy_r(h, w);
         ASSERT_EQ(cross(from, to, wire), want) << i;
         crossings += want;
         ++compared;
@@ -294,34 +285,11 @@ TEST(GeometryTest, AgreesWithGeosOnRandomCases)
         ASSERT_TRUE(wire.size() > 2 || cross(from, to, wire, VESK_CROSS_LEFT_TO_RIGHT) == (want && side == -1)) << i;
         ASSERT_TRUE(wire.size() > 2 || cross(from, to, wire, VESK_CROSS_RIGHT_TO_LEFT) == (want && side == 1)) << i;
     }
-    // Star-shaped polygons around a centre are simple; GEOS's closed containment is our rule.
-    std::uniform_real_distribution<double> angle(0, 6.283185307179586), radius(20, 480);
-    for (int i = 0; i < 50000; ++i) {
-        std::vector<double> angles(size_t(nvert(rng)));
-        for (auto& a : angles)
-            a = angle(rng);
-        std::sort(angles.begin(), angles.end());
-        pts poly;
-        for (double a : angles) {
-            const double r = radius(rng);
-            poly.push_back({int32_t(500 + r * std::cos(a)), int32_t(500 + r * std::sin(a))});
-        }
-        GEOSGeometry* g = geos_of(h, poly, true);
-        const vesk_real_point p = {coord(rng), coord(rng)};
-        GEOSGeometry* gp = GEOSGeom_createPointFromXY_r(h, p.x, p.y);
-        if (GEOSisValid_r(h, g)) {
-            const int want = GEOSIntersects_r(h, g, gp);
-            ASSERT_EQ(vesk_utility_is_point_in_region(&p, poly.data(), unsigned(poly.size())), want) << i;
-            inside += want;
-            ++compared;
-        }
-        GEOSGeom_destroy_r(h, gp);
-        GEOSGeom_destroy_r(h, g);
-    }
     GEOS_finish_r(h);
     // Both answers occur often enough for the comparison to mean something.
-    EXPECT_GT(compared, 95000);
+    EXPECT_GT(compared, 50000);
     EXPECT_GT(crossings, 5000);
-    EXPECT_GT(inside, 5000);
+    EXPECT_GT(inside, 2000);
+    printf("geometry oracle: %d cases, %d crossings, %d inside\n", compared, crossings, inside);
 }
 #endif

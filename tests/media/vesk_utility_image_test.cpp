@@ -16,8 +16,7 @@ namespace
 
 constexpr uint32_t W = 64, H = 48;
 
-// 8 x 8 blocks of colours in which R, G and B (and so U and V) all differ, aligned to the
-// chroma grid so that subsampling never mixes two colours.
+// 8 x 8 blocks of colours whose R, G and B (so U and V) all differ; subsampling never mixes two.
 bytes pattern_rgb24(uint32_t w = W, uint32_t h = H)
 {
     const uint8_t colours[][3] = {{255, 0, 0}, {0, 0, 255}, {0, 255, 0}, {255, 255, 0}, {0, 255, 255}, {255, 0, 255},
@@ -37,8 +36,7 @@ vesk_image wrap(uint32_t format, uint32_t w, uint32_t h, bytes& buf)
     return img;
 }
 
-// `in` (w x h of `from`), cropped to `crop` when given, converted into an ow x oh picture
-// (w x h when 0) of `to`; the call must answer `want`.
+// `in` (w x h of `from`), cropped to `crop` if given, converted into ow x oh (0: w x h) of `to`.
 bytes convert(uint32_t from, bytes in, uint32_t to, vesk_color_matrix m, uint32_t w = W, uint32_t h = H,
     const vesk_real_rect* crop = nullptr, uint32_t ow = 0, uint32_t oh = 0, VESK_ERR want = VESK_OK)
 {
@@ -88,8 +86,8 @@ TEST(ImageTest, ConversionsAgreeWithFfmpegWithinTwo)
                 "scale=flags=neighbor+accurate_rnd+full_chroma_int:in_color_matrix=" + m.name + ":in_range=" + m.range);
             EXPECT_LE(max_diff(back, ref, &at), 2) << tag << " to BGRA, byte " << at;
         }
-    // Packed formats both ways. ffmpeg dithers when it reduces to 16 bits, so there ours read
-    // by ffmpeg is judged within a step of the depth; gray is full-range BT.601 luma, as ffmpeg's.
+    // Packed formats both ways. ffmpeg dithers down to 16 bits, so there ours is judged within a
+    // step of the depth; gray is full-range BT.601 luma, as ffmpeg's.
     const struct {
         uint32_t format;
         const char* name;
@@ -118,8 +116,7 @@ TEST(ImageTest, CropScaleAndOddSizes)
     for (uint32_t i = 0; i < 16 * 10 * 3; ++i)
         wrong += swapped[i] != rgb[((i / 48 + 6) * W + i / 3 % 16 + 4) * 3 + 2 - i % 3];
     EXPECT_EQ(wrong, 0);
-    // YUV crops move the chroma with the luma: cropping NV21 then converting equals converting
-    // then cropping. Odd or empty YUV crops are refused.
+    // YUV crops move the chroma with the luma; odd or empty YUV crops are refused.
     const bytes nv21 = convert(VESK_PIX_RGB24, rgb, VESK_PIX_NV21, VESK_MATRIX_BT709);
     const bytes whole = convert(VESK_PIX_NV21, nv21, VESK_PIX_RGB24, VESK_MATRIX_BT709);
     const bytes cropped = convert(VESK_PIX_NV21, nv21, VESK_PIX_RGB24, VESK_MATRIX_BT709, W, H, &even, 24, 16);
@@ -144,8 +141,8 @@ TEST(ImageTest, CropScaleAndOddSizes)
                     EXPECT_NEAR(small[(y * W / 2 + x) * 3 + c], full[(2 * y * W + 2 * x) * 3 + c], 2) << f.name << " " << x << "," << y;
     }
 
-    // An odd-sized picture converts like the same pixels inside one a pixel larger, whose last
-    // column and row repeat their neighbours' colour: the lone last samples stay in their row.
+    // An odd-sized picture converts like the same pixels inside one a pixel larger whose last
+    // column and row repeat their neighbours: the lone last samples stay in their row.
     for (const auto& m : k_matrices)
         for (const auto& f : k_yuv) {
             const bytes odd = convert(VESK_PIX_RGB24, pattern_rgb24(37, 23), f.format, m.m, 37, 23);
@@ -157,8 +154,6 @@ TEST(ImageTest, CropScaleAndOddSizes)
             EXPECT_EQ(odd, want) << m.name << "/" << m.range << "/" << f.name;
         }
 }
-
-// ---- JPEG ----------------------------------------------------------------------------------
 
 TEST(JpegTest, OurEncodeDecodedByFfmpegAndTheirsByUs)
 {
@@ -201,8 +196,8 @@ TEST(JpegTest, OurEncodeDecodedByFfmpegAndTheirsByUs)
     vesk_jpeg_info info = {};
     ASSERT_EQ(vesk_utility_jpeg_get_info(jpeg.data(), uint32_t(jpeg.size()), &info), VESK_OK);
     EXPECT_TRUE(info.width == w && info.height == h && info.subsamp == 2 && info.channels == 3);
-    // In RGB the decoders upsample chroma differently (TurboJPEG interpolates, ffmpeg's default
-    // replicates); the nearest ffmpeg gets is its bicubic full-chroma conversion, so the bound is lower.
+    // In RGB TurboJPEG interpolates chroma, ffmpeg replicates it: against ffmpeg's nearest (bicubic
+    // full-chroma) conversion the bound is lower.
     const std::string rgb_conv = " -vf scale=flags=bicubic+full_chroma_int+accurate_rnd";
     const struct {
         uint32_t format;
@@ -230,8 +225,7 @@ TEST(JpegTest, ScalingCapsAndDamage)
     uint32_t len = 0;
     ASSERT_EQ(vesk_utility_jpeg_encode(&img, VESK_MATRIX_BT601, 95, jpeg.data(), uint32_t(jpeg.size()), &len), VESK_OK);
     jpeg.resize(len);
-    // Scaled decodes: sizes round up, and each pixel is close to the mean of its source block
-    // (TurboJPEG's scaled inverse transform is close to, not equal to, a box filter).
+    // Scaled decodes: sizes round up; pixels are close to the mean of their source block.
     for (uint32_t denom : {2u, 4u, 8u}) {
         const uint32_t sw = (w + denom - 1) / denom, sh = (h + denom - 1) / denom;
         bytes out, box, got;
