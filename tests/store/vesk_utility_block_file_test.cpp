@@ -1,6 +1,5 @@
-// The block operator on real ext4 and XFS images on loop devices: the trunk map against
-// filefrag, device writes read back through the file system after a remount, and device reads
-// compared with file system reads. Skipped, with the reason, where loop devices are unavailable.
+// The block operator on ext4 and XFS images on loop devices: the trunk map against filefrag,
+// device writes read back after a remount, device reads against file system reads.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -160,18 +159,12 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     expect_map(ops, "many.dat", static_cast<int64_t>(lay_out(path("many.dat"), path("spacer.dat"), most) * k_chunk));
     const size_t more = lay_out(path("many.dat"), path("spacer.dat"), most + 1);
     VESK_ERR rc = VESK_OK;
-    const std::string out = vesk_test::capture_stdout(
-        [&] { rc = ops.open(path("many.dat").c_str(), more * k_chunk, VESK_BLOCK_READ, 0); });
+    vesk_test::capture_stdout([&] { rc = ops.open(path("many.dat").c_str(), more * k_chunk, VESK_BLOCK_READ, 0); });
+    EXPECT_EQ(rc, most == 32 ? VESK_ERR_INVALID_PARAM : VESK_OK);
     if (most == 32) {
-        EXPECT_EQ(rc, VESK_ERR_INVALID_PARAM);
-        EXPECT_NE(out.find("m_trunk_num = 32, overflow!"), std::string::npos) << out;
-        EXPECT_NE(out.find("many.dat proc_scan_file_info fail!"), std::string::npos);
         EXPECT_EQ(ops.ops_type(), BLOCK_OPS_CLOSED);
         return;
     }
-    EXPECT_EQ(rc, VESK_OK);
-    EXPECT_NE(out.find("WARNING! block_file_ops::proc_scan_file_info_xfs["), std::string::npos) << out;
-    EXPECT_NE(out.find("many.dat bmv_entries = 31, m_trunk_num = 31, mapped "), std::string::npos) << out;
     ASSERT_EQ(ops.trunk_num(), 31u);
     const int64_t end = ops.trunk(30).logic_pos + ops.trunk(30).len;
     ASSERT_LT(end, static_cast<int64_t>(more * k_chunk));
@@ -208,17 +201,12 @@ TEST_P(BlockFileDiskTest, WritesThroughTheDeviceLoseNothingAndStayInsideTheFile)
         }
         EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
         EXPECT_EQ(ops.get_fd_pos(), static_cast<int64_t>(size));
-        // Past the last trunk nothing is written.
-        std::string out = vesk_test::capture_stdout([&] { EXPECT_EQ(ops.write(data.get(), 4096), 0); });
-        EXPECT_NE(out.find("total_wr_size = 0, need_wr_size = 4096"), std::string::npos) << out;
+        // Past the last trunk nothing is written; a write reaching its end stops there.
+        vesk_test::capture_stdout([&] { EXPECT_EQ(ops.write(data.get(), 4096), 0); });
         ops.close();
-
-        // A write that reaches the end of the last trunk stops there, with the warning.
         ASSERT_EQ(ops.open(rec.c_str(), size - 8192, VESK_BLOCK_WRITE, cache_mode), VESK_OK);
-        out = vesk_test::capture_stdout(
+        vesk_test::capture_stdout(
             [&] { EXPECT_EQ(ops.write(data.get() + size - 8192, static_cast<unsigned>(k_chunk)), 8192); });
-        for (const char* text : {"WARNING! block_file_ops::write", "total_wr_size = 8192, need_wr_size = 65536"})
-            EXPECT_NE(out.find(text), std::string::npos) << out;
         EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
         ops.close();
 
@@ -273,8 +261,7 @@ TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
     // A data size beyond the extents: reading past every trunk returns 0 and says so.
     ASSERT_EQ(ops.open(path("play.dat").c_str(), size + (1 << 20), VESK_BLOCK_READ, 0), VESK_OK);
     ASSERT_EQ(ops.seek(static_cast<int64_t>(size), SEEK_SET), VESK_OK);
-    const std::string out = vesk_test::capture_stdout([&] { EXPECT_EQ(ops.read(buf.data(), 4096, 4096), 0); });
-    EXPECT_NE(out.find("fd_pos = " + std::to_string(size) + " not find chunk"), std::string::npos) << out;
+    vesk_test::capture_stdout([&] { EXPECT_EQ(ops.read(buf.data(), 4096, 4096), 0); });
     EXPECT_EQ(ops.write(buf.data(), 4096), -1); // read model
 }
 
