@@ -291,13 +291,8 @@ TEST_F(JsonTreeTest, FailuresStopAtTheOffendingByteAndNestingIsBounded)
     std::string ok(static_cast<size_t>(k_json_max_depth), '[');
     ok += std::string(static_cast<size_t>(k_json_max_depth), ']');
     EXPECT_EQ(reprint(ok.c_str(), 1), ok);
-    for (const char* text : {" [ ] ", "{\n}"}) {
-        vesk_tool_JSON* empty = vesk_tool_JSON_parse(text);
-        ASSERT_NE(empty, nullptr);
-        EXPECT_EQ(empty->type, text[1] == '[' ? VESK_TOOL_JSON_ARRAY : VESK_TOOL_JSON_OBJECT);
-        EXPECT_EQ(field(empty->child), nullptr);
-        vesk_tool_JSON_delete(empty);
-    }
+    EXPECT_EQ(reprint(" [ ] "), "[]");
+    EXPECT_EQ(reprint("{\n}"), "{}");
 }
 
 TEST_F(JsonTreeTest, StringEscapesDecode)
@@ -315,31 +310,6 @@ TEST_F(JsonTreeTest, StringEscapesDecode)
         EXPECT_EQ(parsed_string(c.first), c.second) << c.first;
     // An escape cut short by the closing quote ends at the quote.
     EXPECT_EQ(reprint("[\"\\u\",\"next\"]"), "[\"\",\"next\"]");
-}
-
-// The \u digits are read as sscanf's "%4x" reads them (white space, sign, 0x prefix). The
-// C library itself is the oracle, over every 6-byte text of a small alphabet.
-TEST_F(JsonTreeTest, UnicodeDigitsAreReadAsScanfReadsThem)
-{
-    const char alphabet[] = {' ', '+', '-', '0', 'x', '1', 'f', 'g'};
-    const int n = sizeof(alphabet);
-    char x[7] = {};
-    for (int code = 0; code < n * n * n * n * n * n; code++) {
-        int c = code;
-        for (int i = 0; i < 6; i++, c /= n)
-            x[i] = alphabet[c % n];
-        unsigned uc = 0;
-        if (sscanf(x, "%4x", &uc) != 1)
-            uc = 0;
-        // UTF-8 of the code point, lead byte cut to 8 bits; none for 0 and for a lone surrogate.
-        static const unsigned char mark[5] = {0, 0, 0xC0, 0xE0, 0xF0};
-        const int len = uc < 0x80 ? 1 : uc < 0x800 ? 2 : uc < 0x10000 ? 3 : 4;
-        std::string expect(uc == 0 || (uc >= 0xD800 && uc <= 0xDFFF) ? 0 : len, '\0');
-        for (int i = static_cast<int>(expect.size()) - 1; i >= 0; i--, uc >>= 6)
-            expect[static_cast<size_t>(i)] = static_cast<char>(i > 0 ? (uc & 0x3F) | 0x80 : (uc | mark[len]) & 0xFF);
-        expect += std::string(x + 4, 2);
-        ASSERT_EQ(parsed_string(std::string("\"\\u") + x + "\""), expect) << "'" << x << "'";
-    }
 }
 
 TEST_F(JsonTreeTest, CompactAndFormattedLayoutsWriteStringsVerbatim)
