@@ -108,7 +108,6 @@ protected:
     {
         return m_fs->mnt() + "/" + name;
     }
-
     // Opens `name` for reading and checks its trunks against filefrag's extents.
     void expect_map(block_file_ops& ops, const char* name, int64_t size)
     {
@@ -139,7 +138,6 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     lay_out(path("frag.dat"), path("spacer.dat"), 0, 6);
     expect_map(ops, "frag.dat", 6 * k_chunk);
     EXPECT_GT(ops.trunk_num(), 1u);
-
     // Written head and unwritten tail: two extents side by side on the disk, one trunk.
     const int fd = open(path("adj.dat").c_str(), O_RDWR | O_CREAT, 0644);
     ASSERT_EQ(posix_fallocate(fd, 0, 1 << 20), 0);
@@ -151,7 +149,6 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     ASSERT_EQ(raw, 2) << "the file system did not split written and unwritten parts";
     expect_map(ops, "adj.dat", 1 << 20);
     EXPECT_EQ(ops.trunk_num(), 1u);
-
     // The most runs a scan can map (32 trunks; XFS answers one call with 31 extents) opens.
     // One run more: ext4 refuses and leaves the operator closed; XFS opens with the 31 runs it
     // got, and writes stop at the end of the last of them.
@@ -243,7 +240,6 @@ TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
         EXPECT_EQ(ops.read(got.get(), 4096, 4096), 0); // at the data size
         EXPECT_TRUE(memcmp(got.get(), want.data(), size) == 0);
     }
-
     // The running total is compared with the shrinking remainder: a read that starts 32 KiB
     // before the end of the first trunk returns that, then one more trunk's worth, and stops.
     block_file_ops ops;
@@ -257,7 +253,6 @@ TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
     const int64_t expect = 32768 + std::min<int64_t>(second_len, want_n - 32768);
     EXPECT_EQ(ops.read(buf.data(), static_cast<unsigned>(buf.size()), want_n), expect);
     EXPECT_EQ(memcmp(buf.data(), want.data() + first_end - 32768, static_cast<size_t>(expect)), 0);
-
     // A data size beyond the extents: reading past every trunk returns 0 and says so.
     ASSERT_EQ(ops.open(path("play.dat").c_str(), size + (1 << 20), VESK_BLOCK_READ, 0), VESK_OK);
     ASSERT_EQ(ops.seek(static_cast<int64_t>(size), SEEK_SET), VESK_OK);

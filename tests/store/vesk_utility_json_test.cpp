@@ -256,7 +256,6 @@ TEST_F(JsonTreeTest, NumbersParseByAccumulationAndPrintWithTheirThresholds)
     ASSERT_NE(big, nullptr);
     EXPECT_EQ(big->valueint, INT32_MAX);
     vesk_tool_JSON_delete(big);
-
     // Digits after a leading 0, and literals matched by their prefix, stop the value.
     const char* end = nullptr;
     EXPECT_EQ(print_and_delete(vesk_tool_JSON_parse_with_opts("0123", &end, 0)), "0");
@@ -353,7 +352,6 @@ TEST_F(JsonTreeTest, BufferOfThePrintSizeFitsAndOneLessIsRefused)
         EXPECT_EQ(vesk_tool_JSON_export(array, fmt, buf, asize), asize);
     }
     vesk_tool_JSON_delete(root);
-
     // A string at the root needs one byte more than its print size.
     vesk_tool_JSON* s = vesk_tool_JSON_create_string("abcd");
     EXPECT_EQ(vesk_tool_JSON_get_print_size(s, 0), 7);
@@ -385,11 +383,7 @@ TEST_F(JsonTreeTest, LookupsIgnoreCaseAndEditsKeepTheListConsistent)
 
     list = vesk_tool_JSON_parse("[0,1,2,3,4]");
     ASSERT_NE(list, nullptr);
-    vesk_tool_JSON* two = vesk_tool_JSON_detach_item_from_array(list, 2);
-    ASSERT_NE(two, nullptr);
-    EXPECT_EQ(field(two->next), nullptr);
-    EXPECT_EQ(field(two->prev), nullptr);
-    vesk_tool_JSON_delete(two);
+    vesk_tool_JSON_delete(vesk_tool_JSON_detach_item_from_array(list, 2));
     for (int idx : {0, 2, 7})
         vesk_tool_JSON_delete_item_from_array(list, idx);
     EXPECT_EQ(print(list, 0), "[1,3]");
@@ -426,7 +420,6 @@ TEST_F(JsonTreeTest, CreatedNodesAndReferences)
     EXPECT_EQ(print_and_delete(n), "-7.900000");
     EXPECT_EQ(vesk_tool_JSON_create_string(nullptr), nullptr);
     EXPECT_EQ(print_and_delete(vesk_tool_JSON_create_string("")), "\"\"");
-
     // A reference shares the child list and text of another node: deleting it frees neither.
     vesk_tool_JSON* owner = vesk_tool_JSON_parse("{\"k\":[1,2,3],\"s\":\"text\"}");
     ASSERT_NE(owner, nullptr);
@@ -468,7 +461,6 @@ TEST_F(JsonTreeTest, ConfigurationDocumentsRoundTrip)
     }
     closedir(dir);
     EXPECT_GE(documents, 4);
-
     // Values survive: spot checks in the parsed tree.
     vesk_tool_JSON* users = vesk_tool_JSON_parse(
         "{\"last_login\":1718022093000,\"live\":4294967295,\"ratio\":0.3333333333,\"t\":\"\\u524d\\u95e8\"}");
@@ -485,7 +477,6 @@ TEST_F(JsonOperatorTest, PathGrammarStepsAndFailures)
     EXPECT_EQ(steps("a.b[2].c"), "a/1 b/2 #2/1 c/0 ");
     EXPECT_EQ(steps("list[%d][%d]", {1, 4}), "list/2 #1/2 #4/0 ");
     EXPECT_EQ(steps("x_1-y[12][%d].Z9", {-1}), "x_1-y/2 #12/2 #4294967295/1 Z9/0 ");
-
     // 32 steps are the limit; the 33rd, or even one more letter on the 32nd, is refused.
     std::string path32 = "k0";
     for (int i = 1; i < 31; i++)
@@ -589,7 +580,6 @@ TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
         j->execDelete("q.r");
     });
     EXPECT_EQ(content(j), "{\"a\":[0,2],\"b\":{\"d\":2}}");
-
     // A failed load leaves no document: every operation does nothing until a load or clear.
     EXPECT_EQ(j->loadData("{broken"), VESK_ERR_FAIL);
     EXPECT_EQ(got(j, &V2::execTryGetInt, "a", 3), rc_num(VESK_ERR_INVALID_PARAM, 3));
@@ -601,7 +591,6 @@ TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
     EXPECT_EQ(j->exportContent(buf, sizeof(buf)), 0);
     EXPECT_EQ(j->clearData(), VESK_OK);
     EXPECT_EQ(content(j), "{}");
-
     // An initial text that does not parse gives an empty document.
     vesk_json_operate* one = v1("not json");
     EXPECT_EQ(compact(one), "{}");
@@ -609,13 +598,8 @@ TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
     int i = 0;
     EXPECT_EQ(one->try_get_item_int("a", i), VESK_ERR_FAIL);
     EXPECT_EQ(one->add_item_int("a", 1), VESK_ERR_FAIL);
-    EXPECT_EQ(one->add_item_arry_item_int("a", 0, "b", 1), VESK_ERR_FAIL);
-    EXPECT_EQ(one->add_item_int("a", 0, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1, 1), VESK_ERR_FAIL);
     EXPECT_EQ(one->add_item_str("a", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1, "s"), VESK_ERR_FAIL);
-    EXPECT_EQ(
-        (std::vector<int> {one->get_item_arrysize("a"), one->print_copy(buf, sizeof(buf)), one->get_print_copy_size(),
-            one->get_item_arrysize("a", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1)}),
-        std::vector<int>(4, 0));
+    EXPECT_EQ(one->print_copy(buf, sizeof(buf)) + one->get_print_copy_size() + one->get_item_arrysize("a"), 0);
     EXPECT_EQ(one->load("{\"x\":1}"), VESK_OK);
 }
 
@@ -664,7 +648,6 @@ TEST_F(JsonOperatorTest, NameChainsAppendAndReadTheFirst)
     EXPECT_EQ(j->delete_item("net", "zz"), VESK_ERR_FAIL);
     EXPECT_EQ(rc_and(j->try_get_item_int("k", v), v), rc_num(VESK_OK, 2));
     EXPECT_EQ(compact(j), "{\"k\":2,\"net\":{\"eth0\":{\"ip\":{\"prefix\":8}},\"mtu\":1500}}");
-
     // Reads convert: "big" goes through 64 bits and keeps the low 32.
     ASSERT_EQ(
         j->load(
@@ -681,10 +664,6 @@ TEST_F(JsonOperatorTest, NameChainsAppendAndReadTheFirst)
     EXPECT_STREQ(j->get_item_string_addr("S", len), "str");
     EXPECT_EQ(len, 3);
     EXPECT_EQ(j->get_item_string_addr("o", len), nullptr);
-    // A formatted print of the whole document.
-    std::vector<char> all(static_cast<size_t>(j->get_print_copy_size()));
-    EXPECT_EQ(j->print_copy(all.data(), static_cast<int>(all.size())), static_cast<int>(all.size()));
-    EXPECT_EQ(std::string(all.data()).substr(0, 12), "{\n\t\"t\":\ttrue");
 }
 
 TEST_F(JsonOperatorTest, ArrayElementMembers)
@@ -743,16 +722,10 @@ TEST_F(JsonOperatorTest, LevelsOverwriteInPlaceAndPadWithObjects)
     EXPECT_EQ(j->get_item_arrysize("keep", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1), 0);
 }
 
-TEST_F(JsonOperatorTest, WrappersRegisterAndTheDumpMeasuresEachDocument)
+TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
 {
-    vesk_handle_registry& reg = vesk_ground::instance()->registry();
-    const unsigned before1 = reg.list_size(VESK_LIST_JSON);
-    const unsigned before2 = reg.list_size(VESK_LIST_JSON_V2);
     v1("{\"a\":\"bc\"}");
     v2("[1,2,3]");
-    EXPECT_EQ(reg.list_size(VESK_LIST_JSON), before1 + 1);
-    EXPECT_EQ(reg.list_size(VESK_LIST_JSON_V2), before2 + 1);
-
     sink().clear();
     vesk_utility_res_manage::instance()->diagnose(8, sink_print);
     const std::string dump = sink();

@@ -122,7 +122,6 @@ TEST(SqliteFuncDeathTest, TypedWritesLandInTheMatchingRowsOnlyAndAnUnknownFormat
         EXPECT_EQ(scalar(db, sql.c_str()), r.stored) << r.fmt;
     }
     EXPECT_EQ(scalar(db, "SELECT name || bitrate || big FROM cam WHERE id = 2"), "cam00201099511627781");
-
     // Sizes too small for the format are refused before anything runs.
     const int64_t other = 77;
     EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%d", &other, 2), VESK_ERR_INVALID_PARAM);
@@ -130,7 +129,6 @@ TEST(SqliteFuncDeathTest, TypedWritesLandInTheMatchingRowsOnlyAndAnUnknownFormat
     EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", nullptr, "%d", &i32, 4), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(
         scalar(db, "SELECT name || bitrate || big FROM cam WHERE id = 1"), "front door40000000009223372036854775807");
-
     // A single quote in a text value breaks the statement: an ordinary failure, not damage.
     capture_stdout([&] {
         EXPECT_EQ(
@@ -160,13 +158,11 @@ TEST(SqliteFuncTest, ReadsCopyTheColumnHeadingWhileBlobsRoundTrip)
     unsigned char untouched[4] = {1, 2, 3, 4};
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%x", untouched, 4), VESK_OK);
     EXPECT_EQ(memcmp(untouched, "\1\2\3\4", 4), 0);
-
     // No matching row, or a buffer too small: an ordinary failure.
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 9", "bitrate", "%d", word, 4), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "big", "%lld", wide, 4), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(
         vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%d", nullptr, 4), VESK_ERR_INVALID_PARAM);
-
     // Blobs go through bound parameters, zero bytes and quotes included.
     unsigned char blob[300], back[300] = {};
     for (size_t i = 0; i < sizeof(blob); i++)
@@ -245,7 +241,6 @@ TEST(SqliteFuncTest, StatementsLongerThanTheirBufferAreNeverRun)
         });
     EXPECT_EQ(scalar(db, "SELECT group_concat(bitrate || big || name || ifnull(data, '-'), ',') FROM cam"),
         "00cam001-,00far-");
-
     // With less padding the whole statement (" ;" included) takes 1023 characters: it fits and
     // reaches exactly the far row.
     const std::string fits = cond.substr(cond.size() - (1023 - prefix.size() - 2));

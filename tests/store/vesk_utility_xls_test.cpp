@@ -197,7 +197,6 @@ TEST(XlsTest, LargeWorkbookReadsIdenticallyInXlrdXls2csvAndOurReader)
     ASSERT_EQ(op->add_sheet("中文表", VESK_XLS_UTF8, &s1), VESK_OK);
     ASSERT_EQ(op->add_sheet(k_gb_empty, VESK_XLS_GB2312, &s2), VESK_OK);
     ASSERT_EQ(s2, 2u);
-
     // Expected views, built beside the writes.
     std::string dump = "S\tEvents\t10000\t10\n";
     std::string csv;
@@ -282,7 +281,6 @@ TEST(XlsTest, XlwtWorkbooksReadAsXlrdReadsThem)
     const std::string want = xlrd_dump(path);
     ASSERT_NE(want.find("告警 299"), std::string::npos);
     EXPECT_EQ(our_dump(path), want);
-
     // After 600 short strings, the long one starts late in the SST record and its characters
     // run through two CONTINUE records: the reading library would return garbage past the
     // second one, so the file is refused instead.
