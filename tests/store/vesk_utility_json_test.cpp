@@ -22,7 +22,6 @@
 #include "core/vesk_utility_ground.h"
 #include "core/vesk_utility_pool.h"
 #include "store/json/vesk_utility_json_tree.h"
-#include "store/vesk_utility_json_impl.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
@@ -216,25 +215,6 @@ template <class T> rc_num got(V2* j, VESK_ERR (V2::*read)(const char*, T*, ...),
     T v = static_cast<T>(init);
     const VESK_ERR rc = (j->*read)(path, &v);
     return rc_and(rc, v);
-}
-
-// Parses a path with the given "%d" arguments; the names and indexes of its steps, or the
-// empty text when it is refused.
-std::string steps(const char* path, std::vector<int> ints = {})
-{
-    using namespace vesk_utility;
-    std::vector<char> copy(strlen(path) + 1);
-    vesk_json_path_args args(ints.data(), static_cast<int>(ints.size()));
-    vesk_json_key_result r[k_json_path_max];
-    int n = 0;
-    if (!proc_parse_exec(path, copy.data(), args, r, n))
-        return "";
-    std::string out;
-    for (int i = 0; i < n; i++) {
-        out += r[i].key_name != nullptr ? std::string(r[i].key_name) : "#" + std::to_string(r[i].array_idx);
-        out += "/" + std::to_string(r[i].key_type) + " ";
-    }
-    return out;
 }
 
 } // namespace
@@ -471,22 +451,32 @@ TEST_F(JsonTreeTest, ConfigurationDocumentsRoundTrip)
     vesk_tool_JSON_delete(users);
 }
 
-TEST_F(JsonOperatorTest, PathGrammarStepsAndFailures)
+// Names, indexes and "%d" arguments make a path of at most 32 steps; anything else is refused.
+TEST_F(JsonOperatorTest, PathGrammarAndItsLimit)
 {
-    EXPECT_EQ(steps("a"), "a/0 ");
-    EXPECT_EQ(steps("a.b[2].c"), "a/1 b/2 #2/1 c/0 ");
-    EXPECT_EQ(steps("list[%d][%d]", {1, 4}), "list/2 #1/2 #4/0 ");
-    EXPECT_EQ(steps("x_1-y[12][%d].Z9", {-1}), "x_1-y/2 #12/2 #4294967295/1 Z9/0 ");
-    // 32 steps are the limit; the 33rd, or even one more letter on the 32nd, is refused.
+    V2* j = v2();
     std::string path32 = "k0";
     for (int i = 1; i < 31; i++)
         path32 += ".k" + std::to_string(i);
     path32 += ".z";
-    EXPECT_NE(steps(path32.c_str()), "");
+    capture_stdout([&] {
+        j->execSetInt("x_1-y[%d].Z9", 1, 0);
+        j->execSetInt("list[%d][%d]", 2, 1, 0);
+        j->execSetInt(path32.c_str(), 3);
+    });
+    int32_t v = 0;
+    EXPECT_EQ(rc_and(j->execTryGetInt("X_1-Y[0].z9", &v), v), rc_num(VESK_OK, 1));
+    EXPECT_EQ(rc_and(j->execTryGetInt("list[1][%d]", &v, 0), v), rc_num(VESK_OK, 2));
+    EXPECT_EQ(got(j, &V2::execTryGetInt, path32.c_str()), rc_num(VESK_OK, 3));
+    const std::string before = content(j);
     for (const std::string& bad : {std::string("a..b"), std::string("a[x]"), std::string("a[1"), std::string("1a"),
              std::string("a."), std::string("a[1]b"), std::string("a[%d"), std::string(""), path32 + ".k32",
              path32 + "x"})
-        capture_stdout([&] { EXPECT_EQ(steps(bad.c_str()), "") << bad; });
+        capture_stdout([&] {
+            j->execSetInt(bad.c_str(), 4, 0);
+            EXPECT_EQ(j->execTryGetInt(bad.c_str(), &v, 0), VESK_ERR_OPERATE_FAIL) << bad;
+        });
+    EXPECT_EQ(content(j), before);
 }
 
 TEST_F(JsonOperatorTest, SetCreatesPathsPadsArraysAndReplacesInPlace)
