@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -33,32 +32,15 @@ namespace
 
 constexpr size_t npos = std::string::npos;
 
-std::string& sink()
-{
-    static std::string s;
-    return s;
-}
-
-int sink_print(const char* fmt, ...)
-{
-    char line[512];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(line, sizeof(line), fmt, ap);
-    va_end(ap);
-    sink() += line;
-    return 0;
-}
-
 // Live pool nodes with the JSON purpose and their sizes, from the pools' node dumps.
 uint64_t json_pool_bytes()
 {
     vesk_ground* res = vesk_ground::instance();
-    sink().clear();
-    res->get_little_mem_pool()->diagnose(1, sink_print);
-    res->get_string_pool()->diagnose(1, sink_print);
+    std::istringstream lines(capture_stdout([&] {
+        res->get_little_mem_pool()->diagnose(1, printf);
+        res->get_string_pool()->diagnose(1, printf);
+    }));
     uint64_t bytes = 0;
-    std::istringstream lines(sink());
     for (std::string line; std::getline(lines, line);) {
         unsigned usr = 0, purpose = 0;
         int ci = 0, ni = 0, size = 0;
@@ -694,9 +676,7 @@ TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
 {
     v1("{\"a\":\"bc\"}");
     v2("[1,2,3]");
-    sink().clear();
-    vesk_utility_res_manage::instance()->diagnose(8, sink_print);
-    const std::string dump = sink();
+    const std::string dump = capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(8, printf); });
     const unsigned node = sizeof(vesk_tool_JSON);
     // {"a":"bc"}: two nodes, key "a" and text "bc" with their NULs.
     const std::string lines[]
