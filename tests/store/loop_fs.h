@@ -1,6 +1,5 @@
-// A file system image on a loop device, mounted under the test's private root for the life of
-// the object: made with mkfs, attached with losetup, and always unmounted and detached again,
-// even when the test fails. Used by the block operator tests and benchmark.
+// A file system image on a loop device, mounted for the life of the object and always unmounted
+// and detached again. Used by the block operator tests and benchmark.
 #ifndef VESK_TEST_LOOP_FS_H
 #define VESK_TEST_LOOP_FS_H
 
@@ -39,9 +38,8 @@ inline std::string run_output(const std::string& cmd)
 class loop_fs
 {
 public:
-    // An image of `mb` megabytes (sparse) of type "ext4" or "xfs" under `dir`, mounted at a
-    // name unique to this process. NULL, with the reason in why_not, when the machine cannot
-    // (not root, no loop devices, no mkfs, no kernel support).
+    // A sparse image of `mb` megabytes, "ext4" or "xfs", under `dir`; NULL, with the reason in
+    // why_not, when the machine cannot.
     static std::unique_ptr<loop_fs> make(const std::string& dir, const char* fs_type, unsigned mb, std::string& why_not)
     {
         std::unique_ptr<loop_fs> fs(new loop_fs()); // on failure its destructor undoes what was done
@@ -83,8 +81,7 @@ public:
     }
     loop_fs(const loop_fs&) = delete;
     loop_fs& operator=(const loop_fs&) = delete;
-
-    // Unmounts and mounts again, so that what is read next comes from the disk.
+    // So that what is read next comes from the disk.
     bool remount()
     {
         if (m_mounted && !run_quiet("umount " + m_mnt))
@@ -106,8 +103,7 @@ struct frag_extent {
     int64_t logic, phy, len;
 };
 
-// The extents filefrag reports for path, physically adjacent ones merged as the block operator
-// merges them. Empty when filefrag fails.
+// filefrag's extents of path, adjacent ones merged as the block operator merges them.
 inline std::vector<frag_extent> filefrag_extents(const std::string& path, int* raw_count = nullptr)
 {
     std::vector<frag_extent> out;

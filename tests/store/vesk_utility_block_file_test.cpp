@@ -1,6 +1,5 @@
-// The block operator on real ext4 and XFS images on loop devices: the trunk map against
-// filefrag, device writes read back through the file system after a remount, and device reads
-// compared with file system reads. Skipped, with the reason, where loop devices are unavailable.
+// The block operator on ext4 and XFS images on loop devices: the trunk map against filefrag,
+// device writes read back after a remount, device reads against file system reads.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -109,7 +108,6 @@ protected:
     {
         return m_fs->mnt() + "/" + name;
     }
-
     // Opens `name` for reading and checks its trunks against filefrag's extents.
     void expect_map(block_file_ops& ops, const char* name, int64_t size)
     {
@@ -140,7 +138,6 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     lay_out(path("frag.dat"), path("spacer.dat"), 0, 6);
     expect_map(ops, "frag.dat", 6 * k_chunk);
     EXPECT_GT(ops.trunk_num(), 1u);
-
     // Written head and unwritten tail: two extents side by side on the disk, one trunk.
     const int fd = open(path("adj.dat").c_str(), O_RDWR | O_CREAT, 0644);
     ASSERT_EQ(posix_fallocate(fd, 0, 1 << 20), 0);
@@ -152,7 +149,6 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     ASSERT_EQ(raw, 2) << "the file system did not split written and unwritten parts";
     expect_map(ops, "adj.dat", 1 << 20);
     EXPECT_EQ(ops.trunk_num(), 1u);
-
     // The most runs a scan can map (32 trunks; XFS answers one call with 31 extents) opens.
     // One run more: ext4 refuses and leaves the operator closed; XFS opens with the 31 runs it
     // got, and writes stop at the end of the last of them.
@@ -160,18 +156,12 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     expect_map(ops, "many.dat", static_cast<int64_t>(lay_out(path("many.dat"), path("spacer.dat"), most) * k_chunk));
     const size_t more = lay_out(path("many.dat"), path("spacer.dat"), most + 1);
     VESK_ERR rc = VESK_OK;
-    const std::string out = vesk_test::capture_stdout(
-        [&] { rc = ops.open(path("many.dat").c_str(), more * k_chunk, VESK_BLOCK_READ, 0); });
+    vesk_test::capture_stdout([&] { rc = ops.open(path("many.dat").c_str(), more * k_chunk, VESK_BLOCK_READ, 0); });
+    EXPECT_EQ(rc, most == 32 ? VESK_ERR_INVALID_PARAM : VESK_OK);
     if (most == 32) {
-        EXPECT_EQ(rc, VESK_ERR_INVALID_PARAM);
-        EXPECT_NE(out.find("m_trunk_num = 32, overflow!"), std::string::npos) << out;
-        EXPECT_NE(out.find("many.dat proc_scan_file_info fail!"), std::string::npos);
         EXPECT_EQ(ops.ops_type(), BLOCK_OPS_CLOSED);
         return;
     }
-    EXPECT_EQ(rc, VESK_OK);
-    EXPECT_NE(out.find("WARNING! block_file_ops::proc_scan_file_info_xfs["), std::string::npos) << out;
-    EXPECT_NE(out.find("many.dat bmv_entries = 31, m_trunk_num = 31, mapped "), std::string::npos) << out;
     ASSERT_EQ(ops.trunk_num(), 31u);
     const int64_t end = ops.trunk(30).logic_pos + ops.trunk(30).len;
     ASSERT_LT(end, static_cast<int64_t>(more * k_chunk));
@@ -208,17 +198,12 @@ TEST_P(BlockFileDiskTest, WritesThroughTheDeviceLoseNothingAndStayInsideTheFile)
         }
         EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
         EXPECT_EQ(ops.get_fd_pos(), static_cast<int64_t>(size));
-        // Past the last trunk nothing is written.
-        std::string out = vesk_test::capture_stdout([&] { EXPECT_EQ(ops.write(data.get(), 4096), 0); });
-        EXPECT_NE(out.find("total_wr_size = 0, need_wr_size = 4096"), std::string::npos) << out;
+        // Past the last trunk nothing is written; a write reaching its end stops there.
+        vesk_test::capture_stdout([&] { EXPECT_EQ(ops.write(data.get(), 4096), 0); });
         ops.close();
-
-        // A write that reaches the end of the last trunk stops there, with the warning.
         ASSERT_EQ(ops.open(rec.c_str(), size - 8192, VESK_BLOCK_WRITE, cache_mode), VESK_OK);
-        out = vesk_test::capture_stdout(
+        vesk_test::capture_stdout(
             [&] { EXPECT_EQ(ops.write(data.get() + size - 8192, static_cast<unsigned>(k_chunk)), 8192); });
-        for (const char* text : {"WARNING! block_file_ops::write", "total_wr_size = 8192, need_wr_size = 65536"})
-            EXPECT_NE(out.find(text), std::string::npos) << out;
         EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
         ops.close();
 
@@ -255,7 +240,6 @@ TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
         EXPECT_EQ(ops.read(got.get(), 4096, 4096), 0); // at the data size
         EXPECT_TRUE(memcmp(got.get(), want.data(), size) == 0);
     }
-
     // The running total is compared with the shrinking remainder: a read that starts 32 KiB
     // before the end of the first trunk returns that, then one more trunk's worth, and stops.
     block_file_ops ops;
@@ -269,12 +253,10 @@ TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
     const int64_t expect = 32768 + std::min<int64_t>(second_len, want_n - 32768);
     EXPECT_EQ(ops.read(buf.data(), static_cast<unsigned>(buf.size()), want_n), expect);
     EXPECT_EQ(memcmp(buf.data(), want.data() + first_end - 32768, static_cast<size_t>(expect)), 0);
-
     // A data size beyond the extents: reading past every trunk returns 0 and says so.
     ASSERT_EQ(ops.open(path("play.dat").c_str(), size + (1 << 20), VESK_BLOCK_READ, 0), VESK_OK);
     ASSERT_EQ(ops.seek(static_cast<int64_t>(size), SEEK_SET), VESK_OK);
-    const std::string out = vesk_test::capture_stdout([&] { EXPECT_EQ(ops.read(buf.data(), 4096, 4096), 0); });
-    EXPECT_NE(out.find("fd_pos = " + std::to_string(size) + " not find chunk"), std::string::npos) << out;
+    vesk_test::capture_stdout([&] { EXPECT_EQ(ops.read(buf.data(), 4096, 4096), 0); });
     EXPECT_EQ(ops.write(buf.data(), 4096), -1); // read model
 }
 

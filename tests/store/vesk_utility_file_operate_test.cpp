@@ -1,5 +1,5 @@
-// Binary and text file operators on ordinary files in the private root, the failure paths
-// through the system-call seam, and the block operator's classification and fall-back.
+// Binary and text file operators on ordinary files, failures through the system-call seam,
+// and the block operator's classification and fall-back.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -132,7 +132,6 @@ TEST(BinaryFileOpsTest, OpenModesKeepAppendOrEmptyTheFile)
     EXPECT_EQ(f.tell(), 12);
     f.close();
     EXPECT_EQ(slurp(path), "ab23456789XY");
-
     // Read-write: a write through a cached region is seen by the next read.
     ASSERT_EQ(f.open(path.c_str(), 0, VESK_FILE_READ_WRITE), VESK_OK);
     char buf[16] = {};
@@ -159,22 +158,18 @@ TEST(BinaryFileOpsTest, SystemCallFailuresAreReported)
     const std::string path = file_path("bin_fail.dat");
     binary_file_ops f;
     vesk_file_sys().open = [](const char*, int, mode_t) { return errno = EIO, -1; };
-    std::string out
-        = vesk_test::capture_stdout([&] { EXPECT_EQ(f.open(path.c_str(), 0, VESK_FILE_CREATE), VESK_ERR_IO); });
-    EXPECT_NE(out.find("Error 5"), std::string::npos);
+    vesk_test::capture_stdout([&] { EXPECT_EQ(f.open(path.c_str(), 0, VESK_FILE_CREATE), VESK_ERR_IO); });
     vesk_file_sys().open = [](const char*, int, mode_t) { return errno = EACCES, -1; };
     EXPECT_EQ(f.open(path.c_str(), 0, VESK_FILE_CREATE), VESK_ERR_OPERATE_FAIL);
     vesk_file_sys() = vesk_file_sys_default();
-
     // The disk fills after 1000 bytes: a short count, then -1 when nothing fits.
     ASSERT_EQ(f.open(path.c_str(), 0, VESK_FILE_CREATE), VESK_OK);
     vesk_file_sys().pwrite = filling_pwrite;
     const std::vector<unsigned char> data = pattern(3000, 9);
-    out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
         EXPECT_EQ(f.write(data.data(), 3000), 1000);
         EXPECT_EQ(f.write(data.data(), 10), -1);
     });
-    EXPECT_NE(out.find("Write Failed"), std::string::npos);
     EXPECT_EQ(f.tell(), 1000);
     f.close();
     EXPECT_EQ(slurp(path), std::string(reinterpret_cast<const char*>(data.data()), 1000));
@@ -211,25 +206,17 @@ TEST(TxtFileOpsTest, LinesRoundTripAndLongLinesReportTheirLength)
     r.close();
 }
 
-TEST(FileOperateApiDeathTest, OperatorsAreRecordedUntilDeletedAndASecondDeleteIsFatal)
+TEST(FileOperateApiDeathTest, OperatorsAreDeletedOnceAndASecondDeleteIsFatal)
 {
-    vesk_handle_registry& reg = vesk_ground::instance()->registry();
-    const auto sizes = [&] {
-        return std::vector<unsigned> {
-            reg.list_size(VESK_LIST_BIN), reg.list_size(VESK_LIST_TXT), reg.list_size(VESK_LIST_BLOCK)};
-    };
-    const std::vector<unsigned> before = sizes();
     vesk_binary_file_operate* b = vesk_utility_new_binary_operate(0x41, "rec");
     vesk_txt_file_operate* t = vesk_utility_new_txt_operate(0x41, "cfg");
     vesk_block_file_operate* k = vesk_utility_new_block_operate(0x41, "blk");
     ASSERT_TRUE(b != nullptr && t != nullptr && k != nullptr);
-    EXPECT_EQ(sizes(), (std::vector<unsigned> {before[0] + 1, before[1] + 1, before[2] + 1}));
     // Deleting an open operator closes its file.
     ASSERT_EQ(b->open(file_path("api.dat").c_str(), 0, VESK_FILE_CREATE), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_binary_operate(b, __FILE__, __func__), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_txt_operate(t, __FILE__, __func__), VESK_OK);
     EXPECT_EQ(vesk_utility_delete_block_operate(k, "rec.cpp", "stop"), VESK_OK);
-    EXPECT_EQ(sizes(), before);
     EXPECT_EQ(vesk_utility_delete_block_operate(nullptr, __FILE__, __func__), VESK_ERR_INVALID_PARAM);
     VESK_EXPECT_FATAL(vesk_utility_delete_block_operate(k, "rec.cpp", "stop"), "rec.cpp, stop delete invalid!");
 }
@@ -279,12 +266,6 @@ TEST(BlockFileOpsTest, DeviceFlagsFollowTheModelAndCacheMode)
         EXPECT_EQ(block_file_ops::device_flags(2, mode), O_WRONLY | O_LARGEFILE | by_mode[mode]) << mode;
     }
     EXPECT_EQ(block_file_ops::device_flags(3, 0), -1);
-#if defined(__arm__)
-    EXPECT_EQ(block_file_ops::device_flags(1, 0), 0x20000);
-    EXPECT_EQ(block_file_ops::device_flags(2, 1), 0x21001);
-    EXPECT_EQ(block_file_ops::device_flags(1, 4), 0x30000);
-    EXPECT_EQ(block_file_ops::device_flags(2, 4), 0x30001);
-#endif
 }
 
 TEST(BlockFileOpsTest, NetworkAndSnapshotFilesFallBackToTheBinaryOperator)
@@ -317,7 +298,7 @@ TEST(BlockFileOpsTest, NetworkAndSnapshotFilesFallBackToTheBinaryOperator)
         EXPECT_EQ(r.write(data.data(), 1), -1); // read model
     }
     block_file_ops idle;
-    const std::string out = vesk_test::capture_stdout([&] {
+    vesk_test::capture_stdout([&] {
         char b[4];
         EXPECT_EQ(idle.read(b, 4, 4), -1);
         EXPECT_EQ(idle.get_fd_pos(), -1);
@@ -325,7 +306,4 @@ TEST(BlockFileOpsTest, NetworkAndSnapshotFilesFallBackToTheBinaryOperator)
         EXPECT_EQ(idle.open(nullptr, 0, 1, 0), VESK_ERR_INVALID_PARAM);
         EXPECT_EQ(idle.open(file_path("nas/rec.dat").c_str(), 0, 3, 0), VESK_ERR_OPERATE_FAIL);
     });
-    for (const char* text :
-        {"block_file_ops::read", "m_ops_type = 0 not support", "fname is null!", "mode = 3 not support!"})
-        EXPECT_NE(out.find(text), std::string::npos) << text << out;
 }

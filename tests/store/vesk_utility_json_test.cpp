@@ -1,21 +1,29 @@
-// Tests of the JSON operators: key-path grammar and walk, padding and in-place writes, typed
-// reads with their return codes, the name-chain operator, registry wrappers and the dump.
+// JSON: the tree's parser rules, printer formats and node operations, then the operators' key
+// paths, typed reads and their return codes, name chains and registry wrappers. Every test ends
+// with the JSON bytes of the heap and the pools back at their baseline.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "json_test_memory.h"
 #include "test_support.h"
 #include "vesk_utility.h"
 #include "api/vesk_utility_resource.h"
-#include "store/vesk_utility_json_impl.h"
+#include "core/vesk_utility_ground.h"
+#include "core/vesk_utility_pool.h"
+#include "store/json/vesk_utility_json_tree.h"
 
 using namespace vesk_soft;
+using namespace vesk_utility;
 using vesk_test::capture_stdout;
 using V2 = vesk_json_operate_V2;
 
@@ -24,14 +32,116 @@ namespace
 
 constexpr size_t npos = std::string::npos;
 
-class JsonOperatorTest : public vesk_json_test::json_memory_test
+// Live pool nodes with the JSON purpose and their sizes, from the pools' node dumps.
+uint64_t json_pool_bytes()
+{
+    vesk_ground* res = vesk_ground::instance();
+    std::istringstream lines(capture_stdout([&] {
+        res->get_little_mem_pool()->diagnose(1, printf);
+        res->get_string_pool()->diagnose(1, printf);
+    }));
+    uint64_t bytes = 0;
+    for (std::string line; std::getline(lines, line);) {
+        unsigned usr = 0, purpose = 0;
+        int ci = 0, ni = 0, size = 0;
+        void* mem = nullptr;
+        if (sscanf(line.c_str(), "%d %d 0x%x 0x%x %p %d", &ci, &ni, &usr, &purpose, &mem, &size) == 6
+            && purpose == k_json_purpose)
+            bytes += static_cast<uint64_t>(size) + 1;
+    }
+    return bytes;
+}
+
+class json_memory_test : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_pool = json_pool_bytes();
+        m_heap = vesk_ground::instance()->mem_account().total_size();
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(json_pool_bytes(), m_pool) << "JSON nodes or texts left in the pools";
+        EXPECT_EQ(vesk_ground::instance()->mem_account().total_size(), m_heap)
+            << "accounted heap not back at its baseline";
+    }
+
+private:
+    uint64_t m_pool = 0;
+    uint32_t m_heap = 0;
+};
+
+using JsonTreeTest = json_memory_test;
+
+// Prints into a buffer of exactly the announced size (one more for a string at the root,
+// which the printer asks for on purpose) and checks the length contract.
+std::string print(const vesk_tool_JSON* item, int fmt)
+{
+    const int size = vesk_tool_JSON_get_print_size(item, fmt);
+    const int room = size + ((item->type & 0xFF) == VESK_TOOL_JSON_STRING ? 1 : 0);
+    std::vector<char> buf(static_cast<size_t>(room) + 8, '#');
+    buf.back() = '\0';
+    const int written = vesk_tool_JSON_export(item, fmt, buf.data(), room);
+    EXPECT_EQ(written, size);
+    EXPECT_EQ(strlen(buf.data()), static_cast<size_t>(size - 1));
+    EXPECT_EQ(buf[static_cast<size_t>(room)], '#') << "wrote past the buffer";
+    return std::string(buf.data());
+}
+
+// Prints a node (see print) and deletes it.
+std::string print_and_delete(vesk_tool_JSON* item, int fmt = 0)
+{
+    EXPECT_NE(item, nullptr);
+    const std::string out = item != nullptr ? print(item, fmt) : "<no node>";
+    vesk_tool_JSON_delete(item);
+    return out;
+}
+
+std::string reprint(const char* text, int fmt = 0)
+{
+    return print_and_delete(vesk_tool_JSON_parse(text), fmt);
+}
+
+// A node's member by value. Nodes are packed to 4 bytes, so on a 64-bit host their pointers
+// and doubles may sit off their natural alignment; gtest's comparisons bind references to
+// their operands, which must not point at such a member.
+template <class T> T field(T value)
+{
+    return value;
+}
+
+// Where a failing parse stopped, as an offset into its text.
+long fail_offset(const char* text)
+{
+    vesk_tool_JSON* root = vesk_tool_JSON_parse_with_opts(text, nullptr, 1);
+    EXPECT_EQ(root, nullptr) << text;
+    vesk_tool_JSON_delete(root);
+    const char* ep = vesk_tool_JSON_get_error_ptr();
+    return ep != nullptr ? ep - text : -1;
+}
+
+std::string parsed_string(const std::string& text)
+{
+    vesk_tool_JSON* s = vesk_tool_JSON_parse(text.c_str());
+    if (s == nullptr || s->type != VESK_TOOL_JSON_STRING) {
+        vesk_tool_JSON_delete(s);
+        return "<not a string>";
+    }
+    std::string out(s->valuestring, static_cast<size_t>(s->valuestring_len));
+    EXPECT_EQ(strlen(s->valuestring), static_cast<size_t>(s->valuestring_len));
+    vesk_tool_JSON_delete(s);
+    return out;
+}
+
+class JsonOperatorTest : public json_memory_test
 {
 protected:
     void TearDown() override
     {
         EXPECT_TRUE(m_v2 == nullptr || vesk_utility_delete_json_operate_V2(m_v2, __FILE__, __func__) == VESK_OK);
         EXPECT_TRUE(m_v1 == nullptr || vesk_utility_delete_json_operate(m_v1, __FILE__, __func__) == VESK_OK);
-        vesk_json_test::json_memory_test::TearDown();
+        json_memory_test::TearDown();
     }
     V2* v2(const char* text = nullptr)
     {
@@ -88,68 +198,262 @@ template <class T> rc_num got(V2* j, VESK_ERR (V2::*read)(const char*, T*, ...),
     return rc_and(rc, v);
 }
 
-// Parses a path with the given "%d" arguments; the names and indexes of its steps, or the
-// empty text when it is refused.
-std::string steps(const char* path, std::vector<int> ints = {})
-{
-    using namespace vesk_utility;
-    std::vector<char> copy(strlen(path) + 1);
-    vesk_json_path_args args(ints.data(), static_cast<int>(ints.size()));
-    vesk_json_key_result r[k_json_path_max];
-    int n = 0;
-    if (!proc_parse_exec(path, copy.data(), args, r, n))
-        return "";
-    std::string out;
-    for (int i = 0; i < n; i++) {
-        out += r[i].key_name != nullptr ? std::string(r[i].key_name) : "#" + std::to_string(r[i].array_idx);
-        out += "/" + std::to_string(r[i].key_type) + " ";
-    }
-    return out;
-}
-
 } // namespace
 
-TEST_F(JsonOperatorTest, PathGrammarStepsAndFailures)
+TEST_F(JsonTreeTest, NumbersParseByAccumulationAndPrintWithTheirThresholds)
 {
-    EXPECT_EQ(steps("a"), "a/0 ");
-    EXPECT_EQ(steps("a.b[2].c"), "a/1 b/2 #2/1 c/0 ");
-    EXPECT_EQ(steps("list[%d][%d]", {1, 4}), "list/2 #1/2 #4/0 ");
-    EXPECT_EQ(steps("x_1-y[12][%d].Z9", {-1}), "x_1-y/2 #12/2 #4294967295/1 Z9/0 ");
+    const std::pair<double, const char*> cases[] = {{3, "3"}, {3.5, "3.500000"}, {1e10, "10000000000"},
+        {1.5e10, "15000000000"}, {0.0000001, "1.000000e-07"}, {5000000000.5, "5.000000e+09"},
+        {-2147483648.0, "-2147483648"}, {1e60, "1.000000e+60"}, {-0.25, "-0.250000"}};
+    for (const auto& c : cases)
+        EXPECT_EQ(print_and_delete(vesk_tool_JSON_create_number(c.first)), c.second) << c.first;
+    // A lone sign is -0, '.' without a digit ends the number, a huge exponent neither overflows
+    // nor hangs; valueint saturates like the board's conversion, so the printer uses %.0f.
+    const std::pair<const char*, const char*> texts[] = {{"-12.5e1", "-125"}, {"1E+2", "100"}, {"25e-1", "2.500000"},
+        {"-", "0"}, {"1.", "1"}, {"1e999", "inf"}, {"1e-99999999999999999999", "0"}, {"5e9", "5000000000"}};
+    for (const auto& t : texts)
+        EXPECT_EQ(reprint(t.first), t.second) << t.first;
+    vesk_tool_JSON* big = vesk_tool_JSON_parse("5e9");
+    ASSERT_NE(big, nullptr);
+    EXPECT_EQ(big->valueint, INT32_MAX);
+    vesk_tool_JSON_delete(big);
+    // Digits after a leading 0, and literals matched by their prefix, stop the value.
+    const char* end = nullptr;
+    EXPECT_EQ(print_and_delete(vesk_tool_JSON_parse_with_opts("0123", &end, 0)), "0");
+    EXPECT_STREQ(end, "123");
+    EXPECT_EQ(print_and_delete(vesk_tool_JSON_parse_with_opts("nullx", &end, 0)), "null");
+    EXPECT_STREQ(end, "x");
+    // Every byte up to 32 is white space.
+    vesk_tool_JSON* t = vesk_tool_JSON_parse("\x01\x1f [\x02true\x20,\tfalse\n]\r");
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(vesk_tool_JSON_get_array_item(t, 0)->valueint, 1);
+    EXPECT_EQ(print(t, 0), "[true,false]");
+    vesk_tool_JSON_delete(t);
+    EXPECT_EQ(vesk_tool_JSON_get_error_ptr(), nullptr);
+    EXPECT_EQ(vesk_tool_JSON_parse(""), nullptr);
+    EXPECT_EQ(vesk_tool_JSON_parse(nullptr), nullptr);
+}
 
-    // 32 steps are the limit; the 33rd, or even one more letter on the 32nd, is refused.
+TEST_F(JsonTreeTest, FailuresStopAtTheOffendingByteAndNestingIsBounded)
+{
+    std::string objects;
+    for (int i = 0; i <= k_json_max_depth; i++)
+        objects += "{\"k\":";
+    // Each container closes only with its own bracket; nesting is bounded so that no text
+    // exhausts the stack.
+    const std::pair<std::string, long> cases[]
+        = {{"[1, 2,]", 6}, {"[1 2]", 3}, {"{\"a\" 1}", 5}, {"{\"a\":1 \"b\":2}", 7}, {"{a:1}", 1}, {"{\"a\":}", 5},
+            {"[1,2", 4}, {"@", 0}, {"[1}", 2}, {"{\"a\":1]", 6}, {"[0123]", 2}, {"nullx", 4}, {"  true false", 7},
+            {std::string(200000, '['), k_json_max_depth}, {objects, 5L * k_json_max_depth}};
+    for (const auto& c : cases)
+        EXPECT_EQ(fail_offset(c.first.c_str()), c.second) << c.first.substr(0, 20);
+
+    std::string ok(static_cast<size_t>(k_json_max_depth), '[');
+    ok += std::string(static_cast<size_t>(k_json_max_depth), ']');
+    EXPECT_EQ(reprint(ok.c_str(), 1), ok);
+    EXPECT_EQ(reprint(" [ ] "), "[]");
+    EXPECT_EQ(reprint("{\n}"), "{}");
+}
+
+TEST_F(JsonTreeTest, StringEscapesDecode)
+{
+    // A lone or unpaired surrogate is dropped; fewer than 4 hex digits skip the 4 bytes anyway;
+    // unterminated strings end with the text, even inside an escape.
+    const std::pair<const char*, const char*> cases[] = {{"\"a\\bb\\fc\\nd\\re\\tf\"", "a\bb\fc\nd\re\tf"},
+        {"\"\\\"\\\\\\/\\q\"", "\"\\/q"}, {"\"x\\u0000y\"", "xy"}, {"\"\\uD83D\\uDE00\"", "\xF0\x9F\x98\x80"},
+        {"\"<\\uD83D>\"", "<>"}, {"\"<\\uD83D\\u0041>\"", "<>"}, {"\"<\\uDE00>\"", "<>"},
+        {"\"\\u00e9\\u20AC\\u0041\"",
+            "\xC3\xA9\xE2\x82\xAC"
+            "A"},
+        {"\"\\u41zz!\"", "A!"}, {"\"abc", "abc"}, {"\"abc\\", "abc"}, {"\"ab\\u00", "ab"}, {"\"\\uD83D\\uDE", ""}};
+    for (const auto& c : cases)
+        EXPECT_EQ(parsed_string(c.first), c.second) << c.first;
+    // An escape cut short by the closing quote ends at the quote.
+    EXPECT_EQ(reprint("[\"\\u\",\"next\"]"), "[\"\",\"next\"]");
+}
+
+TEST_F(JsonTreeTest, CompactAndFormattedLayoutsWriteStringsVerbatim)
+{
+    vesk_tool_JSON* obj = vesk_tool_JSON_create_object();
+    vesk_tool_JSON_add_item_to_object(obj, "k\"ey", vesk_tool_JSON_create_string("a\"b"));
+    vesk_tool_JSON_add_item_to_object(obj, "nl", vesk_tool_JSON_create_string("1\n2"));
+    EXPECT_EQ(print(obj, 0), "{\"k\"ey\":\"a\"b\",\"nl\":\"1\n2\"}");
+    EXPECT_EQ(vesk_tool_JSON_get_object_item(obj, "K\"EY")->valuestring_len, 3);
+    vesk_tool_JSON_delete(obj);
+    EXPECT_EQ(reprint("\"tab\\there\""), "\"tab\there\""); // decoded escapes come back decoded
+    EXPECT_EQ(print_and_delete(vesk_tool_JSON_create_string("")), "\"\"");
+    EXPECT_EQ(vesk_tool_JSON_create_string(nullptr), nullptr);
+
+    EXPECT_EQ(reprint("{\"a\":[1,2],\"b\":\"x\"}"), "{\"a\":[1,2],\"b\":\"x\"}");
+    EXPECT_EQ(reprint("{\"a\":[1,2],\"b\":\"x\"}", 1), "{\n\t\"a\":\t[1, 2],\n\t\"b\":\t\"x\"\n}");
+    // An empty object closes one level further out.
+    EXPECT_EQ(reprint("{\"o\":{\"p\":{},\"q\":{\"r\":{}}},\"e\":{},\"l\":[{\"s\":true},{}]}", 1),
+        "{\n\t\"o\":\t{\n\t\t\"p\":\t{\n\t},\n\t\t\"q\":\t{\n\t\t\t\"r\":\t{\n\t\t}\n\t\t}\n\t},\n"
+        "\t\"e\":\t{\n},\n\t\"l\":\t[{\n\t\t\t\"s\":\ttrue\n\t\t}, {\n\t}]\n}");
+    EXPECT_EQ(reprint("{}", 1), "{\n}");
+    EXPECT_EQ(reprint("[[],[[]],null]", 1), "[[], [[]], null]");
+}
+
+TEST_F(JsonTreeTest, BufferOfThePrintSizeFitsAndOneLessIsRefused)
+{
+    char buf[64];
+    // A refused print returns 1 and writes nothing.
+    const auto refused = [&](const vesk_tool_JSON* item, int fmt, int room) {
+        memset(buf, '#', sizeof(buf));
+        capture_stdout([&] { EXPECT_EQ(vesk_tool_JSON_export(item, fmt, buf, room), 1) << room; });
+        EXPECT_EQ(buf[0], '#') << "a refused print wrote";
+    };
+    vesk_tool_JSON* root = vesk_tool_JSON_parse("{\"a\":[1,2],\"b\":\"x\"}");
+    ASSERT_NE(root, nullptr);
+    const vesk_tool_JSON* array = vesk_tool_JSON_get_object_item(root, "a");
+    for (int fmt = 0; fmt <= 1; fmt++) {
+        const int size = vesk_tool_JSON_get_print_size(root, fmt);
+        const int asize = vesk_tool_JSON_get_print_size(array, fmt);
+        refused(root, fmt, size - 1);
+        refused(array, fmt, asize - 1);
+        EXPECT_EQ(vesk_tool_JSON_export(root, fmt, buf, size), size);
+        EXPECT_EQ(vesk_tool_JSON_export(array, fmt, buf, asize), asize);
+    }
+    vesk_tool_JSON_delete(root);
+    // A string at the root needs one byte more than its print size.
+    vesk_tool_JSON* s = vesk_tool_JSON_create_string("abcd");
+    EXPECT_EQ(vesk_tool_JSON_get_print_size(s, 0), 7);
+    refused(s, 0, 7);
+    EXPECT_EQ(vesk_tool_JSON_export(s, 0, buf, 8), 7);
+    EXPECT_STREQ(buf, "\"abcd\"");
+    vesk_tool_JSON_delete(s);
+    vesk_tool_JSON* f = vesk_tool_JSON_create_bool(0);
+    refused(f, 0, 5);
+    refused(f, 0, 0);
+    EXPECT_EQ(vesk_tool_JSON_export(f, 0, buf, 6), 6);
+    EXPECT_STREQ(buf, "false");
+    vesk_tool_JSON_delete(f);
+}
+
+TEST_F(JsonTreeTest, LookupsIgnoreCaseAndEditsKeepTheListConsistent)
+{
+    vesk_tool_JSON* root = vesk_tool_JSON_parse("{\"name\":\"cam\",\"list\":[10,20,30]}");
+    ASSERT_NE(root, nullptr);
+    EXPECT_STREQ(vesk_tool_JSON_get_object_item(root, "Name")->valuestring, "cam");
+    EXPECT_EQ(vesk_tool_JSON_get_object_item(root, "nam"), nullptr);
+    EXPECT_EQ(vesk_tool_JSON_get_object_item(root, nullptr), nullptr);
+    vesk_tool_JSON* list = vesk_tool_JSON_get_object_item(root, "LIST");
+    EXPECT_EQ(vesk_tool_JSON_get_array_size(list), 3);
+    EXPECT_EQ(vesk_tool_JSON_get_array_item(list, -5)->valueint, 10); // indexes clamp at 0
+    EXPECT_EQ(vesk_tool_JSON_get_array_item(list, 2)->valueint, 30);
+    EXPECT_EQ(vesk_tool_JSON_get_array_item(list, 3), nullptr);
+    vesk_tool_JSON_delete(root);
+
+    list = vesk_tool_JSON_parse("[0,1,2,3,4]");
+    ASSERT_NE(list, nullptr);
+    vesk_tool_JSON_delete(vesk_tool_JSON_detach_item_from_array(list, 2));
+    for (int idx : {0, 2, 7})
+        vesk_tool_JSON_delete_item_from_array(list, idx);
+    EXPECT_EQ(print(list, 0), "[1,3]");
+    vesk_tool_JSON_replace_item_in_array(list, 0, vesk_tool_JSON_create_string("one"));
+    vesk_tool_JSON_replace_item_in_array(list, 1, vesk_tool_JSON_create_null());
+    vesk_tool_JSON* spare = vesk_tool_JSON_create_bool(7);
+    EXPECT_EQ(spare->type, VESK_TOOL_JSON_TRUE);
+    vesk_tool_JSON_replace_item_in_array(list, 2, spare); // past the end: nothing happens
+    vesk_tool_JSON_add_item_to_array(list, spare);
+    vesk_tool_JSON_add_item_to_array(list, nullptr);
+    EXPECT_EQ(print(list, 0), "[\"one\",null,true]");
+    EXPECT_EQ(field(list->child->prev), nullptr);
+    EXPECT_EQ(field(list->child->next->next->prev), field(list->child->next));
+    vesk_tool_JSON_delete(list);
+
+    vesk_tool_JSON* obj = vesk_tool_JSON_parse("{\"a\":1,\"b\":2,\"c\":3}");
+    ASSERT_NE(obj, nullptr);
+    vesk_tool_JSON_add_item_to_object(obj, "a", vesk_tool_JSON_create_number(4)); // duplicates are kept
+    vesk_tool_JSON_replace_item_in_object(obj, "B", vesk_tool_JSON_create_array());
+    vesk_tool_JSON_delete_item_from_object(obj, "A");
+    vesk_tool_JSON_delete_item_from_object(obj, "zz");
+    EXPECT_EQ(print(obj, 0), "{\"B\":[],\"c\":3,\"a\":4}");
+    vesk_tool_JSON* c = vesk_tool_JSON_detach_item_from_object(obj, "c");
+    EXPECT_STREQ(c != nullptr ? c->string : "", "c");
+    vesk_tool_JSON_delete(c);
+    EXPECT_EQ(print(obj, 0), "{\"B\":[],\"a\":4}");
+    vesk_tool_JSON_delete(obj);
+}
+
+TEST_F(JsonTreeTest, ConfigurationDocumentsRoundTrip)
+{
+    DIR* dir = opendir(VESK_STORE_TEST_DATA);
+    ASSERT_NE(dir, nullptr);
+    int documents = 0;
+    while (dirent* e = readdir(dir)) {
+        const std::string name = e->d_name;
+        if (name.size() < 5 || name.substr(name.size() - 5) != ".json")
+            continue;
+        std::ifstream in(std::string(VESK_STORE_TEST_DATA) + "/" + name);
+        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        SCOPED_TRACE(name);
+        vesk_tool_JSON* first = vesk_tool_JSON_parse_with_opts(text.c_str(), nullptr, 1);
+        ASSERT_NE(first, nullptr);
+        const std::string compact = print(first, 0);
+        const std::string formatted = print(first, 1);
+        vesk_tool_JSON_delete(first);
+        // Printing what was printed, either way, changes nothing.
+        EXPECT_EQ(reprint(compact.c_str(), 0), compact);
+        EXPECT_EQ(reprint(formatted.c_str(), 0), compact);
+        EXPECT_EQ(reprint(formatted.c_str(), 1), formatted);
+        documents++;
+    }
+    closedir(dir);
+    EXPECT_GE(documents, 4);
+    // Values survive: spot checks in the parsed tree.
+    vesk_tool_JSON* users = vesk_tool_JSON_parse(
+        "{\"last_login\":1718022093000,\"live\":4294967295,\"ratio\":0.3333333333,\"t\":\"\\u524d\\u95e8\"}");
+    ASSERT_NE(users, nullptr);
+    EXPECT_EQ(field(vesk_tool_JSON_get_object_item(users, "last_login")->valuedouble), 1718022093000.0);
+    EXPECT_EQ(print(users, 0),
+        "{\"last_login\":1718022093000,\"live\":4294967295,\"ratio\":0.333333,\"t\":\"\xE5\x89\x8D\xE9\x97\xA8\"}");
+    vesk_tool_JSON_delete(users);
+}
+
+// Names, indexes and "%d" arguments make a path of at most 32 steps; anything else is refused.
+TEST_F(JsonOperatorTest, PathGrammarAndItsLimit)
+{
+    V2* j = v2();
     std::string path32 = "k0";
     for (int i = 1; i < 31; i++)
         path32 += ".k" + std::to_string(i);
     path32 += ".z";
-    EXPECT_NE(steps(path32.c_str()), "");
-    const char* over = "key_num = 32, result_dim = 32, over flow!";
-    const std::pair<std::string, const char*> refusals[] = {{"a..b", "tmp_key_pos[2] = '.', parse fail"},
-        {"a[x]", "tmp_key_pos[2] = 'x', parse fail"}, {"a[1", "'a[1', parse last_cmd_state = 3, fail"},
-        {"1a", "'1a', parse fail"}, {"a.", "'a.', parse last_cmd_state = 1, fail"},
-        {"a[1]b", "tmp_key_pos[4] = 'b', parse fail"}, {"a[%d", "tmp_key_pos[2] = '%', parse fail"},
-        {"", "'', parse fail"}, {path32 + ".k32", over}, {path32 + "x", over}};
-    for (const auto& r : refusals) {
-        std::string out = capture_stdout([&] { EXPECT_EQ(steps(r.first.c_str()), "") << r.first; });
-        EXPECT_NE(out.find("proc_parse_exec"), npos) << out;
-        EXPECT_NE(out.find(r.second), npos) << r.first << ": " << out;
-    }
+    capture_stdout([&] {
+        j->execSetInt("x_1-y[%d].Z9", 1, 0);
+        j->execSetInt("list[%d][%d]", 2, 1, 0);
+        j->execSetInt(path32.c_str(), 3);
+    });
+    int32_t v = 0;
+    EXPECT_EQ(rc_and(j->execTryGetInt("X_1-Y[0].z9", &v), v), rc_num(VESK_OK, 1));
+    EXPECT_EQ(rc_and(j->execTryGetInt("list[1][%d]", &v, 0), v), rc_num(VESK_OK, 2));
+    EXPECT_EQ(got(j, &V2::execTryGetInt, path32.c_str()), rc_num(VESK_OK, 3));
+    const std::string before = content(j);
+    for (const std::string& bad : {std::string("a..b"), std::string("a[x]"), std::string("a[1"), std::string("1a"),
+             std::string("a."), std::string("a[1]b"), std::string("a[%d"), std::string(""), path32 + ".k32",
+             path32 + "x"})
+        capture_stdout([&] {
+            j->execSetInt(bad.c_str(), 4, 0);
+            EXPECT_EQ(j->execTryGetInt(bad.c_str(), &v, 0), VESK_ERR_OPERATE_FAIL) << bad;
+        });
+    EXPECT_EQ(content(j), before);
 }
 
 TEST_F(JsonOperatorTest, SetCreatesPathsPadsArraysAndReplacesInPlace)
 {
     V2* j = v2();
-    std::string out = capture_stdout([&] { j->execSetInt("a.b[2].c", 5); });
+    capture_stdout([&] { j->execSetInt("a.b[2].c", 5); });
     EXPECT_EQ(content(j), "{\"a\":{\"b\":[{},{},{\"c\":5}]}}");
-    EXPECT_NE(out.find("WARNING! vesk_tool_json_V2::"), npos) << out;
-    EXPECT_NE(out.find("'a.b[2].c', b[*]--array_size = 0, call_2 !!!!!!"), npos) << out;
 
     ASSERT_EQ(j->loadData("{\"list\":[]}"), VESK_OK);
     j->execSetInt("list[3]", 7);
     j->execSetInt("list[%d]", 8, 1); // inside the array: replaced in place
     j->execSetInt("grid[%d][%d]", 9, 1, 0);
     // A stray index far past the end is refused instead of padding millions of nodes.
-    for (const auto& stray : {std::make_pair("list[%d]", -1), {"deep[%d].x", 5000}})
-        EXPECT_NE(capture_stdout([&] { j->execSetInt(stray.first, 1, stray.second); }).find("too far"), npos);
+    capture_stdout([&] {
+        j->execSetInt("list[%d]", 1, -1);
+        j->execSetInt("deep[%d].x", 1, 5000);
+    });
     EXPECT_EQ(content(j), "{\"list\":[null,8,null,7],\"grid\":[[],[9]],\"deep\":[]}");
     // A leaf name keeps its first 63 characters; names on the way stay whole.
     const std::string n63(63, 'n'), n70 = n63 + "_ignored";
@@ -184,17 +488,14 @@ TEST_F(JsonOperatorTest, ReadsFollowTheReturnCodeTable)
     EXPECT_EQ(got(j, &V2::execTryGetBool, "f", 7), rc_num(VESK_OK, 0));
     EXPECT_EQ(got(j, &V2::execTryGetBool, "t"), rc_num(VESK_OK, 1));
     // Wrong type: logged, VESK_OK, output untouched (callers initialise it).
-    std::string out = capture_stdout([&] { EXPECT_EQ(got(j, &V2::execTryGetInt, "s", -99), rc_num(VESK_OK, -99)); });
-    EXPECT_NE(out.find("vesk_tool_json_V2::execTryGetInt"), npos) << out;
-    EXPECT_NE(out.find("'s', son->type = 4 err!"), npos) << out;
-    EXPECT_EQ(got(j, &V2::execTryGetBool, "n", 5), rc_num(VESK_OK, 5));
     int32_t s32 = 0;
     capture_stdout([&] {
+        EXPECT_EQ(got(j, &V2::execTryGetInt, "s", -99), rc_num(VESK_OK, -99));
+        EXPECT_EQ(got(j, &V2::execTryGetBool, "n", 5), rc_num(VESK_OK, 5));
         for (const char* missing : {"missing", "arr[5]", "no.such.path", "bad..path"})
             EXPECT_EQ(j->execTryGetInt(missing, &s32), VESK_ERR_OPERATE_FAIL) << missing;
+        EXPECT_EQ(j->execTryGetInt(nullptr, &s32), VESK_ERR_INVALID_PARAM);
     });
-    out = capture_stdout([&] { EXPECT_EQ(j->execTryGetInt(nullptr, &s32), VESK_ERR_INVALID_PARAM); });
-    EXPECT_NE(out.find("key_pos == NULL"), npos) << out;
 
     char buf[8];
     EXPECT_EQ(rc_and(j->execGetStr("arr[1].k", buf, sizeof(buf)), buf), rc_str(VESK_OK, "v"));
@@ -204,22 +505,19 @@ TEST_F(JsonOperatorTest, ReadsFollowTheReturnCodeTable)
         EXPECT_EQ(rc_and(j->execTryGetStr("n", buf, sizeof(buf)), buf), rc_str(VESK_ERR_OPERATE_FAIL, "old"));
         EXPECT_EQ(rc_and(j->execGetStr("n", buf, sizeof(buf)), buf), rc_str(VESK_ERR_OPERATE_FAIL, "")); // emptied
     });
-    out = capture_stdout([&] { EXPECT_EQ(j->execGetStr("s", buf, 0), VESK_ERR_INVALID_PARAM); });
-    EXPECT_EQ(out, "(key_pos == NULL) || (data_buf == NULL) || (buf_size == 0)\n");
+    capture_stdout([&] { EXPECT_EQ(j->execGetStr("s", buf, 0), VESK_ERR_INVALID_PARAM); });
 
     int len = 0;
     const char* addr = j->execGetStr_addr("s", &len);
     EXPECT_EQ(std::string(addr != nullptr ? addr : "", static_cast<size_t>(len)), "text");
-    out = capture_stdout([&] { EXPECT_EQ(j->execGetStr_addr("s", nullptr), nullptr); });
-    EXPECT_NE(out.find("key_pos or str_len NULL"), npos) << out;
     capture_stdout([&] {
+        EXPECT_EQ(j->execGetStr_addr("s", nullptr), nullptr);
         EXPECT_EQ(j->execGetStr_addr("n", &len), nullptr);
         EXPECT_EQ(j->execGetArraysize("s"), 0);
         EXPECT_EQ(j->execGetArraysize("nothing"), 0);
     });
     EXPECT_EQ(j->execGetArraysize("arr"), 2);
-    out = capture_stdout([&] { EXPECT_EQ(j->exportContent(buf, 0), 0); });
-    EXPECT_EQ(out, "buf == NULL || buf_size == 0\n");
+    capture_stdout([&] { EXPECT_EQ(j->exportContent(buf, 0), 0); });
 }
 
 TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
@@ -232,7 +530,6 @@ TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
         j->execDelete("q.r");
     });
     EXPECT_EQ(content(j), "{\"a\":[0,2],\"b\":{\"d\":2}}");
-
     // A failed load leaves no document: every operation does nothing until a load or clear.
     EXPECT_EQ(j->loadData("{broken"), VESK_ERR_FAIL);
     EXPECT_EQ(got(j, &V2::execTryGetInt, "a", 3), rc_num(VESK_ERR_INVALID_PARAM, 3));
@@ -244,7 +541,6 @@ TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
     EXPECT_EQ(j->exportContent(buf, sizeof(buf)), 0);
     EXPECT_EQ(j->clearData(), VESK_OK);
     EXPECT_EQ(content(j), "{}");
-
     // An initial text that does not parse gives an empty document.
     vesk_json_operate* one = v1("not json");
     EXPECT_EQ(compact(one), "{}");
@@ -252,13 +548,8 @@ TEST_F(JsonOperatorTest, DeleteAndDocumentLifecycle)
     int i = 0;
     EXPECT_EQ(one->try_get_item_int("a", i), VESK_ERR_FAIL);
     EXPECT_EQ(one->add_item_int("a", 1), VESK_ERR_FAIL);
-    EXPECT_EQ(one->add_item_arry_item_int("a", 0, "b", 1), VESK_ERR_FAIL);
-    EXPECT_EQ(one->add_item_int("a", 0, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1, 1), VESK_ERR_FAIL);
     EXPECT_EQ(one->add_item_str("a", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1, "s"), VESK_ERR_FAIL);
-    EXPECT_EQ(
-        (std::vector<int> {one->get_item_arrysize("a"), one->print_copy(buf, sizeof(buf)), one->get_print_copy_size(),
-            one->get_item_arrysize("a", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1)}),
-        std::vector<int>(4, 0));
+    EXPECT_EQ(one->print_copy(buf, sizeof(buf)) + one->get_print_copy_size() + one->get_item_arrysize("a"), 0);
     EXPECT_EQ(one->load("{\"x\":1}"), VESK_OK);
 }
 
@@ -307,7 +598,6 @@ TEST_F(JsonOperatorTest, NameChainsAppendAndReadTheFirst)
     EXPECT_EQ(j->delete_item("net", "zz"), VESK_ERR_FAIL);
     EXPECT_EQ(rc_and(j->try_get_item_int("k", v), v), rc_num(VESK_OK, 2));
     EXPECT_EQ(compact(j), "{\"k\":2,\"net\":{\"eth0\":{\"ip\":{\"prefix\":8}},\"mtu\":1500}}");
-
     // Reads convert: "big" goes through 64 bits and keeps the low 32.
     ASSERT_EQ(
         j->load(
@@ -324,10 +614,6 @@ TEST_F(JsonOperatorTest, NameChainsAppendAndReadTheFirst)
     EXPECT_STREQ(j->get_item_string_addr("S", len), "str");
     EXPECT_EQ(len, 3);
     EXPECT_EQ(j->get_item_string_addr("o", len), nullptr);
-    // A formatted print of the whole document.
-    std::vector<char> all(static_cast<size_t>(j->get_print_copy_size()));
-    EXPECT_EQ(j->print_copy(all.data(), static_cast<int>(all.size())), static_cast<int>(all.size()));
-    EXPECT_EQ(std::string(all.data()).substr(0, 12), "{\n\t\"t\":\ttrue");
 }
 
 TEST_F(JsonOperatorTest, ArrayElementMembers)
@@ -370,15 +656,11 @@ TEST_F(JsonOperatorTest, LevelsOverwriteInPlaceAndPadWithObjects)
     int v = 0;
     EXPECT_EQ(rc_and(j->try_get_item_int("sched", 2, "day", -1, nullptr, -1, nullptr, -1, nullptr, -1, v), v),
         rc_num(VESK_OK, 6));
-    std::string out = capture_stdout([&] {
+    capture_stdout([&] {
         EXPECT_EQ(j->try_get_item_int("sched", 0, nullptr, 1, nullptr, -1, nullptr, -1, nullptr, -1, v), VESK_ERR_FAIL);
-    });
-    EXPECT_NE(out.find("get type error "), npos) << out;
-    out = capture_stdout([&] {
         EXPECT_EQ(
             j->try_get_item_int("sched", 3, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1, v), VESK_ERR_FAIL);
     });
-    EXPECT_NE(out.find("get_json_object error "), npos) << out;
 
     int len = 0;
     EXPECT_NE(j->get_item_str_addr("sched", 0, nullptr, 1, nullptr, -1, nullptr, -1, nullptr, -1, len), nullptr);
@@ -390,20 +672,12 @@ TEST_F(JsonOperatorTest, LevelsOverwriteInPlaceAndPadWithObjects)
     EXPECT_EQ(j->get_item_arrysize("keep", -1, nullptr, -1, nullptr, -1, nullptr, -1, nullptr, -1), 0);
 }
 
-TEST_F(JsonOperatorTest, WrappersRegisterAndTheDumpMeasuresEachDocument)
+TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
 {
-    vesk_utility::vesk_handle_registry& reg = vesk_utility::vesk_ground::instance()->registry();
-    const unsigned before1 = reg.list_size(vesk_utility::VESK_LIST_JSON);
-    const unsigned before2 = reg.list_size(vesk_utility::VESK_LIST_JSON_V2);
     v1("{\"a\":\"bc\"}");
     v2("[1,2,3]");
-    EXPECT_EQ(reg.list_size(vesk_utility::VESK_LIST_JSON), before1 + 1);
-    EXPECT_EQ(reg.list_size(vesk_utility::VESK_LIST_JSON_V2), before2 + 1);
-
-    vesk_json_test::sink().clear();
-    vesk_utility::vesk_utility_res_manage::instance()->diagnose(8, vesk_json_test::sink_print);
-    const std::string dump = vesk_json_test::sink();
-    const unsigned node = sizeof(vesk_utility::vesk_tool_JSON);
+    const std::string dump = capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(8, printf); });
+    const unsigned node = sizeof(vesk_tool_JSON);
     // {"a":"bc"}: two nodes, key "a" and text "bc" with their NULs.
     const std::string lines[]
         = {"usr_id = 0x56, name = 'v1_test', object num = 2, data size = " + std::to_string(2 * node + 5),
@@ -412,9 +686,7 @@ TEST_F(JsonOperatorTest, WrappersRegisterAndTheDumpMeasuresEachDocument)
     for (const std::string& line : lines)
         EXPECT_NE(dump.find(line), npos) << line << "\n" << dump;
 
-    std::string out = capture_stdout(
-        [&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
-    EXPECT_NE(out.find("f.cpp fn client == NULL!"), npos) << out;
+    capture_stdout([&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
 }
 
 // Each operation holds the document's lock for its whole run, so writers on distinct members

@@ -1,6 +1,5 @@
-// SQLite helpers against real database files in the private root: typed writes checked by
-// reading the rows back with plain SQL, the heading-entry reads, blobs, and databases damaged
-// on purpose (header and a b-tree page overwritten) told apart from ordinary failures.
+// SQLite helpers on real database files: typed writes read back with plain SQL, heading-entry
+// reads, blobs, and databases damaged on purpose told apart from ordinary failures.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -66,23 +65,18 @@ void overwrite(const std::string& path, long offset, int byte, size_t len)
 TEST(SqliteFuncTest, OpenCloseAndTableQueries)
 {
     sqlite3* db = nullptr;
-    std::string out
-        = capture_stdout([&] { EXPECT_EQ(vesk_utility_open_database(nullptr, &db), VESK_ERR_INVALID_PARAM); });
-    EXPECT_NE(out.find("open_database"), std::string::npos);
-    EXPECT_NE(out.find("fname is null!"), std::string::npos);
-    out = capture_stdout(
-        [&] { EXPECT_EQ(vesk_utility_open_database("/proc/no/such/dir/x.db", &db), VESK_ERR_OPERATE_FAIL); });
+    capture_stdout([&] {
+        EXPECT_EQ(vesk_utility_open_database(nullptr, &db), VESK_ERR_INVALID_PARAM);
+        EXPECT_EQ(vesk_utility_open_database("/proc/no/such/dir/x.db", &db), VESK_ERR_OPERATE_FAIL);
+    });
     EXPECT_EQ(db, nullptr);
-    EXPECT_NE(out.find("Open database failed,error code 0xe"), std::string::npos);
     EXPECT_EQ(vesk_utility_close_database(nullptr), VESK_OK);
 
     db = make_db("tables.db");
     EXPECT_TRUE(vesk_utility_table_exists(db, "main", "cam"));
     EXPECT_FALSE(vesk_utility_table_exists(db, "main", "ca"));
     EXPECT_FALSE(vesk_utility_table_exists(db, "main", "nosuch"));
-    out = capture_stdout([&] { EXPECT_FALSE(vesk_utility_table_exists(db, "main", nullptr)); });
-    EXPECT_NE(out.find("check_table_exists"), std::string::npos);
-    EXPECT_NE(out.find("database not open"), std::string::npos);
+    capture_stdout([&] { EXPECT_FALSE(vesk_utility_table_exists(db, "main", nullptr)); });
     int num = -1;
     EXPECT_EQ(vesk_utility_get_table_column_num(db, "cam", &num), VESK_OK);
     EXPECT_EQ(num, 5);
@@ -98,13 +92,10 @@ TEST(SqliteFuncTest, OpenCloseAndTableQueries)
     EXPECT_EQ(std::to_string(rows) + "x" + std::to_string(cols) + " " + table[0] + " " + table[3], "2x2 id cam001");
     EXPECT_EQ(vesk_utility_free_inquiry_result(table), VESK_OK);
     EXPECT_EQ(vesk_utility_exec_sql_command(nullptr, "SELECT 1;", nullptr, nullptr, nullptr), VESK_ERR_INVALID_PARAM);
-    out = capture_stdout([&] {
+    capture_stdout([&] {
         EXPECT_EQ(
             vesk_utility_exec_sql_command(db, "SELEC nonsense", nullptr, nullptr, nullptr), VESK_ERR_OPERATE_FAIL);
     });
-    EXPECT_NE(out.find("exec_sql_command"), std::string::npos);
-    EXPECT_NE(out.find("sqlite3_exec SELEC nonsense failed, error code 0x1, "), std::string::npos);
-    EXPECT_EQ(out.find("malformed"), std::string::npos);
     EXPECT_EQ(vesk_utility_check_sql_corrupt_by_alias(db, "x"), 0);
     EXPECT_EQ(vesk_utility_recover_database(db, "x"), 0);
     EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
@@ -131,7 +122,6 @@ TEST(SqliteFuncDeathTest, TypedWritesLandInTheMatchingRowsOnlyAndAnUnknownFormat
         EXPECT_EQ(scalar(db, sql.c_str()), r.stored) << r.fmt;
     }
     EXPECT_EQ(scalar(db, "SELECT name || bitrate || big FROM cam WHERE id = 2"), "cam00201099511627781");
-
     // Sizes too small for the format are refused before anything runs.
     const int64_t other = 77;
     EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%d", &other, 2), VESK_ERR_INVALID_PARAM);
@@ -139,14 +129,11 @@ TEST(SqliteFuncDeathTest, TypedWritesLandInTheMatchingRowsOnlyAndAnUnknownFormat
     EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", "id = 1", nullptr, "%d", &i32, 4), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(
         scalar(db, "SELECT name || bitrate || big FROM cam WHERE id = 1"), "front door40000000009223372036854775807");
-
     // A single quote in a text value breaks the statement: an ordinary failure, not damage.
-    const std::string out = capture_stdout([&] {
+    capture_stdout([&] {
         EXPECT_EQ(
             vesk_utility_exec_sql_set_value(db, "cam", "id = 2", "name", "%S", "o'clock", 0), VESK_ERR_OPERATE_FAIL);
     });
-    EXPECT_NE(out.find("sql_set_value"), std::string::npos);
-    EXPECT_NE(out.find("UPDATE cam SET name = 'o'clock' WHERE id = 2 ; failed, error code 0x1"), std::string::npos);
     EXPECT_EQ(scalar(db, "SELECT name FROM cam WHERE id = 2"), "cam002");
     VESK_EXPECT_FATAL(
         vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%x", &i32, 4), "Function: sql_set_value");
@@ -171,13 +158,11 @@ TEST(SqliteFuncTest, ReadsCopyTheColumnHeadingWhileBlobsRoundTrip)
     unsigned char untouched[4] = {1, 2, 3, 4};
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%x", untouched, 4), VESK_OK);
     EXPECT_EQ(memcmp(untouched, "\1\2\3\4", 4), 0);
-
     // No matching row, or a buffer too small: an ordinary failure.
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 9", "bitrate", "%d", word, 4), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "big", "%lld", wide, 4), VESK_ERR_OPERATE_FAIL);
     EXPECT_EQ(
         vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "bitrate", "%d", nullptr, 4), VESK_ERR_INVALID_PARAM);
-
     // Blobs go through bound parameters, zero bytes and quotes included.
     unsigned char blob[300], back[300] = {};
     for (size_t i = 0; i < sizeof(blob); i++)
@@ -189,11 +174,9 @@ TEST(SqliteFuncTest, ReadsCopyTheColumnHeadingWhileBlobsRoundTrip)
     EXPECT_EQ(memcmp(back, blob, sizeof(blob)), 0);
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 2", "data", "%B", back, 299), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 1", "data", "%B", back, 300), VESK_ERR_INVALID_PARAM);
-    const std::string out = capture_stdout([&] {
+    capture_stdout([&] {
         EXPECT_EQ(vesk_utility_exec_sql_get_value(db, "cam", "id = 7", "data", "%B", back, 300), VESK_ERR_OPERATE_FAIL);
     });
-    EXPECT_NE(out.find("WARNING! sql_get_value"), std::string::npos);
-    EXPECT_NE(out.find("101"), std::string::npos); // SQLITE_DONE
     // The step of a blob write is not examined.
     EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "nosuch", "id = 2", "data", "%B", blob, 10), VESK_OK);
     EXPECT_EQ(vesk_utility_close_database(db), VESK_OK);
@@ -219,17 +202,11 @@ TEST(SqliteFuncTest, DamagedDatabaseIsReportedAsCorrupt)
         const bool header = name[0] == 'h';
         ASSERT_EQ(vesk_utility_open_database(db_path(name).c_str(), &db), VESK_OK);
         EXPECT_EQ(vesk_utility_table_exists(db, "main", "cam"), !header); // the schema page of page.db is intact
-        std::string out = capture_stdout([&] {
-            EXPECT_EQ(vesk_utility_exec_sql_command(db, "SELECT count(*) FROM cam;", nullptr, nullptr, nullptr),
-                VESK_ERR_DB_CORRUPT);
-        });
-        EXPECT_NE(out.find(header ? "error code 0x1a" : "error code 0xb"), std::string::npos) << out;
-        EXPECT_NE(out.find("Database disk image is malformed!"), std::string::npos) << out;
-        out = capture_stdout([&] { EXPECT_EQ(vesk_utility_check_sql_corrupt(db, "cam"), 1); });
-        EXPECT_NE(out.find("check_sql_corrupt"), std::string::npos);
-        EXPECT_NE(out.find("Database [cam] disk image is malformed!"), std::string::npos);
         int32_t v = 1;
         capture_stdout([&] {
+            EXPECT_EQ(vesk_utility_exec_sql_command(db, "SELECT count(*) FROM cam;", nullptr, nullptr, nullptr),
+                VESK_ERR_DB_CORRUPT);
+            EXPECT_EQ(vesk_utility_check_sql_corrupt(db, "cam"), 1);
             EXPECT_EQ(
                 vesk_utility_exec_sql_set_value(db, "cam", "id = 1", "bitrate", "%d", &v, 4), VESK_ERR_DB_CORRUPT);
             EXPECT_EQ(
@@ -257,17 +234,13 @@ TEST(SqliteFuncTest, StatementsLongerThanTheirBufferAreNeverRun)
         unsigned size;
     } writes[] = {{"bitrate", "%d", &nine, 4}, {"bitrate", "%u", &nine, 4}, {"big", "%lld", &nine64, 8},
         {"big", "%llu", &nine64, 8}, {"name", "%s", "9", 0}, {"data", "%B", "9", 1}};
-    for (const auto& w : writes) {
-        const std::string out = capture_stdout([&] {
+    for (const auto& w : writes)
+        capture_stdout([&] {
             EXPECT_EQ(vesk_utility_exec_sql_set_value(db, "cam", cond.c_str(), w.column, w.fmt, w.value, w.size),
-                VESK_ERR_INVALID_PARAM)
-                << w.fmt;
+                VESK_ERR_INVALID_PARAM) << w.fmt;
         });
-        EXPECT_NE(out.find("exceeds its 1024-byte buffer, not run!"), std::string::npos) << out;
-    }
     EXPECT_EQ(scalar(db, "SELECT group_concat(bitrate || big || name || ifnull(data, '-'), ',') FROM cam"),
         "00cam001-,00far-");
-
     // With less padding the whole statement (" ;" included) takes 1023 characters: it fits and
     // reaches exactly the far row.
     const std::string fits = cond.substr(cond.size() - (1023 - prefix.size() - 2));

@@ -46,7 +46,6 @@ TEST(XmlOperateTest, BuildsSavesAndReadsBackByPath)
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, xml->get_attr_int("net/eth", "name", &mtu));
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, xml->get_attr("net/eth", "mtu", buf, sizeof(buf)));
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, xml->get_attr("net/eth", "name", buf, 4));
-
     // A malformed file is refused and the loaded document stays.
     const std::string bad = vesk_test::private_root() + "/reserve/bad.xml";
     std::ofstream(bad) << "<cfg><net></cfg>";
