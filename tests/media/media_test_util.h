@@ -2,6 +2,7 @@
 #ifndef VESK_MEDIA_TEST_UTIL_H
 #define VESK_MEDIA_TEST_UTIL_H
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -107,16 +108,12 @@ inline double psnr(const bytes& a, const bytes& b)
 // Largest absolute difference of two equally long arrays, and where; -1 if sizes differ.
 inline int max_diff(const bytes& a, const bytes& b, size_t* where = nullptr)
 {
-    if (a.size() != b.size())
-        return -1;
-    int worst = 0;
-    for (size_t i = 0; i < a.size(); ++i) {
+    int worst = a.size() == b.size() ? 0 : -1;
+    for (size_t i = 0; worst >= 0 && i < a.size(); ++i) {
         const int d = std::abs(int(a[i]) - int(b[i]));
-        if (d > worst) {
-            worst = d;
-            if (where != nullptr)
-                *where = i;
-        }
+        if (d > worst && where != nullptr)
+            *where = i;
+        worst = std::max(worst, d);
     }
     return worst;
 }
