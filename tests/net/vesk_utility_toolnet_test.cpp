@@ -219,8 +219,7 @@ TEST_F(ToolnetTest, UdpAndMulticastEchoAgainstSocatBothWays)
     }));
     random_file("udp.big", 50000, 7, &payload);
     ASSERT_EQ(vesk_utility_toolnet_send_to(client, payload.data(), payload.size(), "127.0.0.1", port), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return answers.size() >= payload.size() + 5; }));
-    EXPECT_EQ(answers.text().substr(answers.size() - payload.size()), payload);
+    EXPECT_TRUE(wait_for([&] { return answers.text().find(payload) != std::string::npos; }));
     EXPECT_EQ(vesk_utility_toolnet_send_to(client, "x", 1, "localhost", port), VESK_ERR_INVALID_PARAM);
     EXPECT_EQ(vesk_utility_toolnet_close(client), VESK_OK);
 
