@@ -181,7 +181,8 @@ TEST_F(EventTest, RaisingAgainReloadsTheCountdownAndEndingWithTriggerZeroEndsAtT
 }
 
 // Analytics events are refreshed many times a second: their last trigger time moves only once
-// it is 3 s old, every other event's at each refresh.
+// it is 3 s old, every other event's at each refresh. Only refreshes within one clock second
+// are judged, so a stalled machine cannot fail it.
 TEST_F(EventTest, AnalyticsRefreshMovesTheLastTriggerTimeEveryThreeSeconds)
 {
     for (uint32_t sub : {VESK_EVENT_SUB_LINE_CROSSING, VESK_EVENT_SUB_MOTION}) {
@@ -189,14 +190,19 @@ TEST_F(EventTest, AnalyticsRefreshMovesTheLastTriggerTimeEveryThreeSeconds)
         const vesk_event_id id = id_of(e);
         set_state(e, 1);
         VESK_BOOL active = 0;
-        long start = 0, last = 0;
+        long start = 0, last = 0, age = 0;
         ASSERT_EQ(vesk_utility_get_event_state(&id, &active, &start, &last), VESK_OK);
-        for (int i = 0; i < 500 && last == start; i++) {
+        for (int i = 0; i < 1000 && age < 3; i++) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            const long now = time(nullptr);
             set_state(e, 1);
             ASSERT_EQ(vesk_utility_get_event_state(&id, &active, &start, &last), VESK_OK);
+            if (now != time(nullptr))
+                continue;
+            age = now - start;
+            EXPECT_EQ(last, sub == VESK_EVENT_SUB_MOTION || age >= 3 ? now : start) << "sub " << sub << " age " << age;
         }
-        EXPECT_EQ(last - start, sub == VESK_EVENT_SUB_MOTION ? 1 : 3) << "sub type " << sub;
+        EXPECT_GE(age, 3);
         set_state(e, 0);
         told();
     }
