@@ -60,6 +60,8 @@ apply() {
         s/\Q$f\E/$t/;' "$1"
 }
 
+# A check copies the working tree beside the build copy, so it never disturbs a run in progress.
+[ $check -eq 0 ] || src=$work/check
 mkdir -p "$work"
 rm -rf "$src" && mkdir -p "$src"
 if [ $check -eq 1 ]; then
