@@ -52,6 +52,19 @@ inline int connect_unix(const std::string& path)
     return fd;
 }
 
+// A listening socket at path (a stale one is replaced), or -1.
+inline int listen_unix(const std::string& path)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    unlink(path.c_str());
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 4) != 0)
+        return -1;
+    return fd;
+}
+
 // Waits for an 8-byte answer; its magic, or -1 when the server closed the connection or
 // nothing came before the deadline.
 inline long long read_answer(int fd)

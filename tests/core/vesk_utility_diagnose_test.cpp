@@ -392,6 +392,24 @@ TEST(DiagnoseStartupTest, ProcessAgentListsRegisteredClientsNewestFirstAndTheCon
     r = console("--timeout 1 --socket " + idle_path + " list");
     EXPECT_EQ(r.first, 1);
     EXPECT_THAT(r.second, HasSubstr("no answer from " + idle_path + " within 1 s"));
+    // An agent that finishes another request than the one asked.
+    const std::string odd_path = vesk_test::private_root() + "/odd.sock";
+    const int listener = vesk_test::listen_unix(odd_path);
+    ASSERT_GE(listener, 0);
+    std::thread odd([listener] {
+        const int fd = accept(listener, nullptr, nullptr);
+        vesk_diag_msg_head h;
+        if (recv(fd, &h, sizeof(h), MSG_WAITALL) == static_cast<ssize_t>(sizeof(h))) {
+            h = {k_diag_magic, h.seq + 1, k_diag_ans_finish, 0};
+            send(fd, &h, sizeof(h), MSG_NOSIGNAL);
+        }
+        close(fd);
+    });
+    r = console("--socket " + odd_path + " list");
+    odd.join();
+    close(listener);
+    EXPECT_EQ(r.first, 1);
+    EXPECT_THAT(r.second, HasSubstr("finish for request"));
     EXPECT_THAT(out, HasSubstr("client idx = 0  purpose = 'my module'\n"));
     EXPECT_THAT(out, HasSubstr("client idx = 1  purpose = '"));
     EXPECT_THAT(out, HasSubstr("para = 3\nsecond line\n"));

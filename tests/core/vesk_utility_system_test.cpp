@@ -30,18 +30,6 @@ std::string main_socket()
     return private_root() + "/usr/lib/libmodel.socket";
 }
 
-int listen_unix(const std::string& path)
-{
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    unlink(path.c_str());
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 4) != 0)
-        return -1;
-    return fd;
-}
-
 // connect() on a fresh socket (SOCK_STREAM | flags) that gives up after 30 s; *rc its result.
 int connect_bounded(const std::string& path, int flags, int* rc)
 {

@@ -12,9 +12,7 @@
 
 #include "test_support.h"
 #include "vesk_utility.h"
-#include "core/vesk_utility_handle.h"
 #include "core/vesk_utility_log.h"
-#include "core/vesk_utility_pool.h"
 #include "core/vesk_utility_registry.h"
 #include "core/vesk_utility_ground.h"
 
@@ -23,17 +21,6 @@ using namespace vesk_utility;
 
 namespace
 {
-
-class probe final
-{
-public:
-    virtual ~probe() { }
-};
-
-VESK_ERR delete_probe(probe* p, const char* file, const char* func)
-{
-    return VESK_DELETE_REGISTERED(VESK_LIST_MD5, p, file, func);
-}
 
 vesk_timer_ret_code never_cb(void*, unsigned int*, vesk_timer_task_type*)
 {
@@ -74,7 +61,6 @@ TEST(PreInitTest, EntriesRefuseWorkUntilInitialisedAndSaySo)
             [&] { return vesk_utility_get_last_valid_I_time(0, VESK_AV_STREAM_MAIN, &t, &w) == VESK_ERR_NOT_INIT; }},
         {"vesk_utility_new_md5_cnt[", [] { return !vesk_utility_new_md5_cnt(0x41, "early"); }},
         {"app.cpp quit", [] { return vesk_utility_delete_md5_cnt(nullptr, "app.cpp", "quit") == VESK_ERR_NOT_INIT; }},
-        {"app.cpp quit", [] { return delete_probe(nullptr, "app.cpp", "quit") == VESK_ERR_NOT_INIT; }},
         {"vesk_utility_new_lock[", [] { return !vesk_utility_new_lock(0x41, "early"); }},
         {"vesk_utility_new_rw_lock[", [] { return !vesk_utility_new_rw_lock(0x41, "early"); }},
         {"vesk_utility_new_interuptable_sleep[", [] { return !vesk_utility_new_interuptable_sleep(0x41, "early"); }},
