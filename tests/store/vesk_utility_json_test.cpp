@@ -691,7 +691,8 @@ TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
     for (const std::string& line : lines)
         EXPECT_NE(dump.find(line), npos) << line << "\n" << dump;
 
-    capture_stdout([&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
+    capture_stdout(
+        [&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
 }
 
 // Each operation holds the document's lock for its whole run, so writers on distinct members
