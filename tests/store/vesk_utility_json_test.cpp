@@ -257,15 +257,17 @@ TEST_F(JsonTreeTest, FailuresStopAtTheOffendingByteAndNestingIsBounded)
 
 TEST_F(JsonTreeTest, StringEscapesDecode)
 {
-    // A lone or unpaired surrogate is dropped; fewer than 4 hex digits skip the 4 bytes anyway;
-    // unterminated strings end with the text, even inside an escape.
+    // A lone or unpaired surrogate is dropped; \u digits are read as sscanf's "%4x" reads them
+    // (fewer than 4 skip the 4 bytes anyway, a sign counts); unterminated strings end with the
+    // text, even inside an escape.
     const std::pair<const char*, const char*> cases[] = {{"\"a\\bb\\fc\\nd\\re\\tf\"", "a\bb\fc\nd\re\tf"},
         {"\"\\\"\\\\\\/\\q\"", "\"\\/q"}, {"\"x\\u0000y\"", "xy"}, {"\"\\uD83D\\uDE00\"", "\xF0\x9F\x98\x80"},
         {"\"<\\uD83D>\"", "<>"}, {"\"<\\uD83D\\u0041>\"", "<>"}, {"\"<\\uDE00>\"", "<>"},
         {"\"\\u00e9\\u20AC\\u0041\"",
             "\xC3\xA9\xE2\x82\xAC"
             "A"},
-        {"\"\\u41zz!\"", "A!"}, {"\"abc", "abc"}, {"\"abc\\", "abc"}, {"\"ab\\u00", "ab"}, {"\"\\uD83D\\uDE", ""}};
+        {"\"\\u41zz!\"", "A!"}, {"\"\\u+041!\"", "A!"},
+        {"\"abc", "abc"}, {"\"abc\\", "abc"}, {"\"ab\\u00", "ab"}, {"\"\\uD83D\\uDE", ""}};
     for (const auto& c : cases)
         EXPECT_EQ(parsed_string(c.first), c.second) << c.first;
     // An escape cut short by the closing quote ends at the quote.
@@ -342,6 +344,7 @@ TEST_F(JsonTreeTest, LookupsIgnoreCaseAndEditsKeepTheListConsistent)
     EXPECT_EQ(vesk_tool_JSON_get_array_item(list, -5)->valueint, 10); // indexes clamp at 0
     EXPECT_EQ(vesk_tool_JSON_get_array_item(list, 2)->valueint, 30);
     EXPECT_EQ(vesk_tool_JSON_get_array_item(list, 3), nullptr);
+    EXPECT_EQ(vesk_tool_JSON_get_object_item(list, "x"), nullptr); // array members have no name
     vesk_tool_JSON_delete(root);
 
     list = vesk_tool_JSON_parse("[0,1,2,3,4]");
@@ -586,6 +589,7 @@ TEST_F(JsonOperatorTest, NameChainsAppendAndReadTheFirst)
     EXPECT_EQ(
         rc_and(j->get_item_string_copy("NET", "eth0", "ip", "mask", buf, sizeof(buf)), buf), rc_str(VESK_OK, "255.0"));
     EXPECT_EQ(j->get_item_string_copy("net", "mtu", buf, sizeof(buf)), VESK_ERR_FAIL);
+    EXPECT_EQ(j->get_item_string_copy("net", "eth0", "ip", "mask", buf, 0), VESK_ERR_FAIL); // no room at all
     double d = 0;
     EXPECT_EQ(rc_and(j->try_get_item_double("net", "mtu", d), d), rc_num(VESK_OK, 1500));
     EXPECT_EQ(rc_and(j->try_get_item_int("net", "eth0", "ip", "prefix", v), v), rc_num(VESK_OK, 8));
@@ -676,7 +680,8 @@ TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
 {
     v1("{\"a\":\"bc\"}");
     v2("[1,2,3]");
-    const std::string dump = capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(8, printf); });
+    const std::string dump
+        = capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(8, printf); });
     const unsigned node = sizeof(vesk_tool_JSON);
     // {"a":"bc"}: two nodes, key "a" and text "bc" with their NULs.
     const std::string lines[]
@@ -686,7 +691,8 @@ TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
     for (const std::string& line : lines)
         EXPECT_NE(dump.find(line), npos) << line << "\n" << dump;
 
-    capture_stdout([&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
+    capture_stdout(
+        [&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
 }
 
 // Each operation holds the document's lock for its whole run, so writers on distinct members
