@@ -1,5 +1,5 @@
 // Named locks, read-write locks and interruptible sleeps: holder bookkeeping, the fatal
-// misuse reports, the never-waiting try operations, writer preference and the lock dump.
+// misuse reports, the never-waiting try operations and the lock dump.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -35,14 +35,6 @@ namespace
 
 constexpr const char* k_name_40 = "abcdefghijklmnopqrstuvwxyz0123456789ABCD";
 constexpr const char* k_name_31 = "abcdefghijklmnopqrstuvwxyz01234";
-
-template <typename Pred> bool wait_until(Pred pred)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!pred() && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return pred();
-}
 
 // The state text with its seconds count, which depends on the clock, as "N".
 template <typename Lock> std::string state_of(Lock* lk)
@@ -277,55 +269,6 @@ TEST(RwLockTest, UnlockReportsBusyReleasesReadersAndWriterAndTriesNeverWait)
     reader.release_and_join();
     EXPECT_EQ(state_of(rw), "index is idel");
     EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
-}
-
-// Invariant: once a writer waits, no new reader gets in; the writer enters when the readers
-// already inside leave.
-TEST(RwLockTest, WaitingWriterKeepsNewReadersOut)
-{
-#if !defined(__GLIBC__)
-    GTEST_SKIP() << "writer preference needs the GNU C library";
-#endif
-    vesk_rw_lock* rw = new_rw("pref");
-    ASSERT_EQ(rw->rd_lock(), VESK_OK);
-    std::atomic<bool> writer_in {false};
-    std::thread writer([&] {
-        rw->wr_lock("w.cpp", "commit");
-        writer_in = true;
-        rw->unlock("w.cpp", "commit");
-    });
-    // Until the writer queues up, probing readers get in (and leave); after, they are refused.
-    EXPECT_TRUE(wait_until([&] {
-        const bool refused = rw->rd_trylock("r.cpp", "probe", 0) != VESK_OK;
-        if (!refused)
-            rw->unlock("r.cpp", "probe");
-        return refused;
-    }));
-    EXPECT_FALSE(writer_in.load());
-    rw->unlock("r.cpp", "first");
-    writer.join();
-    EXPECT_TRUE(writer_in.load());
-    EXPECT_EQ(vesk_utility_delete_rw_lock(rw, __FILE__, __func__), VESK_OK);
-}
-
-TEST(SleepTest, TimesOutIsCutShortByWakeupAndLosesEarlyWakeups)
-{
-    vesk_interuptable_sleep* s = vesk_utility_new_interuptable_sleep(0x43, "nap");
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(s->sleep(100), VESK_ERR_OPERATE_FAIL);
-    EXPECT_EQ(s->wakeup(), VESK_OK); // nobody sleeps: lost, the next sleep runs out
-    EXPECT_EQ(s->sleep(50), VESK_ERR_OPERATE_FAIL);
-    // A minute's sleep ends with 0 once a wakeup reaches it (repeated: early ones are lost).
-    std::atomic<bool> done {false};
-    VESK_ERR result = VESK_ERR_FAIL;
-    std::thread sleeper([&] {
-        result = s->sleep(60000);
-        done = true;
-    });
-    EXPECT_TRUE(wait_until([&] { return s->wakeup() == VESK_OK && done.load(); }));
-    sleeper.join();
-    EXPECT_EQ(result, VESK_OK);
-    EXPECT_EQ(vesk_utility_delete_interuptable_sleep(s, __FILE__, __func__), VESK_OK);
 }
 
 // Command 3 lists every lock, command 7 only the held ones.

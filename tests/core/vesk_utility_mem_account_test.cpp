@@ -1,6 +1,5 @@
-// Accounted heap, note trees and system figures: alignment, totals, realloc, the A/V cache
-// budget, the dumps, the note counts and compaction, the meminfo and smaps readers, and the
-// fatal checks.
+// Accounted heap and note trees: alignment, totals, realloc, the dumps, the note counts and
+// compaction, and the fatal checks.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -19,7 +18,6 @@
 #include "core/vesk_utility_mem_account.h"
 #include "core/vesk_utility_mem_layout.h"
 #include "core/vesk_utility_mem_note.h"
-#include "core/vesk_utility_mem_sys.h"
 #include "api/vesk_utility_resource.h"
 
 using namespace vesk_soft;
@@ -148,67 +146,6 @@ TEST(MemAccountTest, ReallocCallocStrdupAndSizesWhoseBlockWouldWrap)
     void* none = vesk_utility_calloc(0x47, 0x4703, 0, 65536);
     free_all({p, z, none});
     EXPECT_EQ(account().total_size(), base_total);
-}
-
-namespace
-{
-int s_wakeups = 0;
-} // namespace
-
-// The cache budget is process-wide: every test that moves it puts the defaults back.
-class MemBudgetTest : public testing::Test
-{
-protected:
-    void TearDown() override
-    {
-        vesk_mem_set_av_limits(0x2800000, 0x3000000);
-        vesk_mem_set_rotate_waker(nullptr);
-    }
-};
-
-TEST_F(MemBudgetTest, RefusalWarnsOncePerThousandAndRotationIsWoken)
-{
-    const uint32_t base = vesk_mem_av_total();
-    vesk_mem_set_av_limits(base + 40000, base + 100000);
-    vesk_mem_set_rotate_waker([] { s_wakeups++; });
-    s_wakeups = 0;
-    const auto refused_warnings = [](vesk_memmory_purpose purpose, int times) {
-        const std::string out = vesk_test::capture_stdout([&] {
-            for (int i = 0; i < times; i++)
-                EXPECT_EQ(vesk_utility_malloc(VESK_USER_AV_CACHE, purpose, 16, 4), nullptr);
-        });
-        return vesk_test::count_of(out, "forbid malloc!\n");
-    };
-    void* blocks[10];
-    vesk_test::capture_stdout([&] {
-        for (int i = 0; i < 10; i++)
-            blocks[i] = vesk_utility_malloc(VESK_USER_AV_CACHE, i % 2 ? 0x9110C : 0x91114, 10000, 4);
-    });
-    for (void* b : blocks)
-        ASSERT_NE(b, nullptr);
-    EXPECT_EQ(vesk_mem_av_total(), base + 100000);
-    // Reaching the rotation threshold at the 4th block wakes rotation on that and every later one.
-    EXPECT_EQ(s_wakeups, 7);
-    // At the forbid limit: 1000 refusals print one warning, the 1001st prints it again.
-    EXPECT_EQ(refused_warnings(0x9110D, 1000), 1);
-    EXPECT_EQ(refused_warnings(0x9110E, 1), 1);
-
-    // Purposes outside the budget, and other callers, are not refused.
-    void* other = vesk_utility_malloc(VESK_USER_AV_CACHE, 0x91110, 1000, 4);
-    void* other_user = vesk_utility_malloc(0x71, 0x9110C, 1000, 4);
-    EXPECT_TRUE(other != nullptr && other_user != nullptr);
-    EXPECT_EQ(vesk_mem_av_total(), base + 100000);
-    free_all({other, other_user});
-
-    // Freeing lowers the cache total; the next success resets the refusal count.
-    vesk_utility_free(__FILE__, __func__, blocks[0]);
-    EXPECT_EQ(vesk_mem_av_total(), base + 90000);
-    blocks[0] = vesk_utility_malloc(VESK_USER_AV_CACHE, 0x9110F, 10000, 4);
-    ASSERT_NE(blocks[0], nullptr);
-    EXPECT_EQ(refused_warnings(0x91112, 1), 1);
-    for (void* b : blocks)
-        vesk_utility_free(__FILE__, __func__, b);
-    EXPECT_EQ(vesk_mem_av_total(), base);
 }
 
 TEST(MemDumpTest, ByModuleAggregatesWithUnitsAndTotalsAreInMegabytesFromOne)
@@ -360,57 +297,4 @@ TEST(MemNoteDeathTest, UnbalancedReleasesAreFatal)
             vesk_utility_note_delete("short_lived");
         },
         "short_lived node->note_cnt = 0 why!.*Condition: 0");
-}
-
-namespace
-{
-
-FILE* fixture(const std::string& text)
-{
-    FILE* fp = tmpfile();
-    fputs(text.c_str(), fp);
-    rewind(fp);
-    return fp;
-}
-
-} // namespace
-
-TEST(MemSysTest, MeminfoReadsAndSummaryArithmetic)
-{
-    const char* meminfo = "MemTotal:         506880 kB\nMemFree:          102400 kB\nMemAvailable:     300000 kB\n"
-                          "Buffers:           10240 kB\nCached:           153600 kB\nSwapCached:            0 kB\n"
-                          "Unevictable:        2048 kB\nShmem:             51200 kB\nKernelStack:        1024 kB\n"
-                          "PageTables:         2048 kB\nSUnreclaim:         8192 kB\n";
-    FILE* fp = fixture(meminfo);
-    unsigned total, free_kb, buffers, cached;
-    parse_meminfo_fixed(fp, total, free_kb, buffers, cached); // the kernel's fixed line order
-    fclose(fp);
-    EXPECT_EQ(std::vector<unsigned>({total, free_kb, buffers, cached}),
-        std::vector<unsigned>({506880, 102400, 10240, 153600}));
-    fp = fixture(meminfo);
-    vesk_meminfo mi {};
-    mi.vmalloc = 4 * 1024 * 1024; // bytes
-    parse_meminfo_keys(fp, mi);
-    fclose(fp);
-    const std::string out = vesk_test::capture_stdout([&] { print_meminfo_summary(mi, vesk_print_stdout); });
-    // used = 506880 - (102400 + 10240 + (153600 - 51200)) = 291840 kB = 285.0 MB, 57 %;
-    // kernel = 8192 + 1024 + 2048 + 4096 = 15360 kB = 15.0 MB.
-    EXPECT_EQ(out,
-        "System total use mem = 57%\n"
-        "total = 495.0MB, free = 100.0MB, buff = 10.0MB, cach = 150.0MB, ramfs_cache = 50.0MB, kernel_used = "
-        "15.0MB total_used = 285.0MB\n");
-    fp = fixture("0xa-0xb    8192 load_module+0x1/0x2 pages=1 vmalloc N0=1\n"
-                 "0xc-0xd   12288 ioremap+0x3/0x4 phys=0x1 ioremap\n"
-                 "0xe-0xf   16384 f+0x5/0x6 pages=3 vmalloc vpages N0=3\n");
-    EXPECT_EQ(parse_vmallocinfo(fp), 8192u + 16384u);
-    fclose(fp);
-
-    // The live file agrees with the keyed read of the same file.
-    ASSERT_EQ(vesk_utility_get_system_mem_info(total, free_kb, buffers, cached), VESK_OK);
-    fp = fopen("/proc/meminfo", "r");
-    ASSERT_NE(fp, nullptr);
-    parse_meminfo_keys(fp, mi);
-    fclose(fp);
-    EXPECT_EQ(total, mi.total);
-    EXPECT_GT(total, 0u);
 }

@@ -1,9 +1,8 @@
 // String pool and little memory pools: placement, coalescing, chunk release, the routing of
-// the general allocator, the dump and the fatal diagnosis of bad frees.
+// the general allocator and the fatal diagnosis of bad frees.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -52,17 +51,6 @@ struct totals {
         return heap == o.heap && strings == o.strings && little == o.little && av_reader == o.av_reader;
     }
 };
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...)
-{
-    char buf[512];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, ap);
-    va_end(ap);
-    return buf;
-}
 
 // Pools of the tests' own; never destroyed, like the layer's.
 utility_little_mem_pool* private_little_pool(uint32_t chunk_size)
@@ -338,60 +326,6 @@ TEST(PoolIndexTest, FastSearchChoosesTheNodeOfAPlainWalk)
         EXPECT_GT(checked, 5000u);
         EXPECT_GT(chunks_opened, 4u);
     }
-}
-
-namespace
-{
-utility_pool_base* s_reentered = nullptr;
-std::string s_inner;
-int print_to_inner(const char* fmt, ...)
-{
-    s_inner += fmt;
-    return 0;
-}
-int print_and_reenter(const char*, ...)
-{
-    if (s_reentered != nullptr) {
-        utility_pool_base* pool = s_reentered;
-        s_reentered = nullptr;
-        pool->diagnose(2, print_to_inner);
-    }
-    return 0;
-}
-} // namespace
-
-TEST(PoolDumpTest, NodeTableAndABusyPool)
-{
-    utility_little_mem_pool* pool = private_little_pool(1024);
-    char* p1 = static_cast<char*>(pool->malloc(0x31, 0x3101, 10)); // need 16
-    char* p2 = static_cast<char*>(pool->malloc(0x32, 0x3201, 100)); // need 104
-    const char* area = chunk_addr_of(p1);
-    const uint32_t empty = 1024 - CH - NH - (16 + NH) - (104 + NH);
-    const std::string chunk_line = format("chunk_0: mem = %p, size = 1024[1KB], used/empty[node] = 2/1, "
-                                          "used/empty/total[size] = %u[0KB]/%u[0KB]/%u[0KB]\n",
-        static_cast<const void*>(area - CH), 2 * NH + 120, NH + empty, 1024 - CH);
-    const std::string total_line = format("m_total_mem_size = 1024[1KB], total_usr_size = 110[0KB], total_empty_size = "
-                                          "%u[0KB], utility_little_mem_pool\n",
-        empty);
-    const auto dump = [&](int para) {
-        return vesk_test::capture_stdout([&] { pool->diagnose(para, vesk_print_stdout); });
-    };
-    EXPECT_EQ(dump(1),
-        "chunk node  usr_id      purpose     memory      size        state       \n" + chunk_line
-            + format("0     0     -           -           %-12p%-12u%-12s\n", static_cast<const void*>(area + NH),
-                empty, "empty")
-            + format("0     1     0x32        0x3201      %-12p104         used        \n", static_cast<void*>(p2))
-            + format("0     2     0x31        0x3101      %-12p16          used        \n", static_cast<void*>(p1))
-            + total_line);
-    EXPECT_EQ(dump(3), "para = 0x3 not support!\n");
-
-    // A dump that finds the pool busy says so instead of waiting (here: from inside a dump).
-    s_reentered = pool;
-    s_inner.clear();
-    EXPECT_EQ(pool->diagnose(2, print_and_reenter), VESK_OK);
-    EXPECT_EQ(s_inner, "sorry, try lock fail!\n");
-    pool->try_free(__FILE__, __func__, p1);
-    pool->try_free(__FILE__, __func__, p2);
 }
 
 TEST(PoolDeathTest, OverrunStrayPointerDoubleFreeAndDestructionAreFatal)
