@@ -68,6 +68,9 @@ if [ $check -eq 1 ]; then
     cp -r --parents $(git ls-files) "$src"     # the working tree, as edited
 else
     git archive HEAD | tar -x -C "$src"
+    # The archive carries the commit's times, older than objects a previous run built with its
+    # last fault planted: stamp the copy now so every object is rebuilt from it (cache hits).
+    find "$src" -type f -exec touch {} +
 fi
 [ $check -eq 1 ] || cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_CXX_COMPILER_LAUNCHER="$(command -v ccache || true)" >/dev/null
