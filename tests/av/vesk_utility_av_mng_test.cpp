@@ -149,48 +149,6 @@ TEST(AvMngTest, RotationKeepsWhatUsersWantUntilPressureOrAgeAndNeverWhatIsHeld)
     }
 }
 
-TEST(AvMngTest, SnapUsersKeepOnlyTheNewestKeyFrameGroupOfVideo)
-{
-    for (uint32_t type : {0u, 1u}) {
-        vesk_utility_av_mng mng;
-        const vesk_av_time t0 = av_now();
-        ASSERT_EQ(0, mng.malloc_magic_ofset(1, 1, type, 0x55));
-        ASSERT_EQ(0, mng.malloc_magic_ofset(1, 1, 2, 0x55));
-        // 9527 key | 9528 | 9529 key, its last frame continues | 9530 continuation only |
-        // 9531 continuation, then frames of its own | 9532 | 9533 unrelated lead tag
-        vesk_IPC_stream_block_head* b[7];
-        for (int i = 0; i < 7; i++) {
-            b[i] = make_block(type, t0, 256, i == 0 || i == 2);
-            b[i]->trail_tag = 100 + i;
-            b[i]->node_num = 3;
-        }
-        b[2]->last_key_idx = 2;
-        b[3]->lead_tag = 102;
-        b[3]->node_num = 0;
-        b[4]->lead_tag = 103;
-        b[4]->node_num = 1;
-        b[5]->lead_tag = 104; // would match, but 9531 already started a frame
-        for (auto* blk : b)
-            mng.push_av_block(1, blk);
-        for (int i = 0; i < 3; i++)
-            mng.push_av_block(1, make_block(2, t0, 256, true));
-        mng.rotate_pass(at(t0, 1000));
-        EXPECT_EQ("9529,9530,9531", list_ids(mng, 1, type));
-        EXPECT_EQ("", list_ids(mng, 1, 2)) << "audio has no protected group";
-
-        // A newer key block moves the group; a key frame that ends in its block takes nothing else.
-        vesk_IPC_stream_block_head* k = make_block(type, t0, 256, true);
-        k->node_num = 2;
-        k->trail_tag = 7;
-        mng.push_av_block(1, k);
-        vesk_IPC_stream_block_head* after = make_block(type, t0, 256);
-        after->lead_tag = 7;
-        mng.push_av_block(1, after);
-        mng.rotate_pass(at(t0, 1000));
-        EXPECT_EQ("9534", list_ids(mng, 1, type));
-    }
-}
-
 TEST(AvMngTest, SwitchIvrChSwapsWithinBoundsAndTheUserMasksFollow)
 {
     vesk_utility_av_mng mng;
