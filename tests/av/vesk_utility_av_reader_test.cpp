@@ -1,12 +1,9 @@
-// Reading a private manager fed by the block writer, through both APIs (the reader object and
-// the position note): start point, order across blocks, joined split frames, resync after
-// losses, rotation around held frames; then what only one of them has, the fatal misuses, and
-// the reader's pacing.
+// Reading through both APIs (reader object, position note): start point, order, joined split
+// frames, resync after losses, held frames under rotation; then the rest of each API.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "av_test_blocks.h"
 #include "core/vesk_utility_fault.h"
@@ -40,8 +37,11 @@ TEST_P(AvReadTest, StartsAtTheNewestKeyFrameAndReadsInOrderAcrossBlocks)
         in.put(n, n % 25 == 0 ? VESK_FRAME_TYPE_I : 2);
     consumer c(mng, GetParam());
     EXPECT_EQ(25u, c.next());
-    for (uint32_t n = 26; n < 40; n++)
-        ASSERT_EQ(n, c.next());
+    uint32_t interval = 0; // a reader's wait: 0 while the next frame is there, then the frame interval
+    for (uint32_t n = 26; n < 40; n++) {
+        ASSERT_EQ(n, c.next(VESK_AV_STREAM_MAIN, &interval));
+        EXPECT_EQ(n == 39 && !c.by_note ? 33u : 0u, interval) << n;
+    }
     EXPECT_EQ(~0u, c.next()) << "nothing new yet";
     for (uint32_t n = 40; n < 60; n++)
         in.put(n, n == 50 ? VESK_FRAME_TYPE_I : n == 55 ? VESK_FRAME_TYPE_KEY2 : 2);
@@ -147,23 +147,27 @@ TEST_P(AvReadTest, HeldBlockSurvivesRotationAndReadingResumesAfterRotatedOutBloc
     EXPECT_EQ(33u, c.next());
 }
 
+// A snap user keeps the newest key frame whole, here over three blocks, on either video stream.
 TEST(AvReaderTest, FinishedBlocksLoseTheReadersBitSoTheyGoWithoutPressure)
 {
-    vesk_utility_av_mng mng;
-    feed in(mng, 1024);
-    consumer c(mng);
-    consumer snap(mng, false, VESK_AV_READER_SNAP_USER);
-    EXPECT_EQ(~0u, c.next()); // takes the user bit
-    EXPECT_EQ(~0u, snap.next());
-    for (uint32_t n = 0; n < 20; n++)
-        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
-    const vesk_av_time later = at(av_now(), 1000);
-    mng.rotate_pass(later);
-    EXPECT_EQ("9527,9528,9529,9530", list_ids(mng, k_ipc, 0)) << "the stream user has not read them";
-    for (uint32_t n = 0; n < 20; n++)
-        ASSERT_EQ(n, c.next());
-    mng.rotate_pass(later);
-    EXPECT_EQ("9527,9530", list_ids(mng, k_ipc, 0)) << "the snap user keeps the newest key block; 9530 is open";
+    for (vesk_av_stream_type type : {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB}) {
+        vesk_utility_av_mng mng;
+        feed in(mng, 1024, type);
+        consumer c(mng);
+        consumer snap(mng, false, VESK_AV_READER_SNAP_USER);
+        EXPECT_EQ(~0u, c.next(type)); // takes the user bit
+        EXPECT_EQ(~0u, snap.next(type));
+        in.put(0, VESK_FRAME_TYPE_I, 2500);
+        for (uint32_t n = 1; n < 20; n++)
+            in.put(n, 2);
+        const vesk_av_time later = at(av_now(), 1000);
+        mng.rotate_pass(later);
+        EXPECT_EQ("9527,9528,9529,9530,9531,9532", list_ids(mng, k_ipc, type)) << "unread";
+        for (uint32_t n = 0; n < 20; n++)
+            ASSERT_EQ(n, c.next(type));
+        mng.rotate_pass(later);
+        EXPECT_EQ("9527,9528,9529,9532", list_ids(mng, k_ipc, type)) << "the key frame, and the open block";
+    }
 }
 
 TEST(AvReaderTest, InvalidCallsAreRefusedAndARemapResetsTheHistory)
@@ -265,13 +269,11 @@ TEST(AvNoteTest, ExportedCallsMapStreamsAndReleaseSeveralNotes)
     // One large block each, still receiving until closed, so rotation keeps everything.
     vesk_av_block_writer w[3];
     const vesk_av_stream_type types[3] = {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB, VESK_AV_STREAM_SMART};
-    for (uint32_t i = 0; i < 3; i++)
-        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w[i], ch, types[i], 0x9110C, 64 * 1024, 64));
     const uint8_t payload[64] = {};
-    for (uint32_t n = 1; n <= 3; n++) {
-        for (uint32_t i = 0; i < 3; i++) {
-            const _tagVeskFrameHeader h
-                = vesk_test::frame_head(100 * i + n, n == 1 ? VESK_FRAME_TYPE_I : 2, sizeof(payload));
+    for (uint32_t i = 0; i < 3; i++) {
+        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w[i], ch, types[i], 0x9110C, 64 * 1024, 64));
+        for (uint32_t n = 1; n <= 3; n++) {
+            const _tagVeskFrameHeader h = vesk_test::frame_head(100 * i + n, n == 1 ? VESK_FRAME_TYPE_I : 2, 64);
             ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&w[i], &h, payload));
         }
     }
@@ -290,93 +292,11 @@ TEST(AvNoteTest, ExportedCallsMapStreamsAndReleaseSeveralNotes)
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_frame(ch, VESK_ENC_STR_MAIN, nullptr, &f[3]));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_rel_frame_multy(nullptr, 1));
     });
-
     ASSERT_EQ(VESK_OK, vesk_utility_rel_frame_multy(notes, 4));
-    for (const vesk_read_av_list_note& n : notes)
-        EXPECT_EQ(0u, n.held);
     ASSERT_EQ(VESK_OK, vesk_utility_get_frame(ch, VESK_ENC_STR_MAIN, &notes[0], &f[0]));
     EXPECT_EQ(2u, f[0]->uiFrameNo) << "the position survives the release";
     EXPECT_EQ(VESK_OK, vesk_utility_ivs_rel_frame_multy(notes, 1));
     EXPECT_EQ(VESK_OK, vesk_utility_rel_frame(&notes[0]));
     for (vesk_av_block_writer& one : w)
         vesk_utility_av_writer_close(&one);
-}
-
-// With the threshold at 2, frame 1 is read paced with `remain` frames behind it (frames 1901 ms
-// apart, which keeps the sleep correction out); a forced skip or reset shows in the next frame.
-TEST(AvPacingTest, BacklogRowsSetTheWaitAndForceSkipsAndTheReset)
-{
-    struct row {
-        vesk_av_stream_type type;
-        uint32_t remain;
-        uint32_t key; // frame number of a type-18 frame, 0: none; an I frame follows 20 later
-        uint32_t interval;
-        uint32_t next;
-    };
-    const row rows[] = {
-        {VESK_AV_STREAM_MAIN, 1, 0, 1996, 2}, // < th: + 1/20
-        {VESK_AV_STREAM_MAIN, 2, 0, 1901, 2}, // = th
-        {VESK_AV_STREAM_MAIN, 3, 0, 1664, 2}, // > th: - 1/8
-        {VESK_AV_STREAM_MAIN, 12, 0, 1664, 2},
-        {VESK_AV_STREAM_MAIN, 13, 0, 1426, 2}, // > th + 10: - 1/4
-        {VESK_AV_STREAM_MAIN, 22, 3, 1426, 2},
-        {VESK_AV_STREAM_MAIN, 23, 3, 1426, 3}, // > th + 20, key 2 ahead: skip 1
-        {VESK_AV_STREAM_SUB, 32, 4, 1426, 2}, // key 3 ahead is not 2 ahead
-        {VESK_AV_STREAM_SUB, 33, 4, 1268, 4}, // > th + 30: - 1/3, skip 2
-        {VESK_AV_STREAM_MAIN, 42, 4, 1268, 4},
-        {VESK_AV_STREAM_MAIN, 43, 4, 1268, 2}, // > th + 40 wants exactly 4 ahead
-        {VESK_AV_STREAM_MAIN, 43, 5, 1268, 5},
-        {VESK_AV_STREAM_MAIN, 53, 5, 951, 5}, // > th + 50: - 1/2, skip to the next key frame
-        {VESK_AV_STREAM_MAIN, 62, 11, 951, 11},
-        {VESK_AV_STREAM_MAIN, 63, 11, 1901, 31}, // > th + 60: reset to the newest key frame
-    };
-    for (const row& c : rows) {
-        SCOPED_TRACE("remain " + std::to_string(c.remain) + " key " + std::to_string(c.key));
-        vesk_utility_av_mng mng;
-        feed cam(mng, 4096, c.type, k_ipc, 16);
-        cam.put(0, VESK_FRAME_TYPE_I, 40, 1901);
-        consumer r(mng);
-        ASSERT_EQ(0u, r.next(c.type));
-        for (uint32_t n = 1; n < c.remain + 2; n++) {
-            const bool key2 = c.key != 0 && n == c.key, key = c.key != 0 && n == c.key + 20;
-            cam.put(n, key2 ? VESK_FRAME_TYPE_KEY2 : key ? VESK_FRAME_TYPE_I : 2, 40, 1901);
-        }
-        ASSERT_EQ(VESK_OK, r.r->set_work_mode(VESK_AV_READER_REAL_TIME)); // fresh pacing state
-        uint32_t interval = 0;
-        vesk_test::capture_stdout([&] {
-            EXPECT_EQ(1u, r.next(c.type, &interval));
-            EXPECT_EQ(c.next, r.next(c.type));
-        });
-        EXPECT_EQ(c.interval, interval);
-    }
-}
-
-// Outside real-time video the wait is 0 while a next frame is known, otherwise the last frame
-// interval (40 ms before any, or for a timestamp step of 0 or above 1999 ms).
-TEST(AvPacingTest, UnpacedStreamsWaitOnlyWhenNothingFollows)
-{
-    vesk_utility_av_mng mng;
-    feed cam(mng, 4096, VESK_AV_STREAM_AUDIO, k_ipc, 16);
-    consumer r(mng);
-    ASSERT_EQ(VESK_OK, r.r->set_work_mode(VESK_AV_READER_REAL_TIME));
-    struct step {
-        std::vector<uint32_t> puts; // timestamp steps of the frames pushed first
-        uint32_t fno;
-        uint32_t interval;
-    };
-    const step steps[] = {
-        {{}, ~0u, 40}, {{10}, 0, 40}, // nothing follows and no interval is known yet
-        {{10, 10}, 1, 0}, {{}, 2, 10}, {{}, ~0u, 10}, {{2000, 10}, 3, 0},
-        {{}, 4, 40}, // a step above 1999 ms counts as 40
-        {{10, 0, 10}, 5, 0}, {{}, 6, 0}, {{}, 7, 40}, // a step of 0 counts as 40
-    };
-    uint32_t fno = 0;
-    for (const step& st : steps) {
-        SCOPED_TRACE("frame " + std::to_string(st.fno));
-        for (uint32_t ms : st.puts)
-            cam.put(fno++, 2, 40, ms);
-        uint32_t interval = 0;
-        EXPECT_EQ(st.fno, r.next(VESK_AV_STREAM_AUDIO, &interval));
-        EXPECT_EQ(st.interval, interval);
-    }
 }

@@ -3,7 +3,6 @@
 // (default 20 s; less where the machine is slow).
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -106,18 +105,6 @@ pthread_t start_thread(std::function<void()>* fn)
     return t;
 }
 
-void sleep_ms(uint32_t ms)
-{
-    if (ms != 0)
-        usleep(ms * 1000);
-}
-
-struct reader_result {
-    uint64_t frames = 0;
-    uint32_t video_jumps = 0;
-    std::string fault; // first broken invariant
-};
-
 // The cameras, each on its own thread, into a manager until join().
 struct cameras {
     vesk_utility_av_mng& mng;
@@ -169,7 +156,7 @@ struct cameras {
             due = vesk_test::at(due, k_tick_ms);
             const int64_t wait = av_diff_ms(due, av_now());
             if (wait > 0)
-                sleep_ms(static_cast<uint32_t>(wait));
+                vesk_utility_sleep_ms(static_cast<uint32_t>(wait));
             else
                 due = av_now();
         }
@@ -180,6 +167,11 @@ struct cameras {
 
 } // namespace
 
+// 320 readers on their own threads (stream and snap users, paced and unpaced, some stalling now
+// and then) read a private manager while rotation evicts under a budget that the cache exceeds in
+// the last second of every six. Frame numbers strictly increase, +1 except at jumps; a video jump
+// lands on a key frame and is accounted for by a logged jump, drop, forced skip or reset; every
+// payload is intact; at the end rotation returns every block and descriptor.
 TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
 {
     const int soak_ms = duration_ms("VESK_AV_READER_SOAK_MS", k_reader_soak_ms);
@@ -193,7 +185,7 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
     bodies.reserve(k_cams * k_readers_per_cam + 1);
     std::vector<pthread_t> readers;
     // Rotation starts once every list has a block: a list never pushed counts as disconnected.
-    for (bool all = false; !all; sleep_ms(2)) {
+    for (bool all = false; !all; vesk_utility_sleep_ms(2)) {
         all = true;
         for (uint32_t cam = 0; cam < k_cams; cam++)
             for (vesk_av_stream_type t : k_types)
@@ -202,7 +194,7 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
 
     const vesk_av_time start = av_now(); // of the budget cycles
     bodies.emplace_back([&] {
-        for (bool tight = false; !stop.load(); sleep_ms(20)) {
+        for (bool tight = false; !stop.load(); vesk_utility_sleep_ms(20)) {
             const bool want = av_diff_ms(av_now(), start) % k_cycle_ms >= k_tight_from_ms;
             if (want != tight)
                 mng.set_av_max_cache((tight = want) ? 256 * 1024 : 64u << 20);
@@ -211,6 +203,11 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
     });
     const pthread_t rotation = start_thread(&bodies.back());
 
+    struct reader_result {
+        uint64_t frames = 0;
+        uint32_t video_jumps = 0;
+        std::string fault; // the first broken invariant
+    };
     std::vector<reader_result> results(k_cams * k_readers_per_cam);
     const std::string out = vesk_test::capture_stdout([&] {
         for (uint32_t i = 0; i < results.size(); i++) {
@@ -245,9 +242,9 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
                     if (k_stalls[k].ms != 0 && el / k_cycle_ms > stalled_cycle && el % k_cycle_ms >= at
                         && el % k_cycle_ms < at + 300) {
                         stalled_cycle = el / k_cycle_ms;
-                        sleep_ms(k_stalls[k].ms);
+                        vesk_utility_sleep_ms(k_stalls[k].ms);
                     }
-                    sleep_ms(next < 200 ? next : 200);
+                    vesk_utility_sleep_ms(next < 200 ? next : 200);
                 }
                 if (res.fault.empty() && !r->is_free())
                     res.fault = "still holds";
@@ -256,7 +253,7 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
             });
             readers.push_back(start_thread(&bodies.back()));
         }
-        sleep_ms(static_cast<uint32_t>(soak_ms));
+        vesk_utility_sleep_ms(static_cast<uint32_t>(soak_ms));
         stop = true;
         for (pthread_t t : readers)
             pthread_join(t, nullptr);
@@ -278,25 +275,9 @@ TEST(AvReaderSoakTest, ReadersStayInOrderWhileCamerasPushAndRotationEvicts)
     EXPECT_LE(static_cast<int>(video_jumps), logged);
 
     EXPECT_EQ(0u, mng.reader_count());
-    for (uint32_t cam = 0; cam < k_cams; cam++) {
-        vesk_av_chn_blocks& chn = mng.chn_blocks(cam);
-        pthread_mutex_lock(&chn.lock);
-        for (vesk_av_stream_type t : k_types)
-            for (vesk_av_block* b = chn.lists[t].head; b != nullptr; b = b->next)
-                EXPECT_EQ(0u, b->ref_cnt) << "camera " << cam << " block " << b->blk_id;
-        pthread_mutex_unlock(&chn.lock);
-        // Every bit is free when the 32 lowest come back in order.
-        for (uint32_t usr = 0; usr < 2; usr++) {
-            for (uint32_t t = 0; t < VESK_AV_STREAM_NUM; t++) {
-                int32_t expect = 0;
-                while (expect < 32 && mng.malloc_magic_ofset(cam, usr, t, 1) == expect)
-                    expect++;
-                EXPECT_EQ(32, expect) << "camera " << cam << " user type " << usr << " stream " << t;
-                for (int32_t bit = 0; bit < expect; bit++)
-                    mng.release_magic_ofset(cam, usr, t, bit);
-            }
-        }
-    }
+    // Without pressure only a block still referenced, or wanted by a user bit never given back,
+    // would stay.
+    mng.set_av_max_cache(0xFFFFFFFF);
     const vesk_av_time late = vesk_test::at(av_now(), 20000);
     for (int pass = 0; pass < 64 && mng.pool_free_count() != k_av_pool_size; pass++)
         mng.rotate_pass(late);
