@@ -274,48 +274,6 @@ void private_manager(uint32_t nodes, vesk_utility_event_manage*& m, recorder*& s
     ASSERT_EQ(m->register_event_oberver(1, seen), VESK_OK);
 }
 
-TEST_F(EventTest, TwoHundredEventsOfOneCheckAreAllDeliveredInOrder)
-{
-    vesk_utility_event_manage* big = nullptr;
-    recorder* seen = nullptr;
-    ASSERT_NO_FATAL_FAILURE(private_manager(256, big, seen));
-    // Five longer events first in the list: a second pass must not count them down again.
-    std::vector<vesk_event_info> events;
-    for (uint32_t i = 0; i < 205; i++) {
-        events.push_back(i < 5 ? event(VESK_EVENT_DISK_EVENT, VESK_EVENT_SUB_DISK_ERROR, i + 1)
-                               : event(VESK_EVENT_IO_EVENT, 100 + (i - 5) / 32, (i - 5) % 32, 0));
-        ASSERT_EQ(big->set_event_state(events.back(), 1), VESK_OK);
-    }
-    records got;
-    const auto one_check = [&] {
-        vesk_test::capture_stdout([&] { run_check(big); });
-        got = seen->take();
-    };
-    // Each event told once, in list order.
-    const auto told_of = [&](size_t from, size_t to, uint32_t trigger) {
-        records want;
-        for (size_t i = from; i < to; i++)
-            want.push_back({events[i], trigger, 0, 0, 0});
-        return said(want);
-    };
-    one_check();
-    EXPECT_EQ(said(got), told_of(0, 205, 1));
-    for (uint32_t i = 5; i < 205; i++)
-        ASSERT_EQ(big->set_event_state(events[i], 0), VESK_OK);
-    one_check();
-    EXPECT_EQ(said(got), told_of(5, 205, 0));
-    // Two checks so far: the disk events end after 30 counted checks, at the 31st.
-    int checks = 2;
-    do
-        one_check();
-    while (++checks < 100 && got.empty());
-    EXPECT_EQ(checks, 31);
-    EXPECT_EQ(said(got), told_of(0, 5, 0));
-    uint32_t count = 1;
-    EXPECT_EQ(big->get_event_info(VESK_EVENT_USER_LOCAL, nullptr, 0, count), VESK_OK);
-    EXPECT_EQ(count, 0u);
-}
-
 // Until someone sets them, a manager keeps its two valid times apart: 6 checks for the
 // recorder's own events, 8 for those a camera relays.
 TEST_F(EventTest, FreshManagerCountsLocalAndRelayedEventsFromTheirOwnDefaults)
@@ -407,32 +365,23 @@ TEST_F(EventTest, SchedulesAndFiltersChangeWhatIsListed)
     const std::string all = "2/3 2/4 3/2 4/1 ", no_motion = "2/4 3/2 4/1 ";
     EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), all);
 
-    // Not armed now: the motion event is hidden, the offline state never is.
+    // Not armed now: the motion event is hidden, the offline state never is. A default wildcard
+    // keeps the channel's own schedule, an all-index one replaces it, an all-zero one removes it.
     const vesk_arming_shedule off = weekly(false), on = weekly(true), none {};
-    vesk_event_id motion_id = id_of(motion), offline_id = id_of(offline);
-    ASSERT_EQ(vesk_utility_set_event_arming(&motion_id, &off), VESK_OK);
-    ASSERT_EQ(vesk_utility_set_event_arming(&offline_id, &off), VESK_OK);
-    EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), no_motion);
-    // A default wildcard keeps the channel's own schedule; an all-index one replaces it.
-    vesk_event_id wild = id_of(motion, VESK_EVENT_ID_DEFAULT_INDEX);
-    ASSERT_EQ(vesk_utility_set_event_arming(&wild, &on), VESK_OK);
-    EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), no_motion);
+    vesk_event_id wild = id_of(motion, VESK_EVENT_ID_DEFAULT_INDEX), every = id_of(motion, VESK_EVENT_ID_ALL_INDEX);
+    every.index = 9; // ignored with a wildcard
+    const struct {
+        vesk_event_id id;
+        const vesk_arming_shedule* schedule;
+        const std::string& local;
+    } arming[] = {{id_of(motion), &off, no_motion}, {id_of(offline), &off, no_motion}, {wild, &on, no_motion},
+        {every, &off, no_motion}, {every, &on, all}, {every, &off, no_motion}, {every, &none, all}};
+    for (const auto& row : arming) {
+        ASSERT_EQ(vesk_utility_set_event_arming(&row.id, row.schedule), VESK_OK);
+        EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), row.local) << &row - arming;
+    }
     vesk_arming_shedule read {};
-    EXPECT_EQ(vesk_utility_get_event_arming(&motion_id, &read), VESK_OK);
-    EXPECT_EQ(memcmp(&read, &off, sizeof(read)), 0);
-    wild.wildcard = VESK_EVENT_ID_ALL_INDEX;
-    wild.index = 9; // ignored with a wildcard
-    ASSERT_EQ(vesk_utility_set_event_arming(&wild, &off), VESK_OK);
-    EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), no_motion);
-    vesk_test::capture_stdout(
-        [&] { EXPECT_EQ(vesk_utility_get_event_arming(&motion_id, &read), VESK_ERR_OPERATE_FAIL); });
-    ASSERT_EQ(vesk_utility_set_event_arming(&wild, &on), VESK_OK);
-    EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), all);
-    // An all-zero schedule removes it: an event without a schedule is armed.
-    ASSERT_EQ(vesk_utility_set_event_arming(&wild, &off), VESK_OK);
-    ASSERT_EQ(vesk_utility_set_event_arming(&wild, &none), VESK_OK);
-    EXPECT_EQ(vesk_utility_get_event_arming(&wild, &read), VESK_ERR_OPERATE_FAIL);
-    EXPECT_EQ(listed(VESK_EVENT_USER_LOCAL), all);
+    EXPECT_EQ(vesk_utility_get_event_arming(&every, &read), VESK_ERR_OPERATE_FAIL);
 
     // Filters: one disk for the local user only, then every network event for both users.
     vesk_event_id disk_id = id_of(disk);
@@ -459,9 +408,8 @@ TEST_F(EventTest, SchedulesAndFiltersChangeWhatIsListed)
     EXPECT_EQ(vesk_utility_get_event_info(VESK_EVENT_USER_ALL, one, 1, &count), VESK_ERR_INVALID_PARAM);
 
     // Nothing left behind for the next test.
-    wild.wildcard = VESK_EVENT_ID_DEFAULT_INDEX;
-    for (vesk_event_id* id : {&offline_id, &wild})
-        ASSERT_EQ(vesk_utility_set_event_arming(id, &none), VESK_OK);
+    for (const vesk_event_id& id : {id_of(offline), wild})
+        ASSERT_EQ(vesk_utility_set_event_arming(&id, &none), VESK_OK);
     for (const vesk_event_info& e : raised)
         set_state(e, 0);
     told();
