@@ -1,7 +1,6 @@
-// The timer service with its real threads, in the process's own instance, the watchdog that runs
-// on it, and the thread registry. Waits are for conditions with generous deadlines; nothing asserts a duration.
-// Checks that something did NOT happen during a pause cannot fail on a correct service however
-// slow the machine.
+// The timer service with its real threads (the process's own instance), the watchdog that runs
+// on it, and the thread registry. Waits are for conditions with generous deadlines; a check that
+// something did NOT happen during a pause cannot fail on a correct service however slow.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -169,14 +168,6 @@ vesk_timer_ret_code blocker_cb(void* param, unsigned int* next_ms, vesk_timer_ta
     return static_cast<vesk_timer_ret_code>(b->ret);
 }
 
-template <size_t N> int total(blocker (&group)[N], std::atomic<int> blocker::*counter)
-{
-    int n = 0;
-    for (blocker& x : group)
-        n += (x.*counter).load();
-    return n;
-}
-
 std::atomic<int> s_quick_runs {0};
 vesk_timer_ret_code quick_once_cb(void*, unsigned int*, vesk_timer_task_type*)
 {
@@ -189,226 +180,6 @@ VESK_ERR regist(uint32_t user, vesk_timer_callback f, uint32_t purpose, unsigned
 {
     return vesk_utility_c_regist_timer(user, f, purpose, ms, p, type, first_ms);
 }
-
-} // namespace
-
-TEST(TimerTest, CallbackDecidesContinueSuspendAndDeleteOnItsThreadGroup)
-{
-    scripted rt;
-    rt.ret = VESK_TIMER_RET_DELETE;
-    ASSERT_EQ(regist(0x42, scripted_cb, 0x1, 10, &rt, 0, VESK_TIMER_TASK_REAL_TIME), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return rt.runs == 1; }));
-    EXPECT_EQ(rt.seen_type, VESK_TIMER_TASK_REAL_TIME);
-    EXPECT_STREQ(rt.thread_name, "timer_realtime");
-    EXPECT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &rt, true) == 0; }));
-
-    scripted s;
-    s.set_next_ms = 10;
-    ASSERT_EQ(regist(0x42, scripted_cb, 0x1234, 50, &s), VESK_OK);
-    // The first run sees the registered interval; later runs the one the callback left.
-    ASSERT_TRUE(wait_for([&] { return s.runs >= 1; }));
-    EXPECT_EQ(s.seen_type, VESK_TIMER_TASK_COMMON);
-    EXPECT_STREQ(s.thread_name, "timer_common");
-    ASSERT_TRUE(wait_for([&] { return s.runs >= 3; }));
-    EXPECT_EQ(s.seen_next_ms, 10u);
-
-    s.ret = VESK_TIMER_RET_SUSPEND;
-    const int before = s.runs;
-    ASSERT_TRUE(wait_for([&] { return s.runs > before && timer_probe::waiting(scripted_cb, &s) == 1; }));
-    const int suspended_at = s.runs;
-    // Registering it again refills the node but does not wake it.
-    ASSERT_EQ(regist(0x42, scripted_cb, 0x1234, 50, &s), VESK_OK);
-    pause_ms(300);
-    EXPECT_EQ(s.runs, suspended_at) << "a suspended task ran without a wake-up";
-
-    // Wake-up with delay 0 runs it at once; DELETE then frees it and a later wake-up finds nothing.
-    s.ret = VESK_TIMER_RET_DELETE;
-    EXPECT_EQ(vesk_utility_c_timer_wakeup(scripted_cb, &s, 0, VESK_TIMER_TASK_ALL), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return s.runs == suspended_at + 1; }));
-    ASSERT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &s) == 0; }));
-    EXPECT_EQ(timer_probe::waiting(scripted_cb, &s), 0);
-    EXPECT_EQ(vesk_utility_c_timer_wakeup(scripted_cb, &s, 0, VESK_TIMER_TASK_COMMON), VESK_OK);
-    pause_ms(300);
-    EXPECT_EQ(s.runs, suspended_at + 1);
-}
-
-TEST(TimerTest, SameTaskRegisteredTwiceStaysOneNode)
-{
-    scripted s;
-    s.ret = VESK_TIMER_RET_DELETE;
-    vesk_test::capture_stdout([&] {
-        ASSERT_EQ(regist(0x42, scripted_cb, 0x77, 10, &s, 3600000), VESK_OK);
-        // Re-armed with the new first delay: it runs now instead of in an hour.
-        ASSERT_EQ(regist(0x42, scripted_cb, 0x77, 10, &s), VESK_OK);
-        ASSERT_TRUE(wait_for([&] { return s.runs == 1; }));
-    });
-    pause_ms(200);
-    EXPECT_EQ(s.runs, 1) << "a second node ran";
-}
-
-TEST(TimerTest, UnregisterWaitsForTheRunOnlyWhenAskedAndNoRunFollows)
-{
-    for (int wait : {1, 0}) {
-        blocker b;
-        b.ret = VESK_TIMER_RET_CONTINUE;
-        ASSERT_EQ(regist(0x51, blocker_cb, 0x52, 10, &b), VESK_OK);
-        ASSERT_TRUE(wait_for([&] { return b.entered == 1; }));
-        std::atomic<bool> returned {false};
-        int finished_at_return = -1;
-        vesk_test::capture_stdout([&] {
-            std::thread t([&] {
-                EXPECT_EQ(vesk_utility_c_unregist_timer(blocker_cb, &b, wait, VESK_TIMER_TASK_ALL), VESK_OK);
-                finished_at_return = b.finished;
-                returned = true;
-            });
-            pause_ms(200);
-            EXPECT_EQ(returned, wait == 0) << "wait " << wait;
-            b.release = true;
-            t.join();
-        });
-        EXPECT_EQ(finished_at_return, wait != 0 ? 1 : 0);
-        EXPECT_TRUE(wait_for([&] { return timer_probe::running(blocker_cb, &b) == 0; }));
-        pause_ms(200);
-        EXPECT_EQ(b.entered, 1) << "ran again after unregistration, wait " << wait;
-    }
-
-    // A registration right after an unregistration of a task found nowhere still runs.
-    scripted s;
-    s.ret = VESK_TIMER_RET_DELETE;
-    ASSERT_EQ(vesk_utility_c_unregist_timer(scripted_cb, &s, 0, VESK_TIMER_TASK_ALL), VESK_OK);
-    ASSERT_EQ(regist(0x42, scripted_cb, 0x1, 10, &s), VESK_OK);
-    EXPECT_TRUE(wait_for([&] { return s.runs == 1; }));
-}
-
-TEST(TimerTest, TemporaryThreadsRunOverdueTasksWhileEveryCommonThreadIsHeld)
-{
-    ASSERT_EQ(vesk_utility_adj_comm_thr_num(5, 3), VESK_OK); // no new threads, three temporary slots
-    // Five blockers hold the five common threads; eight quick tasks then fall behind, and only
-    // temporary threads can run them.
-    blocker b[5];
-    for (blocker& x : b)
-        ASSERT_EQ(regist(0x90, blocker_cb, 0x91, 10, &x), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return total(b, &blocker::entered) == 5; }));
-    std::vector<char> params(8);
-    s_quick_runs = 0;
-    vesk_test::capture_stdout([&] {
-        for (char& p : params)
-            ASSERT_EQ(regist(0x92, quick_once_cb, 0x93, 10, &p), VESK_OK);
-        EXPECT_TRUE(wait_for([&] { return s_quick_runs == 8; }));
-    });
-    for (blocker& x : b)
-        x.release = true;
-    EXPECT_TRUE(wait_for([&] { return total(b, &blocker::finished) == 5; }));
-}
-
-TEST(TimerTest, SortedInsertionKeepsDueOrderArrivalOrderAndSuspendedAtTheTail)
-{
-    vesk_timer_queue q = {PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr, 1, 0};
-    // {second, nanosecond, suspended}, in arrival order.
-    const uint32_t due[][3] = {{5, 0, 0}, {3, 0, 0}, {5, 0, 0}, {9, 0, 1}, {1, 0, 0}, {2, 0, 1}, {5, 700, 0},
-        {5, 300, 0}, {3, 999999999, 0}};
-    vesk_timer_task_node n[9] = {};
-    for (uint32_t i = 0; i < 9; i++) {
-        n[i].due_sec = due[i][0];
-        n[i].due_nsec = due[i][1];
-        n[i].suspended = due[i][2];
-        n[i].usr_id = i;
-        timer_probe::insert_sorted(&q, &n[i]);
-    }
-    std::vector<uint32_t> order;
-    for (vesk_timer_task_node* p = q.que_head; p != nullptr; p = p->next)
-        order.push_back(p->usr_id);
-    // Due time first, equal ones in arrival order, then the suspended ones in arrival order.
-    EXPECT_EQ(order, (std::vector<uint32_t> {4, 1, 8, 0, 2, 7, 6, 3, 5}));
-    EXPECT_EQ(q.que_tail, &n[5]);
-    EXPECT_EQ(q.que_head->pre, nullptr);
-}
-
-// One representative dump: the task table, GB2312 titles and a row per waiting, running and
-// future task.
-TEST(TimerDiagTest, TaskTableHasItsTitlesAndRows)
-{
-    scripted suspended;
-    suspended.ret = VESK_TIMER_RET_SUSPEND;
-    ASSERT_EQ(regist(0x42, scripted_cb, 0x1234, 50, &suspended), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return timer_probe::waiting(scripted_cb, &suspended) == 1 && suspended.runs == 1; }));
-    blocker running;
-    ASSERT_EQ(regist(0x43, blocker_cb, 0x5678, 70, &running), VESK_OK);
-    ASSERT_TRUE(wait_for([&] { return running.entered == 1; }));
-    scripted later;
-    ASSERT_EQ(regist(0x44, scripted_cb, 0x9abc, 90, &later, 3600000, VESK_TIMER_TASK_REAL_TIME), VESK_OK);
-
-    const auto dump = [](int para) {
-        const std::string gb = vesk_test::without_log_messages(
-            vesk_test::capture_stdout([&] { timer_probe::timer()->diagnose(para, vesk_print_stdout); }));
-        std::string out(gb.size() * 2 + 1, '\0');
-        uint32_t len = 0;
-        EXPECT_EQ(vesk_utility_gb2312_to_utf8(gb.data(), static_cast<uint32_t>(gb.size()), &out[0],
-                      static_cast<uint32_t>(out.size()), &len), VESK_OK);
-        out.resize(len);
-        return out;
-    };
-    // The tables are only try-locked: a service thread may hold a list at that moment, which
-    // the dump reports instead of waiting; ask again.
-    std::string tasks;
-    ASSERT_TRUE(wait_for([&] { return (tasks = dump(1)).find("sorry, try lock fail!") == std::string::npos; }))
-        << tasks;
-    size_t at = 0;
-    for (const char* title : {"常规任务: 等待执行的任务", "常规任务: 正在执行的任务", "实时任务: 等待执行的任务",
-             "实时任务: 正在执行的任务--------------------------\nhave no task\n"})
-        EXPECT_NE(at = tasks.find(title, at), std::string::npos) << title << " not in order in:\n" << tasks;
-    const auto rows = [&](const std::string& row) {
-        const std::regex re("\n" + row + " *\n");
-        return std::distance(std::sregex_iterator(tasks.begin(), tasks.end(), re), std::sregex_iterator());
-    };
-    // Number, ids, last run and current time, interval, then the state: suspended, due in so
-    // many ms; or, running, the time spent so far.
-    EXPECT_EQ(rows("[0-9]+ +0x42 +0x1234 +[0-9.]+ +[0-9.]+ +50 +暂停执行"), 1) << tasks;
-    EXPECT_EQ(rows("1 +0x44 +0x9abc +0\\.0 +[0-9.]+ +90 +还差[0-9]+"), 1) << tasks;
-    EXPECT_EQ(rows("[0-9]+ +0x43 +0x5678 +[0-9.]+ +[0-9.]+ +70 +[0-9]+"), 1) << tasks;
-
-    running.release = true;
-    EXPECT_TRUE(wait_for([&] { return running.finished == 1; }));
-}
-
-TEST(TimerDeathTest, AdjustmentsAreOneTime)
-{
-    // A raise that adds threads, then any second adjustment.
-    VESK_EXPECT_FATAL(
-        {
-            vesk_utility_adj_comm_thr_num(6, 0);
-            vesk_utility_adj_comm_thr_num(7, 0);
-        },
-        ">Function: adj_comm_thr_num\n >Line No: [0-9]+\n >Condition: m_comm_thr_adj == NULL\n");
-    VESK_EXPECT_FATAL(
-        {
-            vesk_utility_adj_comm_thr_num(5, 2);
-            vesk_utility_adj_comm_thr_num(5, 0);
-        },
-        ">Condition: m_comm_thr_temp == NULL\n");
-    // An adjustment that changes no thread count leaves the next one free...
-    VESK_EXPECT_FATAL(
-        {
-            vesk_utility_adj_comm_thr_num(3, 0);
-            vesk_utility_adj_comm_thr_num(6, 0);
-            vesk_utility_adj_real_time_thr_num(2);
-            vesk_utility_adj_real_time_thr_num(3);
-            vesk_utility_adj_real_time_thr_num(3); // nothing to add: no effect
-            vesk_utility_adj_real_time_thr_num(4);
-        },
-        // ...and the real-time group takes one raise after start-up.
-        ">Function: adj_real_time_thr_num\n >Line No: [0-9]+\n >Condition: m_real_time_thr_adj == NULL\n");
-    VESK_EXPECT_FATAL(timer_probe::timer()->~vesk_utility_timer(),
-        ">Function: ~vesk_utility_timer\n >Line No: [0-9]+\n >Condition: 0\n");
-    VESK_EXPECT_FATAL(utility_diagnose_thread(nullptr, nullptr, nullptr),
-        ">Function: utility_diagnose_thread\n >Line No: [0-9]+\n >Condition: userParam != NULL\n");
-}
-
-// The watchdog: the check driven directly (one call is one second), and the reboot sequence
-// against a proxy server that only records what it is asked to run. Nothing is rebooted:
-// "reboot" on PATH is a stand-in that would leave a mark if it ever ran here.
-namespace
-{
 
 std::atomic<int> s_reboots {0};
 
@@ -444,104 +215,6 @@ std::string guard_reboot_command()
     return mark;
 }
 
-} // namespace
-
-TEST(WatchDogTest, RegistrationResetsAndHandlesAreNeverReused)
-{
-    vesk_utility_watch_dog_manage dogs(false);
-    unsigned long a = 99, b = 99, c = 99, again = 99;
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(5, 1, &a));
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(6, 100, &b));
-    EXPECT_EQ(std::make_pair(0ul, 1ul), std::make_pair(a, b));
-    // Re-registration (same handle) and feeding set the counter back to 0: a dog with timeout
-    // 1 survives any number of checks one apart.
-    const auto survives = [&] {
-        std::string out;
-        return check(dogs, &out) == VESK_TIMER_RET_CONTINUE && out.find("Is Dead") == std::string::npos;
-    };
-    EXPECT_TRUE(survives());
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(5, 1, &again));
-    EXPECT_TRUE(survives());
-    ASSERT_EQ(VESK_OK, dogs.fetch_dog(a));
-    EXPECT_TRUE(survives());
-    EXPECT_EQ(a, again);
-
-    EXPECT_EQ(VESK_OK, dogs.unregist_dog(b));
-    EXPECT_EQ(VESK_OK, dogs.unregist_dog(b)); // unknown now: ignored
-    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, dogs.fetch_dog(b));
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(7, 100, &c));
-    EXPECT_EQ(2ul, c);
-    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_regist_dog(1, 1, nullptr));
-}
-
-TEST(WatchDogTest, DeadDogWithCloseMarkerIsReportedEverySecondWithoutReboot)
-{
-    const std::string mark = guard_reboot_command(), marker = private_root() + "/config//close_dog";
-    std::ofstream(marker).close();
-    vesk_utility_watch_dog_manage dogs(false);
-    dogs.regist_reboot_func(count_reboot);
-    s_reboots = 0;
-    unsigned long live = 0, dead = 0;
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x40, 100, &live));
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x41, 0, &dead));
-    for (int second = 0; second < 2; second++) {
-        std::string out;
-        EXPECT_EQ(VESK_TIMER_RET_CONTINUE, check(dogs, &out));
-        EXPECT_EQ(1, count_of(out, "System Need Reset Beacuse hand 0x1 purpose_id=0x41 Is Dead~!\n")) << out;
-        EXPECT_NE(std::string::npos, out.find("common lock")); // the held-lock dump
-    }
-    EXPECT_EQ(0, s_reboots.load());
-    EXPECT_NE(0, access(mark.c_str(), F_OK));
-    unlink(marker.c_str());
-}
-
-TEST(WatchDogTest, DeadDogRebootsThroughTheFunctionThenTheProxyWithACauseRecord)
-{
-    const std::string mark = guard_reboot_command(), record = private_root() + "/proxy_record.txt";
-    proxy_server_process server(private_root() + "/usr/lib/libmodel.socket", "--record-only " + record);
-    ASSERT_TRUE(server.ready());
-
-    vesk_utility_watch_dog_manage dogs(false);
-    dogs.set_reboot_grace_ms(100);
-    unsigned long hand = 0;
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x77, 0, &hand));
-    // First without a reboot function: the command all the same.
-    EXPECT_EQ(VESK_TIMER_RET_DELETE, check(dogs));
-    EXPECT_EQ("reboot\n", read_file(record));
-
-    // Timeout 3: three checks without a feed pass, the fourth calls the function, then the proxy.
-    s_reboots = 0;
-    dogs.regist_reboot_func(count_reboot);
-    ASSERT_EQ(VESK_OK, dogs.unregist_dog(hand));
-    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x78, 3, &hand));
-    for (int second = 0; second < 3; second++)
-        EXPECT_EQ(VESK_TIMER_RET_CONTINUE, check(dogs));
-    EXPECT_EQ(0, s_reboots.load());
-    EXPECT_EQ(VESK_TIMER_RET_DELETE, check(dogs));
-    EXPECT_EQ(1, s_reboots.load());
-    EXPECT_EQ("reboot\nreboot\n", read_file(record));
-    EXPECT_NE(0, access(mark.c_str(), F_OK)) << "the command ran here instead of in the proxy";
-
-    // The cause record names the last dead dog of the list (0x78).
-    vesk_xml_operate* xml = vesk_utility_new_xml_operate(VESK_USER_UTILITY, "wdt test");
-    ASSERT_NE(nullptr, xml);
-    ASSERT_EQ(VESK_OK, xml->load((private_root() + "/reserve/wdt_tag.xml").c_str()));
-    char text[64];
-    int v[3] = {-1, -1, -1};
-    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "purpose", &v[0]));
-    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "threshold", &v[1]));
-    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "src", &v[2]));
-    EXPECT_EQ(std::vector<int>({0x78, 3, 3}), std::vector<int>(v, v + 3));
-    ASSERT_EQ(VESK_OK, xml->get_attr("info", "time", text, sizeof(text)));
-    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << text;
-    EXPECT_EQ(VESK_OK, vesk_utility_delete_xml_operate(xml, __FILE__, __func__));
-}
-
-// The thread registry: real threads through the exported calls, the CPU view over a fixture
-// /proc tree, the record list check, and the fatal paths.
-namespace
-{
-
 using probe = vesk_utility::thread_pool_probe;
 
 utility_thread_pool& live_pool()
@@ -553,11 +226,6 @@ utility_thread_pool& live_pool()
 utility_thread_pool& private_pool()
 {
     return *vesk_test::never_destroyed(new utility_thread_pool());
-}
-
-uint32_t mem_total()
-{
-    return vesk_ground::instance()->mem_account().total_size();
 }
 
 std::string comm_of(int tid)
@@ -691,9 +359,320 @@ std::string stat_line(int tid, const char* name, unsigned utime, unsigned stime)
 
 } // namespace
 
+TEST(TimerTest, CallbackDecidesContinueSuspendAndDeleteOnItsThreadGroup)
+{
+    scripted rt;
+    rt.ret = VESK_TIMER_RET_DELETE;
+    ASSERT_EQ(regist(0x42, scripted_cb, 0x1, 10, &rt, 0, VESK_TIMER_TASK_REAL_TIME), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return rt.runs == 1; }));
+    EXPECT_EQ(rt.seen_type, VESK_TIMER_TASK_REAL_TIME);
+    EXPECT_STREQ(rt.thread_name, "timer_realtime");
+    EXPECT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &rt, true) == 0; }));
+
+    scripted s;
+    s.set_next_ms = 10;
+    ASSERT_EQ(regist(0x42, scripted_cb, 0x1234, 50, &s), VESK_OK);
+    // The first run sees the registered interval; later runs the one the callback left.
+    ASSERT_TRUE(wait_for([&] { return s.runs >= 1; }));
+    EXPECT_EQ(s.seen_type, VESK_TIMER_TASK_COMMON);
+    EXPECT_STREQ(s.thread_name, "timer_common");
+    ASSERT_TRUE(wait_for([&] { return s.runs >= 3; }));
+    EXPECT_EQ(s.seen_next_ms, 10u);
+
+    s.ret = VESK_TIMER_RET_SUSPEND;
+    const int before = s.runs;
+    ASSERT_TRUE(wait_for([&] { return s.runs > before && timer_probe::waiting(scripted_cb, &s) == 1; }));
+    const int suspended_at = s.runs;
+    // Registering it again refills the node but does not wake it.
+    ASSERT_EQ(regist(0x42, scripted_cb, 0x1234, 50, &s), VESK_OK);
+    pause_ms(300);
+    EXPECT_EQ(s.runs, suspended_at) << "a suspended task ran without a wake-up";
+
+    // Wake-up with delay 0 runs it at once; DELETE then frees it and a later wake-up finds nothing.
+    s.ret = VESK_TIMER_RET_DELETE;
+    EXPECT_EQ(vesk_utility_c_timer_wakeup(scripted_cb, &s, 0, VESK_TIMER_TASK_ALL), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return s.runs == suspended_at + 1; }));
+    ASSERT_TRUE(wait_for([&] { return timer_probe::running(scripted_cb, &s) == 0; }));
+    EXPECT_EQ(timer_probe::waiting(scripted_cb, &s), 0);
+    EXPECT_EQ(vesk_utility_c_timer_wakeup(scripted_cb, &s, 0, VESK_TIMER_TASK_COMMON), VESK_OK);
+    pause_ms(300);
+    EXPECT_EQ(s.runs, suspended_at + 1);
+}
+
+TEST(TimerTest, SameTaskRegisteredTwiceStaysOneNode)
+{
+    scripted s;
+    s.ret = VESK_TIMER_RET_DELETE;
+    vesk_test::capture_stdout([&] {
+        ASSERT_EQ(regist(0x42, scripted_cb, 0x77, 10, &s, 3600000), VESK_OK);
+        // Re-armed with the new first delay: it runs now instead of in an hour.
+        ASSERT_EQ(regist(0x42, scripted_cb, 0x77, 10, &s), VESK_OK);
+        ASSERT_TRUE(wait_for([&] { return s.runs == 1; }));
+    });
+    pause_ms(200);
+    EXPECT_EQ(s.runs, 1) << "a second node ran";
+}
+
+TEST(TimerTest, UnregisterWaitsForTheRunOnlyWhenAskedAndNoRunFollows)
+{
+    for (int wait : {1, 0}) {
+        blocker b;
+        b.ret = VESK_TIMER_RET_CONTINUE;
+        ASSERT_EQ(regist(0x51, blocker_cb, 0x52, 10, &b), VESK_OK);
+        ASSERT_TRUE(wait_for([&] { return b.entered == 1; }));
+        std::atomic<bool> returned {false};
+        int finished_at_return = -1;
+        vesk_test::capture_stdout([&] {
+            std::thread t([&] {
+                EXPECT_EQ(vesk_utility_c_unregist_timer(blocker_cb, &b, wait, VESK_TIMER_TASK_ALL), VESK_OK);
+                finished_at_return = b.finished;
+                returned = true;
+            });
+            pause_ms(200);
+            EXPECT_EQ(returned, wait == 0) << "wait " << wait;
+            b.release = true;
+            t.join();
+        });
+        EXPECT_EQ(finished_at_return, wait != 0 ? 1 : 0);
+        EXPECT_TRUE(wait_for([&] { return timer_probe::running(blocker_cb, &b) == 0; }));
+        pause_ms(200);
+        EXPECT_EQ(b.entered, 1) << "ran again after unregistration, wait " << wait;
+    }
+
+    // A registration right after an unregistration of a task found nowhere still runs.
+    scripted s;
+    s.ret = VESK_TIMER_RET_DELETE;
+    ASSERT_EQ(vesk_utility_c_unregist_timer(scripted_cb, &s, 0, VESK_TIMER_TASK_ALL), VESK_OK);
+    ASSERT_EQ(regist(0x42, scripted_cb, 0x1, 10, &s), VESK_OK);
+    EXPECT_TRUE(wait_for([&] { return s.runs == 1; }));
+}
+
+TEST(TimerTest, TemporaryThreadsRunOverdueTasksWhileEveryCommonThreadIsHeld)
+{
+    ASSERT_EQ(vesk_utility_adj_comm_thr_num(5, 3), VESK_OK); // no new threads, three temporary slots
+    // Five blockers hold the five common threads; eight quick tasks then fall behind, and only
+    // temporary threads can run them.
+    blocker b[5];
+    for (blocker& x : b)
+        ASSERT_EQ(regist(0x90, blocker_cb, 0x91, 10, &x), VESK_OK);
+    for (blocker& x : b)
+        ASSERT_TRUE(wait_for([&] { return x.entered == 1; }));
+    std::vector<char> params(8);
+    s_quick_runs = 0;
+    vesk_test::capture_stdout([&] {
+        for (char& p : params)
+            ASSERT_EQ(regist(0x92, quick_once_cb, 0x93, 10, &p), VESK_OK);
+        EXPECT_TRUE(wait_for([&] { return s_quick_runs == 8; }));
+    });
+    for (blocker& x : b)
+        x.release = true;
+    for (blocker& x : b)
+        EXPECT_TRUE(wait_for([&] { return x.finished == 1; }));
+}
+
+TEST(TimerTest, SortedInsertionKeepsDueOrderArrivalOrderAndSuspendedAtTheTail)
+{
+    vesk_timer_queue q = {PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr, 1, 0};
+    // {second, nanosecond, suspended}, in arrival order.
+    const uint32_t due[][3] = {{5, 0, 0}, {3, 0, 0}, {5, 0, 0}, {9, 0, 1}, {1, 0, 0}, {2, 0, 1}, {5, 700, 0},
+        {5, 300, 0}, {3, 999999999, 0}};
+    vesk_timer_task_node n[9] = {};
+    for (uint32_t i = 0; i < 9; i++) {
+        n[i].due_sec = due[i][0];
+        n[i].due_nsec = due[i][1];
+        n[i].suspended = due[i][2];
+        n[i].usr_id = i;
+        timer_probe::insert_sorted(&q, &n[i]);
+    }
+    std::vector<uint32_t> order;
+    for (vesk_timer_task_node* p = q.que_head; p != nullptr; p = p->next)
+        order.push_back(p->usr_id);
+    // Due time first, equal ones in arrival order, then the suspended ones in arrival order.
+    EXPECT_EQ(order, (std::vector<uint32_t> {4, 1, 8, 0, 2, 7, 6, 3, 5}));
+    EXPECT_EQ(q.que_tail, &n[5]);
+    EXPECT_EQ(q.que_head->pre, nullptr);
+}
+
+// One representative dump: the task table, GB2312 titles and a row per waiting, running and
+// future task.
+TEST(TimerDiagTest, TaskTableHasItsTitlesAndRows)
+{
+    scripted suspended;
+    suspended.ret = VESK_TIMER_RET_SUSPEND;
+    ASSERT_EQ(regist(0x42, scripted_cb, 0x1234, 50, &suspended), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return timer_probe::waiting(scripted_cb, &suspended) == 1 && suspended.runs == 1; }));
+    blocker running;
+    ASSERT_EQ(regist(0x43, blocker_cb, 0x5678, 70, &running), VESK_OK);
+    ASSERT_TRUE(wait_for([&] { return running.entered == 1; }));
+    scripted later;
+    ASSERT_EQ(regist(0x44, scripted_cb, 0x9abc, 90, &later, 3600000, VESK_TIMER_TASK_REAL_TIME), VESK_OK);
+
+    const auto dump = [](int para) {
+        const std::string gb = vesk_test::without_log_messages(
+            vesk_test::capture_stdout([&] { timer_probe::timer()->diagnose(para, vesk_print_stdout); }));
+        std::string out(gb.size() * 2 + 1, '\0');
+        uint32_t len = 0;
+        EXPECT_EQ(vesk_utility_gb2312_to_utf8(gb.data(), static_cast<uint32_t>(gb.size()), &out[0],
+                      static_cast<uint32_t>(out.size()), &len), VESK_OK);
+        out.resize(len);
+        return out;
+    };
+    // The tables are only try-locked: a service thread may hold a list at that moment, which
+    // the dump reports instead of waiting; ask again.
+    std::string tasks;
+    ASSERT_TRUE(wait_for([&] { return (tasks = dump(1)).find("sorry, try lock fail!") == std::string::npos; }))
+        << tasks;
+    size_t at = 0;
+    for (const char* title : {"常规任务: 等待执行的任务", "常规任务: 正在执行的任务", "实时任务: 等待执行的任务",
+             "实时任务: 正在执行的任务--------------------------\nhave no task\n"})
+        EXPECT_NE(at = tasks.find(title, at), std::string::npos) << title << " not in order in:\n" << tasks;
+    const auto rows = [&](const std::string& row) {
+        const std::regex re("\n" + row + " *\n");
+        return std::distance(std::sregex_iterator(tasks.begin(), tasks.end(), re), std::sregex_iterator());
+    };
+    // Number, ids, last run and current time, interval, then the state: suspended, due in so
+    // many ms; or, running, the time spent so far.
+    EXPECT_EQ(rows("[0-9]+ +0x42 +0x1234 +[0-9.]+ +[0-9.]+ +50 +暂停执行"), 1) << tasks;
+    EXPECT_EQ(rows("1 +0x44 +0x9abc +0\\.0 +[0-9.]+ +90 +还差[0-9]+"), 1) << tasks;
+    EXPECT_EQ(rows("[0-9]+ +0x43 +0x5678 +[0-9.]+ +[0-9.]+ +70 +[0-9]+"), 1) << tasks;
+
+    running.release = true;
+    EXPECT_TRUE(wait_for([&] { return running.finished == 1; }));
+}
+
+TEST(TimerDeathTest, AdjustmentsAreOneTime)
+{
+    // A raise that adds threads, then any second adjustment.
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_adj_comm_thr_num(6, 0);
+            vesk_utility_adj_comm_thr_num(7, 0);
+        },
+        ">Function: adj_comm_thr_num\n >Line No: [0-9]+\n >Condition: m_comm_thr_adj == NULL\n");
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_adj_comm_thr_num(5, 2);
+            vesk_utility_adj_comm_thr_num(5, 0);
+        },
+        ">Condition: m_comm_thr_temp == NULL\n");
+    // An adjustment that changes no thread count leaves the next one free...
+    VESK_EXPECT_FATAL(
+        {
+            vesk_utility_adj_comm_thr_num(3, 0);
+            vesk_utility_adj_comm_thr_num(6, 0);
+            vesk_utility_adj_real_time_thr_num(2);
+            vesk_utility_adj_real_time_thr_num(3);
+            vesk_utility_adj_real_time_thr_num(3); // nothing to add: no effect
+            vesk_utility_adj_real_time_thr_num(4);
+        },
+        // ...and the real-time group takes one raise after start-up.
+        ">Function: adj_real_time_thr_num\n >Line No: [0-9]+\n >Condition: m_real_time_thr_adj == NULL\n");
+    VESK_EXPECT_FATAL(timer_probe::timer()->~vesk_utility_timer(),
+        ">Function: ~vesk_utility_timer\n >Line No: [0-9]+\n >Condition: 0\n");
+    VESK_EXPECT_FATAL(utility_diagnose_thread(nullptr, nullptr, nullptr),
+        ">Function: utility_diagnose_thread\n >Line No: [0-9]+\n >Condition: userParam != NULL\n");
+}
+
+// The watchdog: the check driven directly (one call is one second), and the reboot sequence
+// against a proxy server that only records what it is asked to run. Nothing is rebooted:
+// "reboot" on PATH is a stand-in that would leave a mark if it ever ran here.
+TEST(WatchDogTest, RegistrationResetsAndHandlesAreNeverReused)
+{
+    vesk_utility_watch_dog_manage dogs(false);
+    unsigned long a = 99, b = 99, c = 99, again = 99;
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(5, 1, &a));
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(6, 100, &b));
+    EXPECT_EQ(std::make_pair(0ul, 1ul), std::make_pair(a, b));
+    // Re-registration (same handle) and feeding set the counter back to 0: a dog with timeout
+    // 1 survives any number of checks one apart.
+    const auto survives = [&] {
+        std::string out;
+        return check(dogs, &out) == VESK_TIMER_RET_CONTINUE && out.find("Is Dead") == std::string::npos;
+    };
+    EXPECT_TRUE(survives());
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(5, 1, &again));
+    EXPECT_TRUE(survives());
+    ASSERT_EQ(VESK_OK, dogs.fetch_dog(a));
+    EXPECT_TRUE(survives());
+    EXPECT_EQ(a, again);
+
+    EXPECT_EQ(VESK_OK, dogs.unregist_dog(b));
+    EXPECT_EQ(VESK_OK, dogs.unregist_dog(b)); // unknown now: ignored
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, dogs.fetch_dog(b));
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(7, 100, &c));
+    EXPECT_EQ(2ul, c);
+    EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_regist_dog(1, 1, nullptr));
+}
+
+TEST(WatchDogTest, DeadDogWithCloseMarkerIsReportedEverySecondWithoutReboot)
+{
+    const std::string mark = guard_reboot_command(), marker = private_root() + "/config//close_dog";
+    std::ofstream(marker).close();
+    vesk_utility_watch_dog_manage dogs(false);
+    dogs.regist_reboot_func(count_reboot);
+    s_reboots = 0;
+    unsigned long live = 0, dead = 0;
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x40, 100, &live));
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x41, 0, &dead));
+    for (int second = 0; second < 2; second++) {
+        std::string out;
+        EXPECT_EQ(VESK_TIMER_RET_CONTINUE, check(dogs, &out));
+        EXPECT_EQ(1, count_of(out, "System Need Reset Beacuse hand 0x1 purpose_id=0x41 Is Dead~!\n")) << out;
+        EXPECT_NE(std::string::npos, out.find("common lock")); // the held-lock dump
+    }
+    EXPECT_EQ(0, s_reboots.load());
+    EXPECT_NE(0, access(mark.c_str(), F_OK));
+    unlink(marker.c_str());
+}
+
+TEST(WatchDogTest, DeadDogRebootsThroughTheFunctionThenTheProxyWithACauseRecord)
+{
+    const std::string mark = guard_reboot_command(), record = private_root() + "/proxy_record.txt";
+    proxy_server_process server(private_root() + "/usr/lib/libmodel.socket", "--record-only " + record);
+    ASSERT_TRUE(server.ready());
+
+    vesk_utility_watch_dog_manage dogs(false);
+    dogs.set_reboot_grace_ms(100);
+    unsigned long hand = 0;
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x77, 0, &hand));
+    // First without a reboot function: the command all the same.
+    EXPECT_EQ(VESK_TIMER_RET_DELETE, check(dogs));
+    EXPECT_EQ("reboot\n", read_file(record));
+
+    // Timeout 3: three checks without a feed pass, the fourth calls the function, then the proxy.
+    s_reboots = 0;
+    dogs.regist_reboot_func(count_reboot);
+    ASSERT_EQ(VESK_OK, dogs.unregist_dog(hand));
+    ASSERT_EQ(VESK_OK, dogs.regist_dog(0x78, 3, &hand));
+    for (int second = 0; second < 3; second++)
+        EXPECT_EQ(VESK_TIMER_RET_CONTINUE, check(dogs));
+    EXPECT_EQ(0, s_reboots.load());
+    EXPECT_EQ(VESK_TIMER_RET_DELETE, check(dogs));
+    EXPECT_EQ(1, s_reboots.load());
+    EXPECT_EQ("reboot\nreboot\n", read_file(record));
+    EXPECT_NE(0, access(mark.c_str(), F_OK)) << "the command ran here instead of in the proxy";
+
+    // The cause record names the last dead dog of the list (0x78).
+    vesk_xml_operate* xml = vesk_utility_new_xml_operate(VESK_USER_UTILITY, "wdt test");
+    ASSERT_NE(nullptr, xml);
+    ASSERT_EQ(VESK_OK, xml->load((private_root() + "/reserve/wdt_tag.xml").c_str()));
+    char text[64];
+    int v[3] = {-1, -1, -1};
+    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "purpose", &v[0]));
+    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "threshold", &v[1]));
+    EXPECT_EQ(VESK_OK, xml->get_attr_int("info", "src", &v[2]));
+    EXPECT_EQ(std::vector<int>({0x78, 3, 3}), std::vector<int>(v, v + 3));
+    ASSERT_EQ(VESK_OK, xml->get_attr("info", "time", text, sizeof(text)));
+    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << text;
+    EXPECT_EQ(VESK_OK, vesk_utility_delete_xml_operate(xml, __FILE__, __func__));
+}
+
+// The thread registry: real threads through the exported calls, the CPU view over a fixture
+// /proc tree, the record list check, and the fatal paths.
+
 TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
 {
-    const uint32_t mem_before = mem_total();
+    const uint32_t mem_before = vesk_ground::instance()->mem_account().total_size();
     worker w;
     vesk_thread_creat_ctl c = ctl_for(w, VESK_THREAD_WORK_REAL_TIME, 0, 4096);
     c.priority = 10;
@@ -719,7 +698,7 @@ TEST(ThreadPoolTest, JoinableThreadIsNamedRegisteredAndRetrieved)
     EXPECT_NE(record_of(live_pool(), h).find(fmt("state %u", VESK_THREAD_EXITED)), std::string::npos); // kept
     EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_OK);
     EXPECT_EQ(record_of(live_pool(), h), "");
-    EXPECT_EQ(mem_total(), mem_before);
+    EXPECT_EQ(vesk_ground::instance()->mem_account().total_size(), mem_before);
     vesk_test::capture_stdout([&] { EXPECT_EQ(vesk_utility_retrieve_thread(h), VESK_ERR_OPERATE_FAIL); });
 }
 
