@@ -493,8 +493,7 @@ TEST(TimerTest, SortedInsertionKeepsDueOrderArrivalOrderAndSuspendedAtTheTail)
     EXPECT_EQ(q.que_head->pre, nullptr);
 }
 
-// One representative dump: the task table, GB2312 titles and a row per waiting, running and
-// future task.
+// One representative dump: the task table, its GB2312 titles, a row per kind of task.
 TEST(TimerDiagTest, TaskTableHasItsTitlesAndRows)
 {
     scripted suspended;
