@@ -1,12 +1,11 @@
 #!/usr/bin/python3
-"""HTTP(S) peer of the URL tests on 127.0.0.1, its port printed first. usage: ROOT [CERT KEY]
+"""HTTP peer of the URL tests on 127.0.0.1, its port printed first. usage: ROOT
 Routes: the methods below, named <method>_<first path component>; /auth/... wants test:secret."""
 import base64
 import http.server
 import json
 import os
 import socket
-import ssl
 import struct
 import sys
 import time
@@ -123,9 +122,5 @@ class Server(http.server.ThreadingHTTPServer):
 
 
 server = Server(("127.0.0.1", 0), Handler)
-if len(sys.argv) > 3:
-    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    ctx.load_cert_chain(sys.argv[2], sys.argv[3])
-    server.socket = ctx.wrap_socket(server.socket, server_side=True)
 print(server.server_address[1], flush=True)
 server.serve_forever()

@@ -163,7 +163,6 @@ TEST_F(url_test, FailuresCarryTheirCodeAndText)
         int code;
     } cases[] = {
         {http("/status/404"), nullptr, nullptr, VESK_ERR_FAIL, 404},
-        {http("/status/503"), nullptr, nullptr, VESK_ERR_FAIL, 503},
         {http("/auth/files/small.bin"), nullptr, nullptr, VESK_ERR_FAIL, 401},
         {http("/auth/files/small.bin"), "test", "wrong", VESK_ERR_FAIL, 401},
         {http("/auth/files/small.bin"), "test", "secret", VESK_OK, 200},
