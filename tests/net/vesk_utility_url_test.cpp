@@ -40,9 +40,9 @@ protected:
         ASSERT_EQ(run("mkdir -p " + s_srv + " && cd " + s_dir + " && head -c " + std::to_string(k_big)
                       + " /dev/urandom >srv/big.bin && head -c 100000 /dev/urandom >srv/small.bin"),
             0);
-        const std::string py = "exec /usr/bin/python3 " + std::string(VESK_NET_TEST_DATA) + "/";
-        s_peers[0].reset(new bg_process(py + "url_test_server.py " + s_srv, &s_http));
-        s_peers[1].reset(new bg_process(py + "ftp_test_server.py " + s_srv, &s_ftp));
+        const std::string py = "exec /usr/bin/python3 " + std::string(VESK_NET_TEST_DATA) + "/url_test_server.py ";
+        s_peers[0].reset(new bg_process(py + s_srv, &s_http));
+        s_peers[1].reset(new bg_process(py + s_srv + " ftp", &s_ftp));
         ASSERT_TRUE(s_http != 0 && s_ftp != 0);
     }
     static void TearDownTestSuite()
