@@ -14,6 +14,7 @@
 using namespace vesk_soft;
 using vesk_net_test::bg_process;
 using vesk_net_test::capture;
+using vesk_net_test::sh;
 
 namespace
 {
@@ -25,11 +26,6 @@ std::string sha256_of(const std::string& path)
     return capture("sha256sum " + path).substr(0, 64);
 }
 
-int run(const std::string& cmd)
-{
-    return system(cmd.c_str());
-}
-
 class url_test : public testing::Test
 {
 protected:
@@ -37,8 +33,8 @@ protected:
     {
         s_dir = vesk_test::private_root() + "/url";
         s_srv = s_dir + "/srv";
-        ASSERT_EQ(run("mkdir -p " + s_srv + " && cd " + s_dir + " && head -c " + std::to_string(k_big)
-                      + " /dev/urandom >srv/big.bin && head -c 100000 /dev/urandom >srv/small.bin"),
+        ASSERT_EQ(sh("mkdir -p " + s_srv + " && cd " + s_dir + " && head -c " + std::to_string(k_big)
+                      + " /dev/urandom >srv/big.bin && (head -c 100000 /dev/urandom >srv/small.bin)"),
             0);
         const std::string py = "exec /usr/bin/python3 " + std::string(VESK_NET_TEST_DATA) + "/url_test_server.py ";
         s_peers[0].reset(new bg_process(py + s_srv, &s_http));
@@ -95,7 +91,7 @@ TEST_F(url_test, LargeFilesRoundTripByteExactOverHttpAndFtp)
         ASSERT_EQ(m_op->download_file(url.c_str(), back.c_str(), nullptr), VESK_OK) << url << m_op->get_last_error();
         EXPECT_EQ(sha256_of(back), want) << url;
     }
-    EXPECT_EQ(run("! ls " + s_dir + " | grep -q back.bin."), 0) << "a temporary file was left";
+    EXPECT_EQ(sh("! ls " + s_dir + " | grep -q back.bin."), 0) << "a temporary file was left";
 }
 
 TEST_F(url_test, BuffersJsonAndOneShotCalls)
@@ -199,7 +195,7 @@ TEST_F(url_test, FailuresCarryTheirCodeAndText)
 TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
 {
     const std::string dir = s_dir + "/keep", path = dir + "/image.bin";
-    ASSERT_EQ(run("mkdir -p " + dir + " && echo old >" + path), 0);
+    ASSERT_EQ(sh("mkdir -p " + dir + " && (echo old >" + path + ")"), 0);
     uint8_t md5[16], bad[16];  // md5sum's digest, and one with a bit flipped
     const std::string hex = capture("md5sum " + s_srv + "/small.bin");
     for (int i = 0; i < 16; i++)
@@ -216,7 +212,7 @@ TEST_F(url_test, BrokenDownloadLeavesTheOldFileAlone)
     for (const auto& c : cases) {
         EXPECT_EQ(m_op->download_file(c.url.c_str(), path.c_str(), c.md5), c.err) << c.url;
         EXPECT_EQ(capture("cat " + path), "old\n") << c.url;
-        EXPECT_EQ(run("test $(ls -A " + dir + " | wc -l) = 1"), 0) << c.url << ": a temporary file was left";
+        EXPECT_EQ(sh("test $(ls -A " + dir + " | wc -l) = 1"), 0) << c.url << ": a temporary file was left";
     }
     EXPECT_EQ(m_op->download_file(http("/chunked/small.bin").c_str(), path.c_str(), md5), VESK_OK)
         << m_op->get_last_error();
