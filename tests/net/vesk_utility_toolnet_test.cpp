@@ -10,6 +10,7 @@
 #include <fstream>
 #include <mutex>
 #include <random>
+#include <thread>
 
 #include "api/vesk_utility_resource.h"
 #include "core/vesk_utility_ground.h"
@@ -341,4 +342,73 @@ TEST_F(ToolnetTest, TenThousandOpenCloseCyclesLeaveNothingBehind)
     EXPECT_TRUE(wait_for([&] { return listen_in.closes == 1000; })) << listen_in.closes;
     EXPECT_EQ(conn_in.closes.load(), 0);
     EXPECT_EQ(vesk_utility_toolnet_close(listener), VESK_OK);
+}
+
+namespace
+{
+
+struct self_closer {
+    std::atomic<int> calls {0};
+    std::atomic<VESK_ERR> ret {1}, again {1};
+};
+
+// Closes its own handle twice in its first receive callback (the second finds it ending).
+void close_self(vesk_toolnet_handle h, const void*, unsigned, const sockaddr*, unsigned, void* arg)
+{
+    self_closer* s = static_cast<self_closer*>(arg);
+    s->calls++;
+    s->ret = vesk_utility_toolnet_close(h);
+    s->again = vesk_utility_toolnet_close(h);
+}
+
+void recv_slowly(vesk_toolnet_handle, const void*, unsigned, const sockaddr*, unsigned, void* arg)
+{
+    static_cast<std::atomic<int>*>(arg)->store(1);
+    usleep(300000);
+    static_cast<std::atomic<int>*>(arg)->store(2);
+}
+
+} // namespace
+
+// The use-after-free traps: a handle closed from its own callback, from another thread while
+// its callback runs (the close waits for it), and while other threads send on it.
+TEST_F(ToolnetTest, ClosesFromOwnCallbacksAndFromOtherThreads)
+{
+    self_closer s;
+    vesk_toolnet_udp_param p {0, "t_self", "127.0.0.1", 0, nullptr, nullptr, close_self, &s};
+    vesk_toolnet_handle h = 0;
+    ASSERT_EQ(vesk_utility_toolnet_open_udp(&p, &h), VESK_OK);
+    const vesk_toolnet_handle sender = open_udp(nullptr);
+    for (int i = 0; i < 5; i++)
+        vesk_utility_toolnet_send_to(sender, "abc", 3, "127.0.0.1", port_of(h));
+    ASSERT_TRUE(wait_for([&] { return toolnet()->open_count(VESK_TOOLNET_UDP) == 1; }));
+    EXPECT_TRUE(s.calls == 1 && s.ret == VESK_OK && s.again == VESK_OK);
+
+    std::atomic<int> slow {0};
+    p.on_recv = recv_slowly;
+    p.arg = &slow;
+    ASSERT_EQ(vesk_utility_toolnet_open_udp(&p, &h), VESK_OK);
+    vesk_utility_toolnet_send_to(sender, "x", 1, "127.0.0.1", port_of(h));
+    ASSERT_TRUE(wait_for([&] { return slow == 1; }));
+    EXPECT_EQ(vesk_utility_toolnet_close(h), VESK_OK);
+    EXPECT_EQ(slow.load(), 2);
+
+    inbox echo_in, many_in;
+    echo_in.echo = true;
+    const vesk_toolnet_handle echo = listen_tcp(&echo_in);
+    const vesk_toolnet_handle c = connect_tcp(&many_in, port_of(echo));
+    std::vector<std::thread> senders;
+    const std::string chunk(4096, 'm');
+    for (int t = 0; t < 4; t++)
+        senders.emplace_back([&] {
+            for (int i = 0; i < 200; i++)
+                vesk_utility_toolnet_send(c, chunk.data(), chunk.size(), 0, nullptr);
+        });
+    usleep(2000);
+    EXPECT_EQ(vesk_utility_toolnet_close(c), VESK_OK);
+    for (std::thread& t : senders)
+        t.join();
+    EXPECT_TRUE(wait_for([&] { return echo_in.closes == 1; }));
+    EXPECT_EQ(vesk_utility_toolnet_close(sender), VESK_OK);
+    EXPECT_EQ(vesk_utility_toolnet_close(echo), VESK_OK);
 }
