@@ -1,5 +1,4 @@
-// The block operator on ext4 and XFS images on loop devices: the trunk map against filefrag,
-// device writes read back after a remount, device reads against file system reads.
+// The block operator on ext4 and XFS images on loop devices, against filefrag and file system reads.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -50,10 +49,8 @@ std::string read_all(const std::string& path)
     return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
-// Allocates k_chunk pieces of `path` one by one, each after a 4 KiB piece of `spacer`, so that
-// no piece can continue the previous extent, until filefrag counts `runs` runs (or, with
-// runs == 0, `chunks` pieces are there), then writes the whole file. Recording files are
-// preallocated by writing them. Returns the number of pieces.
+// Grows `path` by k_chunk pieces, each after a 4 KiB piece of `spacer`, until filefrag counts
+// `runs` runs (or `chunks` pieces when runs == 0), then writes it whole; returns the pieces.
 size_t lay_out(const std::string& path, const std::string& spacer, size_t runs, size_t chunks = 0)
 {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
@@ -93,9 +90,7 @@ protected:
     void SetUp() override
     {
 #if defined(VESK_TEST_EMULATED)
-        // qemu-user passes XFS_IOC_GETBMAPX of a 32-bit program to the 64-bit host kernel
-        // untranslated, so the XFS map cannot be taken under emulation (the board's kernel
-        // serves it natively); the host suite covers XFS.
+        // qemu-user does not translate XFS_IOC_GETBMAPX for a 32-bit program; the host covers XFS.
         if (strcmp(GetParam(), "xfs") == 0)
             GTEST_SKIP() << "XFS extent maps are not available under qemu-user emulation";
 #endif
@@ -149,9 +144,8 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     ASSERT_EQ(raw, 2) << "the file system did not split written and unwritten parts";
     expect_map(ops, "adj.dat", 1 << 20);
     EXPECT_EQ(ops.trunk_num(), 1u);
-    // The most runs a scan can map (32 trunks; XFS answers one call with 31 extents) opens.
-    // One run more: ext4 refuses and leaves the operator closed; XFS opens with the 31 runs it
-    // got, and writes stop at the end of the last of them.
+    // The most runs a scan maps (32; XFS gives 31 a call) open. One more: ext4 refuses and stays
+    // closed; XFS opens with its 31 runs and writes stop at the end of the last.
     const size_t most = strcmp(GetParam(), "ext4") == 0 ? 32 : 31;
     expect_map(ops, "many.dat", static_cast<int64_t>(lay_out(path("many.dat"), path("spacer.dat"), most) * k_chunk));
     const size_t more = lay_out(path("many.dat"), path("spacer.dat"), most + 1);
@@ -240,8 +234,7 @@ TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
         EXPECT_EQ(ops.read(got.get(), 4096, 4096), 0); // at the data size
         EXPECT_TRUE(memcmp(got.get(), want.data(), size) == 0);
     }
-    // The running total is compared with the shrinking remainder: a read that starts 32 KiB
-    // before the end of the first trunk returns that, then one more trunk's worth, and stops.
+    // A read 32 KiB before the first trunk's end returns that, one more trunk's worth, and stops.
     block_file_ops ops;
     ASSERT_EQ(ops.open(path("play.dat").c_str(), size, VESK_BLOCK_READ, 0), VESK_OK);
     ASSERT_GE(ops.trunk_num(), 3u);
