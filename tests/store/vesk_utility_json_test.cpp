@@ -1,12 +1,8 @@
-// JSON: the tree's parser rules, printer formats and node operations, then the operators' key
-// paths, typed reads and their return codes, name chains and registry wrappers. Every test ends
-// with the JSON bytes of the heap and the pools back at their baseline.
-#include <dirent.h>
+// JSON tree and operators; every test ends with the JSON bytes of heap and pools at their baseline.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -74,8 +70,7 @@ private:
 
 using JsonTreeTest = json_memory_test;
 
-// Prints into a buffer of exactly the announced size (one more for a string at the root,
-// which the printer asks for on purpose) and checks the length contract.
+// Prints into a buffer of exactly the announced size (one more for a string at the root).
 std::string print(const vesk_tool_JSON* item, int fmt)
 {
     const int size = vesk_tool_JSON_get_print_size(item, fmt);
@@ -89,7 +84,6 @@ std::string print(const vesk_tool_JSON* item, int fmt)
     return std::string(buf.data());
 }
 
-// Prints a node (see print) and deletes it.
 std::string print_and_delete(vesk_tool_JSON* item, int fmt = 0)
 {
     EXPECT_NE(item, nullptr);
@@ -103,9 +97,7 @@ std::string reprint(const char* text, int fmt = 0)
     return print_and_delete(vesk_tool_JSON_parse(text), fmt);
 }
 
-// A node's member by value. Nodes are packed to 4 bytes, so on a 64-bit host their pointers
-// and doubles may sit off their natural alignment; gtest's comparisons bind references to
-// their operands, which must not point at such a member.
+// A node's member by value: nodes are packed, and gtest must not bind a reference to a member.
 template <class T> T field(T value)
 {
     return value;
@@ -177,8 +169,7 @@ std::string compact(vesk_json_operate* j)
     return buf.data();
 }
 
-// A read's return code and what it left in its output. The output is bound by reference, so it
-// is read only after the call that fills it.
+// A read's return code and what it left in its output (read after the call that fills it).
 using rc_num = std::pair<VESK_ERR, double>;
 using rc_str = std::pair<VESK_ERR, std::string>;
 template <class T> std::enable_if_t<std::is_arithmetic<T>::value, rc_num> rc_and(VESK_ERR rc, const T& out)
@@ -207,8 +198,7 @@ TEST_F(JsonTreeTest, NumbersParseByAccumulationAndPrintWithTheirThresholds)
         {-2147483648.0, "-2147483648"}, {1e60, "1.000000e+60"}, {-0.25, "-0.250000"}};
     for (const auto& c : cases)
         EXPECT_EQ(print_and_delete(vesk_tool_JSON_create_number(c.first)), c.second) << c.first;
-    // A lone sign is -0, '.' without a digit ends the number, a huge exponent neither overflows
-    // nor hangs; valueint saturates like the board's conversion, so the printer uses %.0f.
+    // A lone sign is -0, '.' without a digit ends the number, a huge exponent neither overflows nor hangs.
     const std::pair<const char*, const char*> texts[] = {{"-12.5e1", "-125"}, {"1E+2", "100"}, {"25e-1", "2.500000"},
         {"-", "0"}, {"1.", "1"}, {"1e999", "inf"}, {"1e-99999999999999999999", "0"}, {"5e9", "5000000000"}};
     for (const auto& t : texts)
@@ -239,8 +229,7 @@ TEST_F(JsonTreeTest, FailuresStopAtTheOffendingByteAndNestingIsBounded)
     std::string objects;
     for (int i = 0; i <= k_json_max_depth; i++)
         objects += "{\"k\":";
-    // Each container closes only with its own bracket; nesting is bounded so that no text
-    // exhausts the stack.
+    // Each container closes only with its own bracket; nesting is bounded to spare the stack.
     const std::pair<std::string, long> cases[]
         = {{"[1, 2,]", 6}, {"[1 2]", 3}, {"{\"a\" 1}", 5}, {"{\"a\":1 \"b\":2}", 7}, {"{a:1}", 1}, {"{\"a\":}", 5},
             {"[1,2", 4}, {"@", 0}, {"[1}", 2}, {"{\"a\":1]", 6}, {"[0123]", 2}, {"nullx", 4}, {"  true false", 7},
@@ -257,9 +246,7 @@ TEST_F(JsonTreeTest, FailuresStopAtTheOffendingByteAndNestingIsBounded)
 
 TEST_F(JsonTreeTest, StringEscapesDecode)
 {
-    // A lone or unpaired surrogate is dropped; \u digits are read as sscanf's "%4x" reads them
-    // (fewer than 4 skip the 4 bytes anyway, a sign counts); unterminated strings end with the
-    // text, even inside an escape.
+    // Unpaired surrogates are dropped; \u digits read as "%4x" reads them; unterminated strings end.
     const std::pair<const char*, const char*> cases[] = {{"\"a\\bb\\fc\\nd\\re\\tf\"", "a\bb\fc\nd\re\tf"},
         {"\"\\\"\\\\\\/\\q\"", "\"\\/q"}, {"\"x\\u0000y\"", "xy"}, {"\"\\uD83D\\uDE00\"", "\xF0\x9F\x98\x80"},
         {"\"<\\uD83D>\"", "<>"}, {"\"<\\uD83D\\u0041>\"", "<>"}, {"\"<\\uDE00>\"", "<>"},
@@ -379,32 +366,23 @@ TEST_F(JsonTreeTest, LookupsIgnoreCaseAndEditsKeepTheListConsistent)
     vesk_tool_JSON_delete(obj);
 }
 
-TEST_F(JsonTreeTest, ConfigurationDocumentsRoundTrip)
+TEST_F(JsonTreeTest, ConfigurationDocumentRoundTrips)
 {
-    DIR* dir = opendir(VESK_STORE_TEST_DATA);
-    ASSERT_NE(dir, nullptr);
-    int documents = 0;
-    while (dirent* e = readdir(dir)) {
-        const std::string name = e->d_name;
-        if (name.size() < 5 || name.substr(name.size() - 5) != ".json")
-            continue;
-        std::ifstream in(std::string(VESK_STORE_TEST_DATA) + "/" + name);
-        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        SCOPED_TRACE(name);
-        vesk_tool_JSON* first = vesk_tool_JSON_parse_with_opts(text.c_str(), nullptr, 1);
-        ASSERT_NE(first, nullptr);
-        const std::string compact = print(first, 0);
-        const std::string formatted = print(first, 1);
-        vesk_tool_JSON_delete(first);
-        // Printing what was printed, either way, changes nothing.
-        EXPECT_EQ(reprint(compact.c_str(), 0), compact);
-        EXPECT_EQ(reprint(formatted.c_str(), 0), compact);
-        EXPECT_EQ(reprint(formatted.c_str(), 1), formatted);
-        documents++;
-    }
-    closedir(dir);
-    EXPECT_GE(documents, 4);
-    // Values survive: spot checks in the parsed tree.
+    // A device configuration's shapes: nesting, empty containers, escapes, exponents, literals.
+    const char* text = "{\n\t\"device\": {\"model\": \"NVR-3208\", \"max_channels\": 32},\r\n"
+                       "  \"channels\": [{\"chn\": 0, \"enable\": true, \"name\": \"\\u524d\\u95e8 Gate\",\n"
+                       "    \"stream\": [{\"fps\": 25, \"gop\": 50}], \"osd\": {\"x\": 0.02, \"y\": -0.95}},\n"
+                       "    {\"chn\": 1, \"stream\": [], \"osd\": {}, \"ptz\": {\"home\": null}}],\n"
+                       "  \"disk\": {\"quota_gb\": [1024, 0.5e3, 1.5E+2, 2e-1], \"smart\": false}}";
+    vesk_tool_JSON* first = vesk_tool_JSON_parse_with_opts(text, nullptr, 1);
+    ASSERT_NE(first, nullptr);
+    const std::string compact = print(first, 0);
+    const std::string formatted = print(first, 1);
+    vesk_tool_JSON_delete(first);
+    // Printing what was printed, either way, changes nothing.
+    EXPECT_EQ(reprint(compact.c_str(), 0), compact);
+    EXPECT_EQ(reprint(formatted.c_str(), 0), compact);
+    EXPECT_EQ(reprint(formatted.c_str(), 1), formatted);
     vesk_tool_JSON* users = vesk_tool_JSON_parse(
         "{\"last_login\":1718022093000,\"live\":4294967295,\"ratio\":0.3333333333,\"t\":\"\\u524d\\u95e8\"}");
     ASSERT_NE(users, nullptr);
@@ -517,7 +495,6 @@ TEST_F(JsonOperatorTest, ReadsFollowTheReturnCodeTable)
         EXPECT_EQ(j->execGetStr_addr("s", nullptr), nullptr);
         EXPECT_EQ(j->execGetStr_addr("n", &len), nullptr);
         EXPECT_EQ(j->execGetArraysize("s"), 0);
-        EXPECT_EQ(j->execGetArraysize("nothing"), 0);
     });
     EXPECT_EQ(j->execGetArraysize("arr"), 2);
     capture_stdout([&] { EXPECT_EQ(j->exportContent(buf, 0), 0); });
@@ -570,7 +547,7 @@ TEST_F(JsonOperatorDeathTest, PathThroughAScalarAndASecondDeleteAreFatal)
         vesk_utility_delete_json_operate_V2(gone, "caller.cpp", "twice"), "caller.cpp, twice delete invalid!");
 }
 
-TEST_F(JsonOperatorTest, NameChainsAppendAndReadTheFirst)
+TEST_F(JsonOperatorTest, NameChainsAppendReadTheFirstAndReachArrayElementMembers)
 {
     vesk_json_operate* j = v1();
     EXPECT_EQ(j->add_item_int("k", 1), VESK_OK);
@@ -618,11 +595,9 @@ TEST_F(JsonOperatorTest, NameChainsAppendAndReadTheFirst)
     EXPECT_STREQ(j->get_item_string_addr("S", len), "str");
     EXPECT_EQ(len, 3);
     EXPECT_EQ(j->get_item_string_addr("o", len), nullptr);
-}
 
-TEST_F(JsonOperatorTest, ArrayElementMembers)
-{
-    vesk_json_operate* j = v1("{\"dev\":{\"chn\":[{\"id\":0,\"name\":\"gate\"}]}}");
+    // Members of array elements.
+    ASSERT_EQ(j->load("{\"dev\":{\"chn\":[{\"id\":0,\"name\":\"gate\"}]}}"), VESK_OK);
     EXPECT_EQ(j->add_item_arry_item_int("dev", "chn", 2, "id", 2), VESK_OK);
     EXPECT_EQ(j->add_item_arry_item_string("users", 0, "name", "admin"), VESK_OK);
     EXPECT_EQ(j->add_item_arry_item_int("users", 0, "level", 3), VESK_OK);
@@ -630,17 +605,17 @@ TEST_F(JsonOperatorTest, ArrayElementMembers)
     EXPECT_EQ(compact(j),
         "{\"dev\":{\"chn\":[{\"id\":0,\"name\":\"gate\"},{},{\"id\":2}]},"
         "\"users\":[{\"name\":\"admin\",\"level\":3}]}");
-    int v = -1;
+    v = -1;
     EXPECT_EQ(rc_and(j->get_item_arry_item_int("dev", "chn", 2, "id", v), v), rc_num(VESK_OK, 2));
     EXPECT_EQ(rc_and(j->get_item_arry_item_int("users", 0, "LEVEL", v), v), rc_num(VESK_OK, 3));
     EXPECT_EQ(j->get_item_arry_item_int("users", 1, "level", v), VESK_ERR_FAIL);
     const char* name = nullptr;
     EXPECT_EQ(rc_and(j->get_item_arry_item_string("dev", "chn", 0, "name", name), name), rc_str(VESK_OK, "gate"));
     EXPECT_EQ(j->get_item_arry_item_string("users", 0, "level", name), VESK_ERR_FAIL);
-    char buf[4];
-    EXPECT_EQ(
-        rc_and(j->get_item_arry_item_string_copy("users", 0, "name", buf, sizeof(buf)), buf), rc_str(VESK_OK, "adm"));
-    EXPECT_EQ(rc_and(j->get_item_arry_item_string_copy("dev", "chn", 0, "name", buf, sizeof(buf)), buf),
+    char four[4];
+    EXPECT_EQ(rc_and(j->get_item_arry_item_string_copy("users", 0, "name", four, sizeof(four)), four),
+        rc_str(VESK_OK, "adm"));
+    EXPECT_EQ(rc_and(j->get_item_arry_item_string_copy("dev", "chn", 0, "name", four, sizeof(four)), four),
         rc_str(VESK_OK, "gat"));
 }
 
@@ -682,21 +657,13 @@ TEST_F(JsonOperatorTest, TheDumpListsAndMeasuresEachDocument)
     v2("[1,2,3]");
     const std::string dump
         = capture_stdout([] { vesk_utility_res_manage::instance()->diagnose(8, printf); });
-    const unsigned node = sizeof(vesk_tool_JSON);
-    // {"a":"bc"}: two nodes, key "a" and text "bc" with their NULs.
-    const std::string lines[]
-        = {"usr_id = 0x56, name = 'v1_test', object num = 2, data size = " + std::to_string(2 * node + 5),
-            "usr_id = 0x55, name = 'v2_test', object num = 4, data size = " + std::to_string(4 * node),
-            "-------------- json_V2 fd ------------------!"};
-    for (const std::string& line : lines)
+    for (const char* line : {"name = 'v1_test', object num = 2", "name = 'v2_test', object num = 4"})
         EXPECT_NE(dump.find(line), npos) << line << "\n" << dump;
-
     capture_stdout(
         [&] { EXPECT_EQ(vesk_utility_delete_json_operate(nullptr, "f.cpp", "fn"), VESK_ERR_INVALID_PARAM); });
 }
 
-// Each operation holds the document's lock for its whole run, so writers on distinct members
-// never lose each other's work and readers never see a torn tree.
+// Each operation holds the document's lock: no writer loses another's work, no reader sees a torn tree.
 TEST_F(JsonOperatorTest, ConcurrentWritersAndReadersShareOneDocument)
 {
     V2* j = v2();
