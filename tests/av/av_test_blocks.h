@@ -105,6 +105,7 @@ struct consumer {
     vesk_av_reader* r = nullptr;
     vesk_utility::vesk_av_note_reader api;
     vesk_read_av_list_note note {};
+    uint32_t interval = 0; // the reader's wait after its last get
     consumer(vesk_utility_av_mng& m, bool note_api = false, vesk_av_reader_usr_type usr = VESK_AV_READER_STREAM_USER)
         : mng(m), by_note(note_api), api(&m)
     {
@@ -121,8 +122,7 @@ struct consumer {
     }
     VESK_ERR get(_tagVeskFrameHeader** f, vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
     {
-        uint32_t next = 0;
-        return by_note ? api.get_frame(k_ipc, t, &note, f, false) : r->get_frame(t, f, 0, &next);
+        return by_note ? api.get_frame(k_ipc, t, &note, f, false) : r->get_frame(t, f, 0, &interval);
     }
     VESK_ERR put(_tagVeskFrameHeader* f, vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
     {
