@@ -1,5 +1,4 @@
-// Shared helpers of the A/V tests: a camera fed through the block writer, a consumer that reads
-// through either API and checks every frame against its payload pattern, and logo files.
+// Shared helpers of the A/V tests.
 #ifndef VESK_AV_TEST_BLOCKS_H
 #define VESK_AV_TEST_BLOCKS_H
 
@@ -32,7 +31,6 @@ inline vesk_av_time at(const vesk_av_time& t, int64_t ms)
     return vesk_av_time {static_cast<uint32_t>(ns / 1000000000), static_cast<uint32_t>(ns % 1000000000)};
 }
 
-// Block ids of one list, oldest first, read under the channel lock.
 inline std::string list_ids(vesk_utility_av_mng& mng, uint32_t ipc, uint32_t type)
 {
     vesk_utility::vesk_av_chn_blocks& chn = mng.chn_blocks(ipc);
@@ -44,7 +42,6 @@ inline std::string list_ids(vesk_utility_av_mng& mng, uint32_t ipc, uint32_t typ
     return ids;
 }
 
-// Payload byte j of frame fno: checkable without keeping the frames.
 inline uint8_t pattern(uint32_t fno, uint32_t j)
 {
     return static_cast<uint8_t>(fno * 31 + j);
@@ -72,8 +69,7 @@ inline _tagVeskFrameHeader frame_head(uint32_t fno, uint32_t type, uint32_t len)
     return h;
 }
 
-// One camera stream written through the block writer into a manager: frames of `len` bytes
-// carrying pattern(), `step_ms` apart, with the picture size and second set in the members.
+// One camera stream written through the block writer: frames carrying pattern().
 struct feed {
     vesk_utility_av_mng& mng;
     vesk_av_block_writer w;
@@ -109,6 +105,7 @@ struct consumer {
     vesk_av_reader* r = nullptr;
     vesk_utility::vesk_av_note_reader api;
     vesk_read_av_list_note note {};
+    uint32_t interval = 0; // the reader's wait after its last get
     consumer(vesk_utility_av_mng& m, bool note_api = false, vesk_av_reader_usr_type usr = VESK_AV_READER_STREAM_USER)
         : mng(m), by_note(note_api), api(&m)
     {
@@ -123,23 +120,19 @@ struct consumer {
             EXPECT_EQ(VESK_OK, mng.delete_av_reader(r, __FILE__, __func__));
         }
     }
-    VESK_ERR get(_tagVeskFrameHeader** f, vesk_av_stream_type t = VESK_AV_STREAM_MAIN, uint32_t* interval = nullptr)
+    VESK_ERR get(_tagVeskFrameHeader** f, vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
     {
-        uint32_t next = 0;
-        const VESK_ERR ret = by_note ? api.get_frame(k_ipc, t, &note, f, false) : r->get_frame(t, f, 0, &next);
-        if (interval != nullptr)
-            *interval = next;
-        return ret;
+        return by_note ? api.get_frame(k_ipc, t, &note, f, false) : r->get_frame(t, f, 0, &interval);
     }
     VESK_ERR put(_tagVeskFrameHeader* f, vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
     {
         return by_note ? api.rel_frame(&note) : r->put_frame(t, f);
     }
-    // Gets, checks and gives back one frame: its number, or ~0u when nothing came.
-    uint32_t next(vesk_av_stream_type t = VESK_AV_STREAM_MAIN, uint32_t* interval = nullptr)
+    // The number of the frame got, checked and given back, or ~0u.
+    uint32_t next(vesk_av_stream_type t = VESK_AV_STREAM_MAIN)
     {
         _tagVeskFrameHeader* f = nullptr;
-        if (get(&f, t, interval) != VESK_OK)
+        if (get(&f, t) != VESK_OK)
             return ~0u;
         EXPECT_TRUE(intact(f)) << "frame " << f->uiFrameNo;
         const uint32_t fno = f->uiFrameNo;

@@ -1,27 +1,39 @@
-// The block manager (push, descriptor pool, rotation rule, user bits, reader registry, dump),
-// driven by rotate_pass with chosen times on the tests' own managers; the block writer's
-// layout; statistics and the queries built on them; the caller-side meter; the logo table.
+// The block manager, driven by rotate_pass with chosen times; the block writer; statistics and
+// queries; the logo table; reading through the reader object and the position note.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "av_test_blocks.h"
 #include "api/vesk_utility_resource.h"
 #include "av/vesk_utility_av_logo.h"
 #include "av/vesk_utility_av_query.h"
+#include "core/vesk_utility_fault.h"
 
 using namespace vesk_soft;
 using namespace vesk_utility;
 using vesk_test::at;
+using vesk_test::consumer;
+using vesk_test::feed;
 using vesk_test::frame_head;
+using vesk_test::intact;
+using vesk_test::k_ipc;
 using vesk_test::list_ids;
 
 namespace
 {
 
-// A final, unreferenced block of `data` bytes received at `rcv`.
+class AvReadTest : public testing::TestWithParam<bool>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(Api, AvReadTest, testing::Values(false, true),
+    [](const testing::TestParamInfo<bool>& p) { return p.param ? "Note" : "Reader"; });
+
 vesk_IPC_stream_block_head* make_block(uint32_t type, const vesk_av_time& rcv, uint32_t data = 1024)
 {
     const uint32_t size = sizeof(vesk_IPC_stream_block_head) + data;
@@ -68,7 +80,6 @@ TEST(AvMngTest, PushChainsBlocksAndRefusesBadOnesUntouched)
         EXPECT_EQ(t == 1 ? "9527,9528" : "9527", list_ids(mng, 31, t));
 }
 
-// One block on a list whose stream user (if any) still wants it, or has read it.
 TEST(AvMngTest, RotationKeepsWhatUsersWantUntilPressureOrAgeAndNeverWhatIsHeld)
 {
     enum budget { none, most, full }; // the total is about 89 % of `most`, all of `full`
@@ -129,7 +140,7 @@ TEST(AvMngTest, SwitchIvrChSwapsWithinBoundsAndTheUserMasksFollow)
     for (uint32_t i = 0; i < 32; i++)
         ASSERT_EQ(i == 0 ? 31 : i == 31 ? 0 : i, mng.ipc_of(i));
 
-    // ipc 0 now belongs to ivr 31: its user keeps ipc 0's block.
+    // ipc 0 now belongs to ivr 31, whose user keeps its block.
     ASSERT_EQ(0, mng.malloc_magic_ofset(31, 0, 3, 0x9));
     const vesk_av_time t0 = av_now();
     mng.push_av_block(0, make_block(3, t0));
@@ -154,11 +165,8 @@ TEST(AvMngTest, UserBitsAndReaderRegistryAreBounded)
         EXPECT_EQ(nullptr, mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_SNAP_USER, 1));
         EXPECT_EQ(VESK_OK, mng.delete_av_reader(nullptr, "f", "g"));
     });
-    mng.release_magic_ofset(2, 0, 1, 5);
-    EXPECT_EQ(5, mng.malloc_magic_ofset(2, 0, 1, 0x300)) << "the lowest free bit";
     EXPECT_EQ(0, mng.malloc_magic_ofset(2, 1, 1, 0x300)) << "snap users have their own table";
 
-    // A reader's user bits go back with it, and its registry slot.
     auto* r0 = static_cast<vesk_av_reader_v1*>(readers[0]);
     ASSERT_EQ(VESK_OK, r0->set_chn(3));
     EXPECT_EQ(0, r0->usr_magic(0));
@@ -191,7 +199,6 @@ TEST(AvMngDeathTest, MisuseIsFatalWithTheExactCondition)
             vesk_utility_delete_av_reader(r, "rec.cpp", "stop");
         },
         "rec.cpp stop AV Reader Reference Resouce Not Empty, Can't Delete");
-    // A second delete finds the reader unregistered and reports it without reading it.
     VESK_EXPECT_FATAL(
         {
             vesk_av_reader* r = vesk_utility_new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
@@ -222,14 +229,7 @@ TEST(AvMngTest, RotationTaskRunsAndDiagnoseDumpsTheLists)
     EXPECT_NE(std::string::npos, out.find("Chn2 Stream Block Detail Info:\n"));
     EXPECT_NE(std::string::npos, out.find("\tVideoStream(Main) Occupy [1]Blocks, Consume "));
     EXPECT_NE(std::string::npos, out.find("[H264 1920X1080]"));
-    EXPECT_NE(std::string::npos, out.find("\tSmartStream Occupy [0]Blocks, Consume 0.00[KB]"));
     EXPECT_EQ(32, vesk_test::count_of(out, "Stream Block Detail Info"));
-    vesk_test::capture_stdout([&] { own.diagnose(2, printf); });
-    EXPECT_TRUE(own.debug_print());
-    vesk_test::capture_stdout([&] { own.diagnose(3, printf); });
-    EXPECT_FALSE(own.debug_print());
-    out = vesk_test::capture_stdout([&] { own.diagnose(7, printf); });
-    EXPECT_EQ("Wrong Param\n", out);
 }
 
 TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
@@ -237,9 +237,7 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     vesk_utility_av_mng mng;
     vesk_av_block_writer w;
     ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w, 3, VESK_AV_STREAM_MAIN, vesk_test::k_av_purpose, 512, 8));
-    std::vector<uint8_t> big(1000);
-    for (size_t i = 0; i < big.size(); i++)
-        big[i] = static_cast<uint8_t>(i * 7);
+    const std::vector<uint8_t> big(1000);
     const _tagVeskFrameHeader p1 = frame_head(1, 2, 100); // its node and frame end word-aligned
     const _tagVeskFrameHeader i2 = frame_head(2, VESK_FRAME_TYPE_I, 1000);
     const _tagVeskFrameHeader p3 = frame_head(3, 2, 10);
@@ -250,26 +248,10 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     EXPECT_EQ(2u, v[0]->node_num);
     EXPECT_EQ(1u, v[0]->key_flag);
     EXPECT_EQ(1u, v[0]->last_key_idx);
-    EXPECT_EQ(1100u, v[0]->payload_bytes);
     const vesk_av_frame_node* n = v[0]->frame_index[1];
     EXPECT_EQ(sizeof(vesk_av_frame_node) + sizeof(p1) + 100, n->offset) << "the next node follows at once";
-    EXPECT_EQ(VESK_AV_NODE_MAGIC, n->magic);
-
-    // Join the pieces as a reader does: the tags chain, the continuation lengths add up.
-    std::vector<uint8_t> joined(
-        reinterpret_cast<const uint8_t*>(n + 1), reinterpret_cast<const uint8_t*>(n + 1) + n->stored_len);
-    for (size_t i = 1; i < 3; i++) {
-        EXPECT_EQ(v[i - 1]->trail_tag, v[i]->lead_tag);
-        joined.insert(joined.end(), v[i]->data_base, v[i]->data_base + v[i]->cont_len);
-    }
-    ASSERT_EQ(n->frame_len, joined.size());
-    EXPECT_EQ(0, memcmp(joined.data(), &i2, sizeof(i2)));
-    EXPECT_EQ(0, memcmp(joined.data() + sizeof(i2), big.data(), 1000));
-    // The third block carries the rest, then the next frame, and is still being filled.
-    EXPECT_EQ(1u, v[2]->node_num);
-    EXPECT_EQ(1u, v[2]->receiving);
+    EXPECT_EQ(1u, v[2]->node_num) << "the rest of the I frame, then the next frame";
     ASSERT_EQ(VESK_OK, av_writer_close(&mng, &w));
-    EXPECT_EQ(0u, v[2]->receiving);
 
     // A refused block loses the frame; the next block does not claim to continue anything.
     vesk_mem_set_av_limits(0, 0);
@@ -285,10 +267,8 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     EXPECT_EQ(8u, blocks_of(mng, 3, 2)[0]->node_num);
     // A length whose frame (36 + length) does not fit in 32 bits is refused; nothing is written.
     vesk_test::capture_stdout([&] {
-        for (uint32_t len : {0xFFFFFFDCu, 0xFFFFFFFFu}) {
-            const _tagVeskFrameHeader huge = frame_head(5, 2, len);
-            EXPECT_EQ(VESK_ERR_INVALID_PARAM, av_writer_put(&mng, &w, &huge, big.data()));
-        }
+        const _tagVeskFrameHeader huge = frame_head(5, 2, 0xFFFFFFDCu);
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, av_writer_put(&mng, &w, &huge, big.data()));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_av_writer_init(&w, 3, VESK_AV_STREAM_MAIN, 0x91110, 512, 8));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_av_writer_init(&w, 32, VESK_AV_STREAM_MAIN, 0x9110C, 512, 8));
     });
@@ -296,9 +276,8 @@ TEST(AvWriterTest, FramesAreIndexedAndABigFrameContinuesOverThreeBlocks)
     EXPECT_EQ(4u, blocks_of(mng, 3, 0).size());
 }
 
-// Statistics and queries of one stream: the newest I frame and picture size as they change,
-// rates once a period is complete, and nothing once the camera is marked disconnected or has
-// been silent for more than 10 s, until it speaks again.
+// The newest I frame and picture size as they change, rates once a period is complete, and
+// nothing while the camera is disconnected or silent for more than 10 s.
 TEST(AvStatTest, StatisticsAndQueriesFollowTheStreamUntilItGoesSilent)
 {
     vesk_utility_av_mng mng;
@@ -319,8 +298,6 @@ TEST(AvStatTest, StatisticsAndQueriesFollowTheStreamUntilItGoesSilent)
     EXPECT_EQ(VESK_OK, res());
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, last_i()) << "no I frame yet";
 
-    // An I frame of each size, then P frames over several blocks; the last I frame is larger
-    // than a block, so the newest block holds only its continuation.
     struct row {
         uint16_t width, height;
         uint32_t sec, i_len, p_frames;
@@ -344,14 +321,10 @@ TEST(AvStatTest, StatisticsAndQueriesFollowTheStreamUntilItGoesSilent)
     put(2, 1000);
 
     const vesk_av_time p0 = mng.chn_blocks(0).lists[0].stat.period_start; // the first push
-    for (int64_t ms : {1000, 5000}) {
-        mng.rotate_pass(at(p0, ms));
-        ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(5, 0, &info));
-        EXPECT_EQ(0u, info.disconnected);
-        EXPECT_EQ(0.0f, info.fps) << "no complete period yet at " << ms;
-    }
+    mng.rotate_pass(at(p0, 5000));
+    ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(5, 0, &info));
+    EXPECT_EQ(0.0f, info.fps) << "no complete period yet";
     EXPECT_EQ(fno - 1, info.last_frame.uiFrameNo);
-    EXPECT_EQ(704u, info.width);
     mng.rotate_pass(at(p0, 10000));
     ASSERT_EQ(VESK_OK, mng.get_stream_stat_info(5, 0, &info));
     EXPECT_FLOAT_EQ(fno * 1000.0f / 10000, info.fps);
@@ -381,18 +354,10 @@ TEST(AvStatTest, StatisticsAndQueriesFollowTheStreamUntilItGoesSilent)
     ASSERT_NE(nullptr, mng.chn_blocks(0).lists[0].tail) << "the receiving block stays";
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, res());
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, last_i());
-    cam.sec = 150;
-    put(VESK_FRAME_TYPE_I, 200);
-    mng.rotate_pass(at(t1, 11200));
-    EXPECT_EQ(VESK_OK, res());
-    ASSERT_EQ(VESK_OK, last_i());
-    EXPECT_EQ(150u, sec);
 
     vesk_test::capture_stdout([&] {
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_stream_stat_info(32, 1, &info));
-        info.fps = 3;
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_stream_stat_info(1, 4, &info));
-        EXPECT_EQ(0.0f, info.fps);
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, mng.get_last_frame_info(1, 4, last));
         EXPECT_EQ(VESK_ERR_OPERATE_FAIL, av_get_video_resolution(&mng, 6, VESK_AV_STREAM_MAIN, &w, &h));
         EXPECT_EQ(VESK_ERR_OPERATE_FAIL, av_get_video_resolution(&mng, 5, VESK_AV_STREAM_SUB, &w, &h));
@@ -402,30 +367,6 @@ TEST(AvStatTest, StatisticsAndQueriesFollowTheStreamUntilItGoesSilent)
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_video_resolution(5, VESK_AV_STREAM_MAIN, nullptr, &h));
         EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_last_valid_I_time(5, VESK_AV_STREAM_MAIN, &key, nullptr));
     });
-}
-
-TEST(AvStatTest, CallerMeterReportsAfterThirtySecondsOfFrameTime)
-{
-    vesk_bps_real_info m {};
-    _tagVeskFrameHeader h = frame_head(0, 1, 2048);
-    for (uint32_t i = 0; i <= 30 * 25; i++) {
-        h.uiTimeSec = 1000 + i / 25;
-        ASSERT_EQ(VESK_OK, vesk_utility_update_real_bps_info("cam", &m, &h));
-        if (i < 30 * 25) {
-            ASSERT_EQ(0u, m.kbps) << "frame " << i;
-        }
-    }
-    // 751 frames over 30 s: 25.0 fps, 751 * 2048 * 8 / (30 * 1024) kbps.
-    EXPECT_EQ(25u, m.fps);
-    EXPECT_EQ(0u, m.fps_tenths);
-    EXPECT_EQ(751u * 2048 * 8 / (30 * 1024), m.kbps);
-    EXPECT_EQ(704u, m.width);
-    h.uiTimeSec = 900;
-    vesk_utility_update_real_bps_info("cam", &m, &h);
-    EXPECT_EQ(0u, m.kbps) << "time went back";
-    EXPECT_EQ(VESK_AV_STREAM_SUB, vesk_utility_av_convert_type(VESK_ENC_STR_SUB));
-    EXPECT_EQ(VESK_AV_STREAM_SMART, vesk_utility_av_convert_type(VESK_ENC_STR_SMART));
-    EXPECT_EQ(VESK_AV_STREAM_NUM, vesk_utility_av_convert_type(VESK_ENC_STR_INVALID));
 }
 
 TEST(AvLogoTest, BadRowsStayEmptyMissingLargeLogosFallBackAndReadersShowTheRightOne)
@@ -448,7 +389,6 @@ TEST(AvLogoTest, BadRowsStayEmptyMissingLargeLogosFallBackAndReadersShowTheRight
         {"not_connect_camera.nvr", 0, 100, 100, 0, false, 0}, // no width: only the large row is left
         {"company.nvr", 352, 900, 400, VESK_LOGO_COMPANY, false, 0}, // shorter than it says
         {"lock_ops.nvr", 352, 0xFFFFFFC0u, 100, VESK_LOGO_LOCK_OPS, false, 0}, // wraps with the header
-        {"svac.nvr", 352, 0xFFFFFFF0u, 100, VESK_LOGO_SVAC, false, 0},
         {"no_rec_file.nvr", 352, 101, 100, VESK_LOGO_NO_REC_FILE, false, 0}, // one byte short
         {"not_support.nvr", 352, k_logo_max_payload + 1, k_logo_max_payload + 1, VESK_LOGO_NOT_SUPPORT, false, 0},
     };
@@ -470,25 +410,275 @@ TEST(AvLogoTest, BadRowsStayEmptyMissingLargeLogosFallBackAndReadersShowTheRight
         }
     }
     EXPECT_EQ(VESK_ERR_OPERATE_FAIL, table.get(VESK_LOGO_NO_VIDEO, false, nullptr, &len));
-    // The init-time table read the test root, which holds no logos.
-    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, vesk_utility_get_logo_frame(VESK_LOGO_NO_VIDEO, 1, &f, &len));
 
-    // A reader of a camera not connected gets that logo; of one with no block for 11 s, no video.
+    // A reader of a camera not connected gets that logo instead of frames.
     vesk_test::capture_stdout([&] { logo_table().load(root.c_str()); });
     vesk_utility_av_mng mng;
     vesk_test::consumer c(mng);
     ASSERT_EQ(VESK_OK, c.get(&f));
     EXPECT_EQ(800u, f->uiLength);
-    EXPECT_TRUE(c.r->is_free()) << "a logo holds no block";
-    EXPECT_EQ(VESK_OK, c.put(f));
-    vesk_test::feed in(mng, 1024); // connects the camera
-    in.put(0, VESK_FRAME_TYPE_I);
-    EXPECT_EQ(0u, c.next());
-    const vesk_av_time now = av_now();
-    mng.rotate_pass(now);
-    mng.rotate_pass(at(now, 11000));
-    ASSERT_EQ(VESK_OK, c.get(&f));
-    EXPECT_EQ(500u, f->uiLength);
     EXPECT_EQ(VESK_OK, c.put(f));
     vesk_test::capture_stdout([] { load_logo_frame(); }); // the process's table back as init loaded it
+}
+
+TEST_P(AvReadTest, StartsAtTheNewestKeyFrameAndReadsInOrderAcrossBlocks)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024); // about 6 frames per block
+    for (uint32_t n = 0; n < 40; n++)
+        in.put(n, n % 25 == 0 ? VESK_FRAME_TYPE_I : 2);
+    consumer c(mng, GetParam());
+    EXPECT_EQ(25u, c.next());
+    for (uint32_t n = 26; n < 40; n++) { // no wait while the next frame is there
+        ASSERT_EQ(n, c.next());
+        EXPECT_EQ(n == 39 && !c.by_note ? 33u : 0u, c.interval) << n;
+    }
+    EXPECT_EQ(~0u, c.next()) << "nothing new yet";
+    for (uint32_t n = 40; n < 60; n++)
+        in.put(n, n == 50 ? VESK_FRAME_TYPE_I : n == 55 ? VESK_FRAME_TYPE_KEY2 : 2);
+    for (uint32_t n = 40; n < 60; n++)
+        ASSERT_EQ(n, c.next());
+
+    consumer late(mng, GetParam());
+    EXPECT_EQ(55u, late.next()) << "the second key type is newer than the I frame";
+    feed audio(mng, 1024, VESK_AV_STREAM_AUDIO);
+    for (uint32_t n = 0; n < 8; n++)
+        audio.put(n, 2);
+    EXPECT_EQ(7u, late.next(VESK_AV_STREAM_AUDIO)) << "audio starts at the newest frame";
+}
+
+TEST_P(AvReadTest, FrameSplitOverThreeBlocksArrivesAsOneCopyOrNoResource)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    in.put(1, VESK_FRAME_TYPE_I, 2500);
+    in.put(2, 2, 50);
+    ASSERT_EQ("9527,9528,9529", list_ids(mng, k_ipc, 0));
+    consumer c(mng, GetParam());
+    _tagVeskFrameHeader *f = nullptr, *again = nullptr;
+    vesk_test::capture_stdout([&] {
+        vesk_fault_arm(1, vesk_fault_scope::calling_thread, true);
+        EXPECT_EQ(VESK_ERR_NO_RESOURCE, c.get(&f)) << "no memory for the copy";
+        vesk_fault_disarm();
+    });
+    ASSERT_EQ(VESK_OK, c.get(&f));
+    EXPECT_EQ(1u, f->uiFrameNo);
+    EXPECT_EQ(2500u, f->uiLength);
+    EXPECT_TRUE(intact(f));
+    ASSERT_EQ(VESK_OK, c.get(&again));
+    EXPECT_EQ(f, again) << "asked again while held: the same copy";
+    EXPECT_EQ(VESK_OK, c.put(f));
+    EXPECT_EQ(2u, c.next());
+}
+
+TEST_P(AvReadTest, GapsAndBrokenContinuationsResyncOnTheNextKeyFrameOnVideoOnly)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    for (uint32_t n = 0; n < 5; n++)
+        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
+    consumer c(mng, GetParam());
+    for (uint32_t n = 0; n < 5; n++)
+        ASSERT_EQ(n, c.next());
+    in.put(7, 2);
+    in.put(8, 2);
+    EXPECT_EQ(~0u, c.next()) << "no key frame to resync on yet";
+    in.put(9, VESK_FRAME_TYPE_KEY2);
+    in.put(10, 2);
+    vesk_test::capture_stdout([&] { EXPECT_EQ(9u, c.next()); });
+    EXPECT_EQ(10u, c.next());
+    if (c.by_note) {
+        EXPECT_EQ(4u, c.note.dropped);
+    }
+
+    // A continuation whose tag no longer matches: the piece was lost, the frame goes.
+    in.put(11, 2, 2000);
+    mng.chn_blocks(k_ipc).lists[0].tail->block->lead_tag ^= 0x5A; // the last of its three pieces
+    in.put(12, 2);
+    in.put(13, VESK_FRAME_TYPE_I);
+    vesk_test::capture_stdout([&] { EXPECT_EQ(13u, c.next()); });
+
+    // Analytics frames stand alone: a gap is counted, nothing skipped.
+    feed smart(mng, 1024, VESK_AV_STREAM_SMART);
+    consumer ivs(mng, GetParam());
+    smart.put(1, 2);
+    EXPECT_EQ(1u, ivs.next(VESK_AV_STREAM_SMART));
+    smart.put(4, 2);
+    EXPECT_EQ(4u, ivs.next(VESK_AV_STREAM_SMART));
+    if (ivs.by_note) {
+        EXPECT_EQ(2u, ivs.note.dropped);
+    }
+}
+
+TEST_P(AvReadTest, HeldBlockSurvivesRotationAndReadingResumesAfterRotatedOutBlocks)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024);
+    for (uint32_t n = 0; n < 20; n++)
+        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
+    av_writer_close(&mng, &in.w);
+    consumer c(mng, GetParam());
+    _tagVeskFrameHeader* f = nullptr;
+    ASSERT_EQ(VESK_OK, c.get(&f));
+    mng.set_av_max_cache(1); // every unreferenced block is under pressure
+    const vesk_av_time later = at(av_now(), 20000);
+    mng.rotate_pass(later);
+    EXPECT_EQ("9527", list_ids(mng, k_ipc, 0)) << "only the held block stays";
+    EXPECT_TRUE(intact(f));
+    EXPECT_EQ(VESK_OK, c.put(f));
+    mng.rotate_pass(later);
+    EXPECT_EQ("", list_ids(mng, k_ipc, 0));
+
+    for (uint32_t n = 30; n < 34; n++)
+        in.put(n, n == 32 ? VESK_FRAME_TYPE_I : 2);
+    vesk_test::capture_stdout([&] { EXPECT_EQ(32u, c.next()) << "frames 1-31 are gone: on to the key frame"; });
+    if (c.by_note) {
+        EXPECT_EQ(31u, c.note.dropped);
+    }
+    EXPECT_EQ(33u, c.next());
+}
+
+// A snap user keeps the newest key frame whole, here over three blocks, on either video stream.
+TEST(AvReaderTest, FinishedBlocksLoseTheReadersBitSoTheyGoWithoutPressure)
+{
+    for (vesk_av_stream_type type : {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB}) {
+        vesk_utility_av_mng mng;
+        feed in(mng, 1024, type);
+        consumer c(mng);
+        consumer snap(mng, false, VESK_AV_READER_SNAP_USER);
+        EXPECT_EQ(~0u, c.next(type)); // takes the user bit
+        EXPECT_EQ(~0u, snap.next(type));
+        in.put(0, VESK_FRAME_TYPE_I, 2500);
+        for (uint32_t n = 1; n < 20; n++)
+            in.put(n, 2);
+        const vesk_av_time later = at(av_now(), 1000);
+        mng.rotate_pass(later);
+        EXPECT_EQ("9527,9528,9529,9530,9531,9532", list_ids(mng, k_ipc, type)) << "unread";
+        for (uint32_t n = 0; n < 20; n++)
+            ASSERT_EQ(n, c.next(type));
+        mng.rotate_pass(later);
+        EXPECT_EQ("9527,9528,9529,9532", list_ids(mng, k_ipc, type)) << "the key frame, and the open block";
+    }
+}
+
+TEST(AvReaderTest, InvalidCallsAreRefusedAndARemapResetsTheHistory)
+{
+    vesk_utility_av_mng mng;
+    vesk_av_reader* unset = mng.new_av_reader(VESK_AV_READER_FREE_RUN, VESK_AV_READER_STREAM_USER, 1);
+    _tagVeskFrameHeader* f = nullptr;
+    uint32_t next = 0;
+    feed in(mng, 1024);
+    for (uint32_t n = 0; n < 3; n++)
+        in.put(n, n == 0 ? VESK_FRAME_TYPE_I : 2);
+    consumer c(mng);
+    vesk_test::capture_stdout([&] {
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, unset->get_frame(VESK_AV_STREAM_MAIN, &f, 0, &next)) << "no channel yet";
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, c.r->get_frame(VESK_AV_STREAM_NUM, &f, 0, &next));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, c.r->reset_history(VESK_AV_STREAM_NUM));
+        EXPECT_EQ(VESK_ERR_OPERATE_FAIL, c.r->set_chn(k_av_chn_num));
+    });
+    EXPECT_EQ(0u, c.next()) << "the channel stays";
+    EXPECT_EQ(VESK_OK, mng.delete_av_reader(unset, __FILE__, __func__));
+    // Recorder channel 3 now shows camera 5: the history of camera 3 is dropped.
+    ASSERT_EQ(VESK_OK, mng.switch_ivr_ch(k_ipc, 5));
+    feed five(mng, 1024, VESK_AV_STREAM_MAIN, 5);
+    five.put(900, VESK_FRAME_TYPE_I);
+    EXPECT_EQ(900u, c.next());
+}
+
+TEST(AvReaderTest, BlocksAreHandedOutWholeOnceFinalOrWhenForced)
+{
+    vesk_utility_av_mng mng;
+    feed in(mng, 1024, VESK_AV_STREAM_AUDIO);
+    for (uint32_t n = 0; n < 8; n++)
+        in.put(n, 2);
+    consumer c(mng);
+    vesk_av_reader* r = c.r;
+    vesk_IPC_stream_block_head* b = nullptr;
+    ASSERT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &b, 0));
+    EXPECT_EQ(6u, b->node_num);
+    EXPECT_EQ(VESK_OK, r->put_block(VESK_AV_STREAM_AUDIO, b));
+    EXPECT_EQ(VESK_ERR_OPERATE_FAIL, r->get_block(VESK_AV_STREAM_AUDIO, &b, 0)) << "still receiving, young";
+    ASSERT_EQ(VESK_OK, r->get_block(VESK_AV_STREAM_AUDIO, &b, 1));
+    EXPECT_EQ(2u, b->node_num);
+    EXPECT_EQ(VESK_OK, r->put_block(VESK_AV_STREAM_AUDIO, b));
+    EXPECT_TRUE(r->is_free());
+}
+
+TEST(AvReaderDeathTest, ReferenceMisuseIsFatal)
+{
+    using misuse = std::function<void(consumer&, _tagVeskFrameHeader*)>;
+    struct row {
+        bool by_note;
+        misuse fn;
+        const char* message;
+    };
+    const row rows[] = {
+        {false, [](consumer& c, _tagVeskFrameHeader* f) { c.r->put_frame(VESK_AV_STREAM_MAIN, f + 1); }, "Not Match"},
+        {false, [](consumer& c, _tagVeskFrameHeader*) { c.r->reset_history(VESK_AV_STREAM_MAIN); },
+            "StreamType:0 Reference Resouce Not Empty, Can't Reset"},
+        {false, [](consumer& c, _tagVeskFrameHeader*) { c.r->set_chn(4); }, "Can't Change Chn"},
+        {false, [](consumer& c, _tagVeskFrameHeader*) { c.r->put_block(VESK_AV_STREAM_MAIN, nullptr); },
+            "Reference Block Not Match"},
+        {true,
+            [](consumer& c, _tagVeskFrameHeader* f) { c.api.get_frame(k_ipc, VESK_AV_STREAM_MAIN, &c.note, &f, true); },
+            "release it first"},
+        {true,
+            [](consumer& c, _tagVeskFrameHeader*) {
+                vesk_read_av_list_note copy = c.note;
+                c.api.rel_frame(&c.note);
+                c.api.rel_frame(&copy);
+            },
+            "Not Held"},
+    };
+    for (const row& one : rows) {
+        VESK_EXPECT_FATAL(
+            {
+                vesk_utility_av_mng mng;
+                feed in(mng, 1024);
+                in.put(0, VESK_FRAME_TYPE_I);
+                consumer c(mng, one.by_note);
+                _tagVeskFrameHeader* f = nullptr;
+                c.get(&f);
+                one.fn(c, f);
+            },
+            one.message);
+    }
+}
+
+TEST(AvNoteTest, ExportedCallsMapStreamsAndReleaseSeveralNotes)
+{
+    constexpr uint32_t ch = 29; // nothing else in this process feeds it
+    // One large block each, receiving until closed: rotation keeps it.
+    vesk_av_block_writer w[3];
+    const vesk_av_stream_type types[3] = {VESK_AV_STREAM_MAIN, VESK_AV_STREAM_SUB, VESK_AV_STREAM_SMART};
+    const uint8_t payload[64] = {};
+    for (uint32_t i = 0; i < 3; i++) {
+        ASSERT_EQ(VESK_OK, vesk_utility_av_writer_init(&w[i], ch, types[i], 0x9110C, 64 * 1024, 64));
+        for (uint32_t n = 1; n <= 3; n++) {
+            const _tagVeskFrameHeader h = vesk_test::frame_head(100 * i + n, n == 1 ? VESK_FRAME_TYPE_I : 2, 64);
+            ASSERT_EQ(VESK_OK, vesk_utility_av_writer_put(&w[i], &h, payload));
+        }
+    }
+    vesk_read_av_list_note notes[4] = {};
+    _tagVeskFrameHeader* f[4] = {};
+    ASSERT_EQ(VESK_OK, vesk_utility_first_get_frame(ch, VESK_ENC_STR_MAIN, &notes[0], &f[0]));
+    ASSERT_EQ(VESK_OK, vesk_utility_get_frame(ch, VESK_ENC_STR_THIRD, &notes[1], &f[1]));
+    ASSERT_EQ(VESK_OK, vesk_utility_ivs_first_get_frame(ch, &notes[2], &f[2]));
+    EXPECT_EQ(1u, f[0]->uiFrameNo);
+    EXPECT_EQ(101u, f[1]->uiFrameNo) << "the third stream is carried as the sub stream";
+    EXPECT_EQ(203u, f[2]->uiFrameNo) << "analytics start at the newest frame";
+    vesk_test::capture_stdout([&] {
+        EXPECT_EQ(VESK_ERR_OPERATE_FAIL, vesk_utility_ivs_get_frame(ch + 1, &notes[3], &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_frame(32, VESK_ENC_STR_MAIN, &notes[3], &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_frame(ch, VESK_ENC_STR_INVALID, &notes[3], &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_get_frame(ch, VESK_ENC_STR_MAIN, nullptr, &f[3]));
+        EXPECT_EQ(VESK_ERR_INVALID_PARAM, vesk_utility_rel_frame_multy(nullptr, 1));
+    });
+    ASSERT_EQ(VESK_OK, vesk_utility_rel_frame_multy(notes, 4));
+    ASSERT_EQ(VESK_OK, vesk_utility_get_frame(ch, VESK_ENC_STR_MAIN, &notes[0], &f[0]));
+    EXPECT_EQ(2u, f[0]->uiFrameNo) << "the position survives the release";
+    EXPECT_EQ(VESK_OK, vesk_utility_rel_frame(&notes[0]));
+    for (vesk_av_block_writer& one : w)
+        vesk_utility_av_writer_close(&one);
 }
