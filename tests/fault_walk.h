@@ -21,9 +21,8 @@ struct fault_run {
     std::string out; // what the operation printed
 };
 
-// Runs op with allocation n = 1, 2, ... failing (on this thread only), its output captured,
-// then check(run); stops after the first clean run and returns the allocations op makes.
-// `limit` guards against an operation that never stops allocating.
+// Runs op with allocation n = 1, 2, ... failing (this thread only), then check(run); stops
+// after the first clean run and returns the allocations op makes.
 template <typename Op, typename Check> unsigned walk_alloc_failures(Op op, Check check, unsigned limit = 20000)
 {
     for (unsigned n = 1; n <= limit; n++) {

@@ -65,8 +65,7 @@ inline int listen_unix(const std::string& path)
     return fd;
 }
 
-// Waits for an 8-byte answer; its magic, or -1 when the server closed the connection or
-// nothing came before the deadline.
+// The magic of an 8-byte answer, or -1 (connection closed, or nothing before the deadline).
 inline long long read_answer(int fd)
 {
     vesk_utility::vesk_cmd_answer a;

@@ -31,8 +31,7 @@ int main(int argc, char** argv)
     }
     vesk_test::make_private_root();
     vesk_soft::vesk_utility_init(vesk_soft::VESK_UTILITY_OPS_MAIN_APP);
-    // The timer's check thread greets asynchronously; tests that match printed output exactly
-    // start once it has.
+    // Tests that match printed output exactly start once the timer's thread has greeted.
     vesk_utility::vesk_utility_timer* timer = vesk_utility::vesk_utility_res_manage::instance()->get_timer();
     for (int i = 0; i < 30000 && !timer->check_thread_entered(); i++)
         usleep(1000);

@@ -9,8 +9,7 @@
 namespace vesk_test
 {
 
-// Sets VESK_UTILITY_ROOT to a fresh tree with the folders the layer uses, unless it is already
-// set (as in the preinit tests' children, which share their parent's).
+// Sets VESK_UTILITY_ROOT to a fresh tree, unless already set (the preinit children share it).
 void make_private_root();
 // Removes the tree when this process created it.
 void remove_private_root();
@@ -19,26 +18,21 @@ std::string private_root();
 // What fn printed to standard output, less the background messages below.
 std::string capture_stdout(const std::function<void()>& fn);
 
-// The receive task of the process's own command client prints this every 100 ms while no
-// proxy server runs beside the test, whatever the test is doing.
+// Printed every 100 ms by the process's own command client while no proxy server runs.
 constexpr const char* k_unconnected_client = "m_connect_fd fail!";
 // text without those messages (and the count of their repeats that closes a run).
 std::string without_background_messages(const std::string& text);
 
-// The layer prints to standard output, death tests read standard error: a dying statement
-// runs after this, inside the child.
+// Death tests read standard error: a dying statement runs after this, inside the child.
 void stdout_to_stderr();
 
-// text without the coloured messages of the layer's log ("\e[...m[UTL] ...\e[m"), which
-// other threads may print while a test captures a dump.
+// text without the layer's coloured log messages, which other threads may print meanwhile.
 std::string without_log_messages(const std::string& text);
 
-// Number of non-overlapping occurrences of needle in text.
 int count_of(const std::string& text, const std::string& needle);
 
-// For objects whose destructor is deliberately fatal (pools, thread pools): keeps them
-// reachable until exit, as the layer keeps its own, so that the leak checker counts them as
-// live. Called from test bodies only (one thread).
+// Keeps objects whose destructor is fatal (pools) reachable until exit, so the leak checker
+// counts them as live. Test bodies only (one thread).
 template <class T> T* never_destroyed(T* object)
 {
     static std::vector<T*>* const kept = new std::vector<T*>();
@@ -52,8 +46,7 @@ template <class T> T* never_destroyed(T* object)
 #define VESK_EXPECT_FATAL(statement, regex)                                                                            \
     EXPECT_EXIT({ ::vesk_test::stdout_to_stderr(); statement; }, ::testing::ExitedWithCode(255), regex)
 
-// The exit status a checked build's sanitizer reports end with (ASan 1, TSan 66); 0 in the
-// plain build.
+// The exit status of a sanitizer's report (ASan 1, TSan 66); 0 in the plain build.
 #if defined(__SANITIZE_ADDRESS__)
 #define VESK_TEST_SANITIZER_EXIT 1
 #elif defined(__SANITIZE_THREAD__)
