@@ -1,6 +1,7 @@
 // Shared helpers of the test executables.
 #include "test_support.h"
 
+#include <dirent.h>
 #include <ftw.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -104,6 +105,18 @@ std::string without_background_messages(const std::string& text)
             || (message.find("::rec_answer_msg[") != std::string::npos
                 && message.find("last message repeated") != std::string::npos);
     });
+}
+
+int open_descriptors()
+{
+    int n = 0;
+    DIR* d = opendir("/proc/self/fd");
+    if (d == nullptr)
+        return -1;
+    while (readdir(d) != nullptr)
+        n++;
+    closedir(d);
+    return n;
 }
 
 int count_of(const std::string& text, const std::string& needle)

@@ -31,6 +31,9 @@ std::string without_log_messages(const std::string& text);
 
 int count_of(const std::string& text, const std::string& needle);
 
+// Descriptors the process has open (the listing's own included), or -1.
+int open_descriptors();
+
 // Keeps objects whose destructor is fatal (pools) reachable until exit, so the leak checker
 // counts them as live. Test bodies only (one thread).
 template <class T> T* never_destroyed(T* object)

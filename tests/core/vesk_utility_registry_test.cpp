@@ -3,7 +3,6 @@
 // threads) the accounted totals, the registry lists and pool, the note trees and the process's
 // open descriptors are back at their baseline. In the checked build LeakSanitizer adds its own
 // report at exit.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -158,18 +157,6 @@ TEST(HandlePatternDeathTest, DoubleDeleteNamesTheCaller)
 namespace
 {
 
-int open_descriptors()
-{
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    if (d == nullptr)
-        return -1;
-    while (readdir(d) != nullptr)
-        n++;
-    closedir(d);
-    return n;
-}
-
 // The accounted totals and blocks, the A/V total, the note trees, the registry's free pool
 // and lists, and the open descriptors.
 std::vector<int64_t> take_snapshot()
@@ -177,7 +164,7 @@ std::vector<int64_t> take_snapshot()
     vesk_ground* r = vesk_ground::instance();
     std::vector<int64_t> s {r->mem_account().total_size(), r->mem_account().live_blocks(), vesk_mem_av_total(),
         r->malloc_note().malloc_size(), r->new_note().malloc_size(), r->registry().free_pool_nodes(),
-        open_descriptors()};
+        vesk_test::open_descriptors()};
     for (int l = 0; l < VESK_LIST_COUNT; l++)
         s.push_back(r->registry().list_size(static_cast<vesk_handle_list>(l)));
     return s;
