@@ -337,7 +337,7 @@ TEST_F(ToolnetTest, TenThousandOpenCloseCyclesLeaveNothingBehind)
 namespace
 {
 
-// Closes its own handle twice in its first receive callback (the second finds it ending).
+// What close_self saw: it closes its handle twice in its first callback (the second finds it ending).
 struct self_closer {
     std::atomic<int> calls {0};
     std::atomic<VESK_ERR> ret {1}, again {1};
