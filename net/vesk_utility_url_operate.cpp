@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/vesk_utility_bytes.h"
 #include "core/vesk_utility_log.h"
 #include "core/vesk_utility_mem_account.h"
 #include "core/vesk_utility_purposes.h"
@@ -79,20 +80,6 @@ template <size_t N> bool copy_field(char (&field)[N], const char* s)
     if (n != 0)
         memcpy(field, s, n);
     field[n] = '\0';
-    return true;
-}
-
-bool write_all(int fd, const char* data, size_t len)
-{
-    while (len > 0) {
-        const ssize_t n = write(fd, data, len);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
     return true;
 }
 
@@ -326,7 +313,7 @@ size_t vesk_url_realize::on_write(char* data, size_t size, size_t count, void* a
     if (self->m_cancel.load(std::memory_order_relaxed))
         return 0;
     if (sink->fd >= 0) {
-        if (!write_all(sink->fd, data, n)) {
+        if (!fd_write_all(sink->fd, data, n)) {
             sink->error = errno != 0 ? errno : EIO;
             return 0;
         }
