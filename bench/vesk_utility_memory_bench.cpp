@@ -46,6 +46,11 @@ void vesk_working_set(benchmark::State& state)
         [](void* p) { vesk_utility_free(__FILE__, __func__, p); });
 }
 
+void floor_working_set(benchmark::State& state)
+{
+    vesk_bench::run_floor_working_set(state);
+}
+
 void baseline_heap_working_set(benchmark::State& state)
 {
     baseline_working_set(state);
@@ -65,5 +70,6 @@ BENCHMARK(baseline_malloc_free)->Arg(16)->Arg(256)->Arg(4096)->Threads(1)->Threa
 BENCHMARK(vesk_malloc_free)->Arg(16)->Arg(256)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(baseline_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(vesk_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(floor_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(baseline_heap_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(vesk_heap_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();

@@ -83,6 +83,11 @@ void vesk_little_working_set(benchmark::State& state)
         [](void* p) { vesk_utility_free(__FILE__, __func__, p); });
 }
 
+void floor_little_working_set(benchmark::State& state)
+{
+    vesk_bench::run_floor_working_set(state);
+}
+
 // The same with strings of 16 to range(0) bytes including the NUL.
 const char* pattern_text()
 {
@@ -115,5 +120,6 @@ BENCHMARK(baseline_strdup_free)->Arg(16)->Arg(64)->Arg(256)->Arg(1000)->Threads(
 BENCHMARK(vesk_strdup_free)->Arg(16)->Arg(64)->Arg(256)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(baseline_little_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(vesk_little_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(floor_little_working_set)->Arg(512)->Arg(4096)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(baseline_strdup_working_set)->Arg(512)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(vesk_strdup_working_set)->Arg(512)->Arg(1000)->Threads(1)->Threads(2)->UseRealTime();

@@ -1,7 +1,7 @@
 // Dispatch lateness of periodic timer tasks (10, 100 and 1000 ms intervals; 50 and 400 tasks)
 // against a baseline of one thread that sleeps with clock_nanosleep until the earliest due task
 // of the same set; and the CPU the idle service costs per second against one thread waking
-// every 100 ms (the longest sleep of an idle service thread).
+// every 100 ms (the longest sleep of an idle service thread), with the floor of eight such threads.
 //
 // Lateness is the start of a run minus its due time (the end of the previous run plus the
 // interval, as both schedulers compute it); negative when a task started early. Counters: p50
@@ -215,6 +215,35 @@ void baseline_idle_cpu(benchmark::State& state)
     }
 }
 
+// The floor of the timer's rules: its eight threads (five common, two real-time, the check
+// thread) each sleeping at most 100 ms, with nothing to do when they wake.
+constexpr int k_service_threads = 8;
+
+void floor_idle_cpu(benchmark::State& state)
+{
+    for (auto _ : state) {
+        std::atomic<int64_t> used {0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < k_service_threads; t++)
+            threads.emplace_back([&used] {
+                const std::string tid = std::to_string(syscall(SYS_gettid));
+                const int64_t before = thread_cpu_ns(tid);
+                int64_t due = mono_ns();
+                for (int i = 0; i < k_idle_seconds * 10; i++) {
+                    due += 100000000;
+                    const timespec ts = {static_cast<time_t>(due / 1000000000), static_cast<long>(due % 1000000000)};
+                    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) != 0) { }
+                }
+                used += thread_cpu_ns(tid) - before;
+            });
+        for (std::thread& t : threads)
+            t.join();
+        const double per_sec = used / 1e9 / k_idle_seconds;
+        state.SetIterationTime(per_sec > 0 ? per_sec : 1e-9);
+        state.counters["cpu_us_per_s"] = per_sec * 1e6;
+    }
+}
+
 void dispatch_args(benchmark::internal::Benchmark* b)
 {
     for (int interval : {10, 100, 1000}) {
@@ -230,3 +259,4 @@ BENCHMARK(baseline_dispatch)->Apply(dispatch_args);
 BENCHMARK(vesk_dispatch)->Apply(dispatch_args);
 BENCHMARK(baseline_idle_cpu)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(vesk_idle_cpu)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(floor_idle_cpu)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);

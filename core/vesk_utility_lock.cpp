@@ -29,7 +29,7 @@ namespace
 
 constexpr const char* k_cls_lock = "vesk_lock_realize";
 constexpr const char* k_cls_rw = "vesk_rw_lock_realize";
-constexpr const char* k_no_usr = "no usr";
+constexpr char k_no_usr[] = "no usr";
 
 // Every object of this service is allocated with this alignment; the static_asserts below
 // keep it sufficient.
@@ -146,7 +146,7 @@ void copy_caller(char (&dst)[k_lock_holder_size], const char* file, const char* 
 
 void set_no_usr(char (&dst)[k_lock_holder_size])
 {
-    memcpy(dst, k_no_usr, strlen(k_no_usr) + 1);
+    memcpy(dst, k_no_usr, sizeof(k_no_usr));
 }
 
 // A snapshot of a text that its owner may be rewriting.
@@ -469,7 +469,10 @@ VESK_ERR vesk_rw_lock_realize::unlock(const char* file, const char* func)
             const time_t since = m_lock_time.load(std::memory_order_relaxed);
             m_lock_time.store(0, std::memory_order_relaxed);
             if (m_cnt.compare_exchange_strong(cnt, 0, std::memory_order_relaxed)) {
-                set_no_usr(m_writer);
+                // Only a writer's hold leaves its text; the last reader finds "no usr" there
+                // and leaves the shared line unwritten.
+                if (memcmp(m_writer, k_no_usr, sizeof(k_no_usr)) != 0)
+                    set_no_usr(m_writer);
                 break;
             }
             // A reader came in meanwhile (its count did not start from 0): its hold keeps the time.
