@@ -4,12 +4,15 @@
 // the baseline is printed beside: the least ratio any implementation of the layer's fixed
 // rules (one pool mutex, a shared hold count, the timer's 100 ms sleeps) could reach.
 //
-// The layer logs to standard output, and without a proxy server beside it the command client
-// alone logs every 100 ms. The tables keep the original standard output; the layer's messages
-// go to "layer.log" in the private root, and the last line says how many there were.
+// The proxy server runs beside the layer, as in the recorder (without it the command client
+// would try to connect every 100 ms and log its faults). The layer logs to standard output:
+// the tables keep the original one, the layer's messages go to "layer.log" in the private
+// root, and the last line says how many there were.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ext/stdio_filebuf.h>
@@ -78,6 +81,37 @@ long count_messages(const std::string& path)
     return n;
 }
 
+// The proxy server for the main role in the private root, once its socket is there; 0 when it
+// is not built or does not start (the layer then runs its commands in-process).
+pid_t start_proxy_server(const std::string& root)
+{
+#ifdef VESK_BENCH_PROXY_SERVER
+    const std::string sock = root + "/usr/lib/libmodel.socket";
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int null_fd = open("/dev/null", O_WRONLY);
+        dup2(null_fd, STDOUT_FILENO);
+        execl(VESK_BENCH_PROXY_SERVER, VESK_BENCH_PROXY_SERVER, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    for (int i = 0; pid > 0 && i < 100; i++) {
+        if (access(sock.c_str(), F_OK) == 0)
+            return pid;
+        if (waitpid(pid, nullptr, WNOHANG) == pid)
+            break;
+        usleep(20 * 1000);
+    }
+    fprintf(stderr, "bench: the proxy server did not start\n");
+    if (pid > 0) {
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
+    }
+#else
+    (void)root;
+#endif
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -91,7 +125,11 @@ int main(int argc, char** argv)
             return 2;
         setenv("VESK_UTILITY_ROOT", tmpl, 1);
     }
-    const std::string log_path = std::string(getenv("VESK_UTILITY_ROOT")) + "/layer.log";
+    const std::string root = getenv("VESK_UTILITY_ROOT");
+    const std::string log_path = root + "/layer.log";
+    mkdir((root + "/usr").c_str(), 0755);
+    mkdir((root + "/usr/lib").c_str(), 0755);
+    const pid_t proxy = start_proxy_server(root);
     fflush(stdout);
     const int table_fd = dup(STDOUT_FILENO);
     const int log_fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -111,5 +149,9 @@ int main(int argc, char** argv)
     fflush(stdout);
     table << "layer messages: " << count_messages(log_path) << " in " << log_path << "\n";
     table.flush();
+    if (proxy > 0) {
+        kill(proxy, SIGTERM);
+        waitpid(proxy, nullptr, 0);
+    }
     return 0;
 }
