@@ -1,6 +1,6 @@
 // JSON tree against cJSON and RapidJSON: parse (and free) and compact print of recorder-like
 // documents of 1 KB, 64 KB and 1 MB. Each vesk_ run is paired with the baseline_ run of the
-// same name; bytes processed give MB/s.
+// same name; bytes processed give MB/s. The parse floor is cJSON allocating through one mutex.
 #include <benchmark/benchmark.h>
 #include <cJSON.h>
 
@@ -8,6 +8,9 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <pthread.h>
+
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -68,6 +71,33 @@ void cjson_parse(benchmark::State& state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));
 }
 
+// The floor of a tree whose every node and string is its own allocation from a pool behind one
+// mutex: cJSON with each of its allocations and frees taken under such a mutex.
+pthread_mutex_t s_pool_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+void* pooled_malloc(size_t size)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    void* p = malloc(size);
+    pthread_mutex_unlock(&s_pool_mutex);
+    return p;
+}
+
+void pooled_free(void* p)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    free(p);
+    pthread_mutex_unlock(&s_pool_mutex);
+}
+
+void cjson_pooled_parse(benchmark::State& state)
+{
+    cJSON_Hooks hooks = {pooled_malloc, pooled_free};
+    cJSON_InitHooks(&hooks);
+    cjson_parse(state);
+    cJSON_InitHooks(nullptr);
+}
+
 void rapidjson_parse(benchmark::State& state)
 {
     const std::string& text = document(state.range(0));
@@ -123,6 +153,7 @@ void rapidjson_print(benchmark::State& state)
 
 VESK_JSON_BENCH("vesk_parse_cjson", vesk_parse);
 VESK_JSON_BENCH("baseline_parse_cjson", cjson_parse);
+VESK_JSON_BENCH("floor_parse_cjson", cjson_pooled_parse);
 VESK_JSON_BENCH("vesk_parse_rapidjson", vesk_parse);
 VESK_JSON_BENCH("baseline_parse_rapidjson", rapidjson_parse);
 VESK_JSON_BENCH("vesk_print_cjson", vesk_print);
