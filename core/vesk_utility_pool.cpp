@@ -91,13 +91,17 @@ bool utility_pool_base::index_room()
     if (m_index_count < m_index_cap)
         return true;
     const uint32_t cap = m_index_cap == 0 ? 4 : m_index_cap * 2;
-    pool_fit_index** grown = static_cast<pool_fit_index**>(vesk_sys_malloc(sizeof(pool_fit_index*) * cap));
+    // One block holds both arrays.
+    pool_fit_index** grown = static_cast<pool_fit_index**>(vesk_sys_malloc(sizeof(pool_fit_index*) * cap * 2));
     if (grown == nullptr)
         return false;
-    if (m_index_count != 0)
+    if (m_index_count != 0) {
         memcpy(grown, m_index, sizeof(pool_fit_index*) * m_index_count);
+        memcpy(grown + cap, m_by_addr, sizeof(pool_fit_index*) * m_index_count);
+    }
     free(m_index);
     m_index = grown;
+    m_by_addr = grown + cap;
     m_index_cap = cap;
     return true;
 }
@@ -157,6 +161,12 @@ utility_pool_chunk* utility_pool_base::creat_chunk(bool must_succeed)
     m_chunk_head = chunk;
     memmove(m_index + 1, m_index, sizeof(pool_fit_index*) * m_index_count);
     m_index[0] = index;
+    uint32_t at = m_index_count;
+    while (at > 0 && m_by_addr[at - 1]->chunk()->chunk_addr > chunk->chunk_addr) {
+        m_by_addr[at] = m_by_addr[at - 1];
+        at--;
+    }
+    m_by_addr[at] = index;
     m_index_count++;
     update_bounds();
     m_total_mem_size += m_chunk_size;
@@ -216,11 +226,18 @@ VESK_CHAR* utility_pool_base::take_node(
 
 pool_fit_index* utility_pool_base::find_chunk(const void* ptr)
 {
-    for (uint32_t i = 0; i < m_index_count; i++) {
-        if (m_index[i]->contains(ptr))
-            return m_index[i];
+    // The last chunk that starts at or below ptr is the only one that can hold it.
+    const VESK_CHAR* p = static_cast<const VESK_CHAR*>(ptr);
+    uint32_t lo = 0;
+    uint32_t hi = m_index_count;
+    while (lo < hi) {
+        const uint32_t mid = lo + (hi - lo) / 2;
+        if (m_by_addr[mid]->chunk()->chunk_addr <= p)
+            lo = mid + 1;
+        else
+            hi = mid;
     }
-    return nullptr;
+    return lo > 0 && m_by_addr[lo - 1]->contains(ptr) ? m_by_addr[lo - 1] : nullptr;
 }
 
 // Every check of a node handed back by a caller. Returns only for a live node whose both
@@ -328,6 +345,10 @@ void utility_pool_base::release_node(pool_fit_index* index, pool_node* node)
         while (m_index[i] != index)
             i++;
         memmove(m_index + i, m_index + i + 1, sizeof(pool_fit_index*) * (m_index_count - i - 1));
+        i = 0;
+        while (m_by_addr[i] != index)
+            i++;
+        memmove(m_by_addr + i, m_by_addr + i + 1, sizeof(pool_fit_index*) * (m_index_count - i - 1));
         m_index_count--;
         pool_fit_index::destroy(index);
         update_bounds();

@@ -173,6 +173,8 @@ private:
     const bool m_little;
     // The search structures of every chunk, in the order of the chunk list (C heap memory).
     pool_fit_index** m_index = nullptr; // GUARDED_BY(m_lock)
+    // The same, in address order, so that a free finds its chunk by bisection.
+    pool_fit_index** m_by_addr = nullptr; // GUARDED_BY(m_lock)
     uint32_t m_index_count = 0; // GUARDED_BY(m_lock)
     uint32_t m_index_cap = 0; // GUARDED_BY(m_lock)
     // The lowest and highest address of any chunk's node area (written under m_lock), so that
@@ -184,7 +186,7 @@ private:
 
     // The index of the chunk whose node area holds ptr, or NULL.
     pool_fit_index* find_chunk(const void* ptr);
-    // Keeps m_index in the order of the chunk list; false when the C heap refuses.
+    // Room for one more chunk in m_index and m_by_addr; false when the C heap refuses.
     bool index_room();
     // False only when no chunk can hold ptr; read without m_lock (see m_lo).
     bool may_own(const void* ptr) const;
