@@ -193,39 +193,14 @@ void vesk_idle_cpu(benchmark::State& state)
     }
 }
 
-void baseline_idle_cpu(benchmark::State& state)
+// CPU per second of `threads` bare sleepers, each waking every 100 ms with nothing to do.
+void run_sleepers(benchmark::State& state, int threads)
 {
     for (auto _ : state) {
         std::atomic<int64_t> used {0};
-        std::thread t([&] {
-            const std::string tid = std::to_string(syscall(SYS_gettid));
-            const int64_t before = thread_cpu_ns(tid);
-            int64_t due = mono_ns();
-            for (int i = 0; i < k_idle_seconds * 10; i++) {
-                due += 100000000;
-                const timespec ts = {static_cast<time_t>(due / 1000000000), static_cast<long>(due % 1000000000)};
-                while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) != 0) { }
-            }
-            used = thread_cpu_ns(tid) - before;
-        });
-        t.join();
-        const double per_sec = used / 1e9 / k_idle_seconds;
-        state.SetIterationTime(per_sec > 0 ? per_sec : 1e-9);
-        state.counters["cpu_us_per_s"] = per_sec * 1e6;
-    }
-}
-
-// The floor of the timer's rules: its eight threads (five common, two real-time, the check
-// thread) each sleeping at most 100 ms, with nothing to do when they wake.
-constexpr int k_service_threads = 8;
-
-void floor_idle_cpu(benchmark::State& state)
-{
-    for (auto _ : state) {
-        std::atomic<int64_t> used {0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < k_service_threads; t++)
-            threads.emplace_back([&used] {
+        std::vector<std::thread> sleepers;
+        for (int t = 0; t < threads; t++)
+            sleepers.emplace_back([&used] {
                 const std::string tid = std::to_string(syscall(SYS_gettid));
                 const int64_t before = thread_cpu_ns(tid);
                 int64_t due = mono_ns();
@@ -236,12 +211,24 @@ void floor_idle_cpu(benchmark::State& state)
                 }
                 used += thread_cpu_ns(tid) - before;
             });
-        for (std::thread& t : threads)
+        for (std::thread& t : sleepers)
             t.join();
         const double per_sec = used / 1e9 / k_idle_seconds;
         state.SetIterationTime(per_sec > 0 ? per_sec : 1e-9);
         state.counters["cpu_us_per_s"] = per_sec * 1e6;
     }
+}
+
+void baseline_idle_cpu(benchmark::State& state)
+{
+    run_sleepers(state, 1);
+}
+
+// The floor of the timer's rules: its eight threads (five common, two real-time, the check
+// thread) each sleeping at most 100 ms, with nothing to do when they wake.
+void floor_idle_cpu(benchmark::State& state)
+{
+    run_sleepers(state, 8);
 }
 
 void dispatch_args(benchmark::internal::Benchmark* b)
